@@ -1,0 +1,81 @@
+#include "velka/Semaphore.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+
+#include "velka/Assert.h"
+
+namespace velka {
+
+Semaphore::Semaphore(unsigned int count) : count_(count) {
+    pthread_mutex_init(&mutex_, nullptr);
+    pthread_cond_init(&cond_, nullptr);
+}
+
+Semaphore::~Semaphore() {
+    pthread_cond_destroy(&cond_);
+    pthread_mutex_destroy(&mutex_);
+}
+
+void Semaphore::wait() {
+    pthread_mutex_lock(&mutex_);
+    while (count_ == 0) {
+        if (pthread_cond_wait(&cond_, &mutex_) != 0) {
+            puts("Wait fail");
+            VELKA_ASSERT(0);
+        }
+    }
+    --count_;
+    pthread_mutex_unlock(&mutex_);
+}
+
+bool Semaphore::tryWait() {
+    pthread_mutex_lock(&mutex_);
+    bool taken = count_ > 0;
+    if (taken) --count_;
+    pthread_mutex_unlock(&mutex_);
+    return taken;
+}
+
+bool Semaphore::timedWait(unsigned int ms) {
+    pthread_mutex_lock(&mutex_);
+    struct timespec deadline;
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += ms / 1000;
+    deadline.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
+    if (deadline.tv_nsec >= 1000000000L) {
+        deadline.tv_sec += deadline.tv_nsec / 1000000000L;
+        deadline.tv_nsec %= 1000000000L;
+    }
+    for (;;) {
+        if (count_ > 0) {
+            --count_;
+            pthread_mutex_unlock(&mutex_);
+            return true;
+        }
+        int ret = pthread_cond_timedwait(&cond_, &mutex_, &deadline);
+        if (ret == ETIMEDOUT) {
+            pthread_mutex_unlock(&mutex_);
+            return false;
+        }
+        if (ret != 0) {
+            pthread_mutex_unlock(&mutex_);
+            puts("timedWait fail");
+            VELKA_ASSERT(0);
+        }
+    }
+}
+
+void Semaphore::post() {
+    pthread_mutex_lock(&mutex_);
+    ++count_;
+    if (pthread_cond_signal(&cond_) != 0) {
+        pthread_mutex_unlock(&mutex_);
+        puts("post fail");
+        VELKA_ASSERT(0);
+    }
+    pthread_mutex_unlock(&mutex_);
+}
+
+}  // namespace velka
