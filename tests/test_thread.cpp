@@ -494,13 +494,30 @@ INSTANTIATE_TEST_SUITE_P(
 // destructor's wait(0) must see the self-wait and not try to join; the platform
 // thread then ends (LeakSanitizer reports the object if it is never freed).
 TEST(ThreadTest, DetachedThreadFreesItselfAndEnds) {
-    GatedRunnable runnable;
+    // Nothing of the runnable is touched after `ended` is set, so the test may
+    // destroy it from then on; the Thread itself is gone by the time the task
+    // has left /proc.
+    class LastWordRunnable : public Thread::Runnable {
+    public:
+        void run() override {
+            tid = currentTid();
+            started.post();
+            gate.timedWait(kBoundMs);
+            ended.store(true, std::memory_order_release);
+        }
+        std::atomic<pid_t> tid{0};
+        std::atomic<bool> ended{false};
+        Semaphore started{0};
+        Semaphore gate{0};
+    } runnable;
+
     Thread* thread = new Thread(runnable, true, "detached", kPriority, kStackSize);
     thread->start();
     thread = nullptr;  // owned by the platform thread from here on
-    ASSERT_TRUE(runnable.waitStarted());
-    const pid_t tid = runnable.tid();
-    runnable.open();
+    ASSERT_TRUE(runnable.started.timedWait(kBoundMs));
+    const pid_t tid = runnable.tid;
+    runnable.gate.post();
+    EXPECT_TRUE(waitUntil([&] { return runnable.ended.load(std::memory_order_acquire); }));
     EXPECT_TRUE(waitUntil([&] { return !taskExists(tid); }));
 }
 
