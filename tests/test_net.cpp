@@ -153,29 +153,29 @@ bool bringUpWithLink(const std::string& name, const std::string& peer, Kind kind
 // Returns the kind of interface it could make, reporting a skip or a failure
 // when it could not.
 Kind setUpInterfaces(Report& report) {
-    struct Spec {
+    struct Planned {
         const char* name;
         const char* peer;
         const char* mac;
         const char* address;
     };
-    const Spec specs[] = {
+    const Planned interfaces[] = {
         {"eth0", "peer-eth0", "00:1a:2b:3c:4d:5e", "192.0.2.10/24"},
         {"wlan0", "peer-wlan0", "fe:dc:ba:98:76:54", nullptr},
         {"velkaiface12345", "peer-long", "02:00:00:00:00:15", "198.51.100.15/24"},
     };
     Kind kind = Kind::kVeth;
-    for (const Spec& spec : specs) {
-        const Kind made = addInterface(spec.name, spec.peer);
+    for (const Planned& iface : interfaces) {
+        const Kind made = addInterface(iface.name, iface.peer);
         if (made == Kind::kNone) {
             report.skip("neither veth nor dummy interfaces can be created here");
             return Kind::kNone;
         }
         if (made == Kind::kDummy) kind = Kind::kDummy;
-        const std::string name = spec.name;
-        if (!ip("link set " + name + " address " + spec.mac) ||
-            (spec.address != nullptr && !ip("addr add " + std::string(spec.address) + " dev " + name)) ||
-            !bringUpWithLink(name, spec.peer, made)) {
+        const std::string name = iface.name;
+        if (!ip("link set " + name + " address " + iface.mac) ||
+            (iface.address != nullptr && !ip("addr add " + std::string(iface.address) + " dev " + name)) ||
+            !bringUpWithLink(name, iface.peer, made)) {
             report.fail("setting up " + name + " failed");
             return Kind::kNone;
         }
