@@ -58,7 +58,7 @@ private:
     int stackSize_;
     State state_;                 // guarded by stateLock_
     pthread_t thread_;            // guarded by stateLock_
-    bool hasThread_;              // a platform thread was created into thread_
+    bool hasThread_;              // thread_ holds a created, not yet joined platform thread
     pthread_mutex_t stateLock_;   // recursive; guards state_, thread_, hasThread_
     pthread_cond_t finished_;     // broadcast when state_ becomes FINISHED
     pthread_mutex_t startLock_;   // recursive; held by start() while the thread is created

@@ -62,6 +62,9 @@ Thread::~Thread() {
 void Thread::start() {
     pthread_mutex_lock(&stateLock_);
     VELKA_ASSERT(state_ != RUNNING);
+    // A restart straight from FINISHED: the previous platform thread has left
+    // run() and is about to exit. Join it now so that its handle is not lost.
+    if (state_ == FINISHED) joinThread();
     state_ = RUNNING;
 
     pthread_attr_t attr;
@@ -78,7 +81,7 @@ void Thread::start() {
 
     pthread_mutex_lock(&startLock_);
     int ret = pthread_create(&thread_, &attr, &Thread::localstart, this);
-    hasThread_ = (ret == 0) && !detached_;
+    hasThread_ = (ret == 0);
     pthread_mutex_unlock(&startLock_);
 
     pthread_attr_destroy(&attr);
@@ -92,7 +95,8 @@ void* Thread::localstart(void* thread) {
 }
 
 void Thread::localstart() {
-    // Go on only once start() has stored thread_.
+    // Go on only once start() has stored thread_ (the deadlock check of wait()
+    // compares against it).
     pthread_mutex_lock(&startLock_);
     pthread_mutex_unlock(&startLock_);
 
@@ -109,12 +113,18 @@ void Thread::localstart() {
         printf("unknown exception in create thread %s\n", name_.c_str());
     }
 
+    // Once FINISHED is published the owner may join and destroy a joinable
+    // Thread, so nothing of *this is touched after the unlock except by a
+    // detached thread, which owns itself.
+    const bool detached = detached_;
     pthread_mutex_lock(&stateLock_);
     state_ = FINISHED;
     pthread_cond_broadcast(&finished_);
     pthread_mutex_unlock(&stateLock_);
 
-    if (detached_) delete this;
+    // The destructor runs on this thread: its wait(0) finds thread_ to be the
+    // caller and returns kStatusDeadlock without joining.
+    if (detached) delete this;
 }
 
 VelkaStatus Thread::wait(int ms) {
@@ -148,7 +158,8 @@ VelkaStatus Thread::wait(int ms) {
 }
 
 void Thread::joinThread() {
-    if (hasThread_) {
+    // A detached platform thread cannot be joined; it ends on its own.
+    if (hasThread_ && !detached_) {
         pthread_join(thread_, nullptr);
         hasThread_ = false;
     }
