@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -129,10 +130,12 @@ private:
 };
 
 // Reads to the end with each next request issued from inside complete(), as
-// the playback engine's pull source does.
+// the playback engine's pull source does. Stops after `maxReads` requests, so
+// a file that never reaches its end fails the test instead of hanging it.
 class ChainedReader : public File::AsyncCallback {
 public:
-    ChainedReader(File& file, uint32_t block) : file_(file), buffer_(block) {}
+    ChainedReader(File& file, uint32_t block, size_t maxReads)
+        : file_(file), buffer_(block), maxReads_(maxReads) {}
 
     // False when the first request was refused.
     bool start() {
@@ -144,13 +147,12 @@ public:
         bool next = false;
         {
             std::lock_guard<std::mutex> lock(mutex_);
-            ++completions_;
             statuses_.push_back(status);
             lengths_.push_back(length);
             if (length <= buffer_.size()) {
                 data_.insert(data_.end(), buffer_.begin(), buffer_.begin() + length);
             }
-            next = status == velka::kStatusOk;
+            next = status == velka::kStatusOk && statuses_.size() < maxReads_;
             if (!next) {
                 done_ = true;
                 cond_.notify_all();
@@ -181,9 +183,9 @@ public:
 private:
     File& file_;
     std::vector<char> buffer_;
+    const size_t maxReads_;
     std::mutex mutex_;
     std::condition_variable cond_;
-    int completions_ = 0;
     bool done_ = false;
 };
 
@@ -208,6 +210,10 @@ struct ChainCase {
     int64_t start;  // position sought before the first request
 };
 
+void PrintTo(const ChainCase& c, std::ostream* os) {
+    *os << "block " << c.block << ", file " << c.fileSize << " bytes, from " << c.start;
+}
+
 class ChainedReadTest : public LocalFileTest, public ::testing::WithParamInterface<ChainCase> {};
 
 TEST_P(ChainedReadTest, ReadsTheFileToTheEndByteForByte) {
@@ -219,14 +225,14 @@ TEST_P(ChainedReadTest, ReadsTheFileToTheEndByteForByte) {
     ASSERT_EQ(0, file.open());
     ASSERT_EQ(c.start, file.seek(c.start, File::kSeekSet));
 
-    ChainedReader reader(file, c.block);
-    ASSERT_TRUE(reader.start());
-    ASSERT_TRUE(reader.waitDone()) << "chain did not finish";
-    ASSERT_FALSE(reader.refused_);
-
     // Full blocks until the end, then one short (possibly empty) block.
     const size_t wanted = c.fileSize - static_cast<size_t>(c.start);
     const size_t reads = wanted / c.block + 1;
+
+    ChainedReader reader(file, c.block, reads + 2);
+    ASSERT_TRUE(reader.start());
+    ASSERT_TRUE(reader.waitDone()) << "chain did not finish";
+    ASSERT_FALSE(reader.refused_);
     ASSERT_EQ(reads, reader.statuses_.size());
     for (size_t i = 0; i + 1 < reads; ++i) {
         ASSERT_EQ(velka::kStatusOk, reader.statuses_[i]) << "read " << i;
@@ -527,6 +533,10 @@ struct OpenFailure {
     const char* name;
     std::string url;  // "@" stands for the temporary directory
 };
+
+void PrintTo(const OpenFailure& f, std::ostream* os) {
+    *os << f.url;
+}
 
 class OpenFailureTest : public LocalFileTest, public ::testing::WithParamInterface<OpenFailure> {};
 
