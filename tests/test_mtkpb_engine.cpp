@@ -121,7 +121,7 @@ public:
     Report report() {
         std::lock_guard<std::mutex> lock(mutex_);
         Report r = report_;
-        r.outstanding = live_.size();
+        r.outstanding = undelivered();
         r.held = held_.size();
         return r;
     }
@@ -156,11 +156,16 @@ private:
         IMtkPb_Ctrl_PullReadAsyncNfy done;
         void* doneTag;
         bool cancelled = false;
-        bool completing = false;  // done is being called
-        bool doneCalled = false;  // ... has been called (set just before)
+        bool doneCalled = false;  // the engine's completion function is being or was called
     };
 
     static constexpr uintptr_t kPullHandleMark = 0x5eed;
+
+    // Accepted reads whose completion has not been delivered yet; mutex_ held.
+    size_t undelivered() const {
+        return static_cast<size_t>(
+            std::count_if(live_.begin(), live_.end(), [](const Request* r) { return !r->doneCalled; }));
+    }
 
     // Checks what every callback receives; takes mutex_.
     static TestSource* enter(IMTK_PULL_HANDLE_T pull, void* tag, bool checkPull = true) {
@@ -190,7 +195,7 @@ private:
         TestSource* s = enter(hPullSrc, pvAppTag);
         std::lock_guard<std::mutex> lock(s->mutex_);
         s->report_.closes++;
-        s->report_.outstandingAtClose = static_cast<long>(s->live_.size());
+        s->report_.outstandingAtClose = static_cast<long>(s->undelivered());
         s->open_ = false;
         return IMTK_PB_CB_ERROR_CODE_OK;
     }
@@ -237,10 +242,8 @@ private:
             // On the completion thread, before returning.
             s->queue_.push_back(r);
             s->condition_.notify_all();
-            const uint64_t target = s->report_.completed + s->report_.cancelled + 1;
-            s->condition_.wait(lock, [&] {
-                return s->report_.completed + s->report_.cancelled >= target || s->quit_;
-            });
+            const uint64_t target = s->doneReturned_ + 1;
+            s->condition_.wait(lock, [&] { return s->doneReturned_ >= target || s->quit_; });
             s->report_.completedBeforeReturn++;
         } else {
             s->queue_.push_back(r);
@@ -259,7 +262,7 @@ private:
             s->report_.abortOfCompleted++;  // its completion has already returned
             return IMTK_PB_CB_ERROR_CODE_NOT_OK;
         }
-        if (r->completing || r->cancelled) {
+        if (r->doneCalled || r->cancelled) {
             s->report_.abortsTooLate++;
             return IMTK_PB_CB_ERROR_CODE_NOT_OK;
         }
@@ -315,7 +318,6 @@ private:
         uint32_t length = 0;
         {
             std::lock_guard<std::mutex> lock(mutex_);
-            r->completing = true;
             if (r->cancelled) {
                 result = IMTK_PB_PULL_READ_CANCELLED;
             } else if (readsCompleted_++ >= options_.failFrom) {
@@ -330,16 +332,17 @@ private:
                 }
             }
             r->doneCalled = true;
-        }
-        r->done(result, r->doneTag, r, length);
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            live_.erase(r);
             if (result == IMTK_PB_PULL_READ_CANCELLED) {
                 report_.cancelled++;
             } else {
                 report_.completed++;
             }
+        }
+        r->done(result, r->doneTag, r, length);
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            live_.erase(r);
+            doneReturned_++;
         }
         condition_.notify_all();
         delete r;
@@ -372,6 +375,7 @@ private:
     uint64_t readIndex_ = 0;
     uint64_t readsCompleted_ = 0;
     std::set<Request*> live_;  // accepted, completion not yet returned
+    uint64_t doneReturned_ = 0;
     std::vector<Request*> held_;
     std::deque<Request*> queue_;
     bool quit_ = false;
