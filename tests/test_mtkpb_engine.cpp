@@ -19,7 +19,7 @@
 #include <cstring>
 #include <deque>
 #include <functional>
-#include <map>
+#include <ostream>
 #include <mutex>
 #include <set>
 #include <string>
@@ -636,6 +636,8 @@ struct MediumCase {
     std::string Media::*path;
 };
 
+void PrintTo(const MediumCase& c, std::ostream* os) { *os << c.name; }
+
 const MediumCase kMedia[] = {{"Mp4IndexAtEnd", &Media::mp4}, {"MpegTs", &Media::ts}};
 
 class MtkPbEngineMedia : public MtkPbEngine, public ::testing::WithParamInterface<MediumCase> {
@@ -874,6 +876,8 @@ struct AbortCase {
     bool cancelInline;  // the source completes the aborted read inside pb_abort
     uint64_t holdFrom;  // the read that is held
 };
+
+void PrintTo(const AbortCase& c, std::ostream* os) { *os << c.name; }
 
 class MtkPbEngineAbort : public MtkPbEngine, public ::testing::WithParamInterface<AbortCase> {};
 
