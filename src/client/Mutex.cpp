@@ -1,16 +1,11 @@
 #include "velka/Mutex.h"
 
+#include "Posix.h"
 #include "velka/Assert.h"
 
 namespace velka {
 
-Mutex::Mutex() {
-    pthread_mutexattr_t attr;
-    pthread_mutexattr_init(&attr);
-    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
-    pthread_mutex_init(&mutex_, &attr);
-    pthread_mutexattr_destroy(&attr);
-}
+Mutex::Mutex() { initRecursiveMutex(&mutex_); }
 
 Mutex::~Mutex() { pthread_mutex_destroy(&mutex_); }
 

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include "Posix.h"
 #include "velka/Assert.h"
 
 namespace velka {
@@ -40,14 +41,7 @@ bool Semaphore::tryWait() {
 
 bool Semaphore::timedWait(unsigned int ms) {
     pthread_mutex_lock(&mutex_);
-    struct timespec deadline;
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += ms / 1000;
-    deadline.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
-    if (deadline.tv_nsec >= 1000000000L) {
-        deadline.tv_sec += deadline.tv_nsec / 1000000000L;
-        deadline.tv_nsec %= 1000000000L;
-    }
+    const struct timespec deadline = realtimeDeadlineAfter(ms);
     for (;;) {
         if (count_ > 0) {
             --count_;

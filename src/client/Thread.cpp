@@ -8,34 +8,10 @@
 #include <ctime>
 #include <exception>
 
+#include "Posix.h"
 #include "velka/Assert.h"
 
 namespace velka {
-
-namespace {
-
-void initRecursive(pthread_mutex_t* mutex) {
-    pthread_mutexattr_t attr;
-    pthread_mutexattr_init(&attr);
-    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
-    pthread_mutex_init(mutex, &attr);
-    pthread_mutexattr_destroy(&attr);
-}
-
-// Absolute CLOCK_REALTIME deadline `ms` from now, nanoseconds kept below 1e9.
-struct timespec deadlineAfter(int ms) {
-    struct timespec ts;
-    clock_gettime(CLOCK_REALTIME, &ts);
-    ts.tv_sec += ms / 1000;
-    ts.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
-    if (ts.tv_nsec >= 1000000000L) {
-        ts.tv_sec += ts.tv_nsec / 1000000000L;
-        ts.tv_nsec %= 1000000000L;
-    }
-    return ts;
-}
-
-}  // namespace
 
 Thread::Thread(Runnable& runnable, bool detached, const std::string& name, int priority,
                int stackSize)
@@ -47,9 +23,9 @@ Thread::Thread(Runnable& runnable, bool detached, const std::string& name, int p
       state_(INIT),
       thread_(),
       hasThread_(false) {
-    initRecursive(&stateLock_);
+    initRecursiveMutex(&stateLock_);
     pthread_cond_init(&finished_, nullptr);
-    initRecursive(&startLock_);
+    initRecursiveMutex(&startLock_);
 }
 
 Thread::~Thread() {
@@ -136,7 +112,7 @@ VelkaStatus Thread::wait(int ms) {
     int ret = 0;
     if (state_ == RUNNING) {
         if (ms > 0) {
-            struct timespec deadline = deadlineAfter(ms);
+            struct timespec deadline = realtimeDeadlineAfter(static_cast<unsigned int>(ms));
             while (state_ == RUNNING && ret == 0) {
                 ret = pthread_cond_timedwait(&finished_, &stateLock_, &deadline);
             }

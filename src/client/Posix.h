@@ -1,0 +1,37 @@
+#ifndef VELKA_SRC_POSIX_H
+#define VELKA_SRC_POSIX_H
+
+// Small POSIX helpers shared by the threading primitives.
+
+#include <pthread.h>
+
+#include <ctime>
+
+namespace velka {
+
+inline void initRecursiveMutex(pthread_mutex_t* mutex) {
+    pthread_mutexattr_t attr;
+    pthread_mutexattr_init(&attr);
+    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
+    pthread_mutex_init(mutex, &attr);
+    pthread_mutexattr_destroy(&attr);
+}
+
+// The absolute CLOCK_REALTIME time `ms` milliseconds from now, for condition
+// waits with default attributes. Whole seconds of the nanosecond sum are
+// carried, so tv_nsec stays below 1e9 (a 999 ms wait must not fail).
+inline struct timespec realtimeDeadlineAfter(unsigned int ms) {
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    ts.tv_sec += ms / 1000;
+    ts.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
+    if (ts.tv_nsec >= 1000000000L) {
+        ts.tv_sec += ts.tv_nsec / 1000000000L;
+        ts.tv_nsec %= 1000000000L;
+    }
+    return ts;
+}
+
+}  // namespace velka
+
+#endif  // VELKA_SRC_POSIX_H
