@@ -201,7 +201,9 @@ TEST_P(OpenFailureTest, LeavesNothingBehindAndAnnouncesTheError) {
     EXPECT_EQ(MediaPlayer::kStateClosed, player_->state());
     EXPECT_EQ(url, player_->url());
     EXPECT_EQ(row.engineClosed ? 1u : 0u, mtkpb::control::calls(Op::kClose));
-    if (row.missingFile) EXPECT_EQ(0u, mtkpb::control::calls(Op::kOpen));
+    if (row.missingFile) {
+        EXPECT_EQ(0u, mtkpb::control::calls(Op::kOpen));
+    }
     EXPECT_TRUE(noEngineInstance());
     EXPECT_EQ(descriptors_, openDescriptors()) << "the source was not destroyed";
     expectTransitions({kOpening, kOpenFailed});

@@ -245,7 +245,9 @@ TEST_P(CompletionStatusTest, ReachesTheEngineOnce) {
               out.find("complete condition " + std::to_string(row.status) + " len " +
                        std::to_string(row.length) + "\n"))
         << out;
-    if (row.line != nullptr) EXPECT_NE(std::string::npos, out.find(row.line)) << out;
+    if (row.line != nullptr) {
+        EXPECT_NE(std::string::npos, out.find(row.line)) << out;
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(
