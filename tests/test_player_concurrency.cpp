@@ -48,12 +48,13 @@ TEST(PlayerConcurrency, CommandsFromSeveralThreadsNeitherDeadlockNorRace) {
     mtkpb::control::setSpeed(0);
     const std::string url = Media::url(media().mp4);
 
-    MediaPlayer player;
+    // Listeners first: they must outlive the player that notifies them.
     EventLog log;
+    EventLog commander;
+    MediaPlayer player;
     player.addListener(log);
     // A listener that answers events with commands (lock order: listener
     // lock, then player lock).
-    EventLog commander;
     commander.setHook([&player](const Event& e) {
         if (e.id == MediaPlayer::kEventEndOfStream) {
             player.timeSeek(0);
@@ -156,8 +157,8 @@ TEST(PlayerConcurrency, CommandsFromSeveralThreadsNeitherDeadlockNorRace) {
 
     // Whatever the run left in the process-wide Playback, the next player
     // opens, plays and closes.
-    MediaPlayer next;
     EventLog nextLog;
+    MediaPlayer next;
     next.addListener(nextLog);
     mtkpb::control::setSpeed(1);
     ASSERT_EQ(velka::kStatusOk, next.open(url));
