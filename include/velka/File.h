@@ -22,14 +22,22 @@ namespace velka {
 // callback. The callback object must live until complete() has been called;
 // complete() may destroy it. The handle is valid until complete() returns, and
 // cancel() is only called for a request whose completion is not yet delivered.
+// A completed read advances the position by its length, so consecutive
+// asynchronous reads continue one another.
+//
+// The position-based operations require a successful open(); misuse (an
+// operation on a file that is not open, a null request to cancel()) is a
+// broken precondition, asserted by the sources. Failures are results only.
 class File : private NonCopyable {
 public:
+    // The values are the POSIX seek origins.
     enum Whence : int32_t {
         kSeekSet = 0,      // from the start
         kSeekCurrent = 1,  // from the current position
         kSeekEnd = 2,      // from the end
     };
 
+    // Receives the completion of one asynchronous read.
     class AsyncCallback {
     public:
         // status: kStatusOk, kStatusEndOfFile, kStatusCancelled or kStatusError.
@@ -48,19 +56,23 @@ public:
     // Starts a read of up to `count` bytes at the current position. Returns a
     // request handle, or null when the request was refused.
     virtual void* readAsync(char* buffer, uint32_t count, AsyncCallback& callback) = 0;
-    // 0 when the request was cancelled (it still completes once, with
-    // kStatusCancelled), -1 otherwise.
+    // Asks the source to abandon an accepted request (never null). 0 when it
+    // was cancelled (it still completes once, with kStatusCancelled and 0
+    // bytes), -1 otherwise.
     virtual int cancel(void* request) = 0;
     // The new position, or -1.
     virtual int64_t seek(int64_t offset, Whence whence) = 0;
     virtual int64_t tell() = 0;
+    // The total length in bytes.
     virtual int64_t length() = 0;
-    // Bytes from the current position to the end; negative on failure.
+    // Bytes from the current position to the end (length minus position);
+    // negative on failure.
     virtual int64_t available() = 0;
     // How full the source's own buffer is, 0 to 100 (100 without a buffer).
     virtual int cachePercent() = 0;
     // The current error code, 0 when none.
     virtual int error() = 0;
+    // Destroys through a pointer to File, normally after close().
     virtual ~File() {}
 
 protected:

@@ -1,0 +1,327 @@
+#include "velka/DtaFile.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+
+#include "CBctiDta.h"
+#include "velka/Assert.h"
+#include "velka/Semaphore.h"
+#include "velka/Thread.h"
+
+namespace velka {
+
+// One queued asynchronous read. Its address is the request handle; the worker
+// frees it after completing it.
+struct DtaAsyncRequest {
+    DtaFile* file;  // not owned
+    char* buffer;   // not owned
+    uint32_t length;
+    bool cancelled;  // written under the worker's mutex_ while queued
+    File::AsyncCallback* callback;  // not owned; completed exactly once
+};
+
+// The one worker of all DtaFiles: serves their asynchronous reads one at a
+// time, oldest first, and owns the engine's start-up and tear-down. Built on
+// first use, destroyed at process exit.
+class DtaTaskThread : public Thread::Runnable {
+public:
+    static DtaTaskThread* instance();
+
+    // Runs on "DtaTaskThread".
+    void run() override;
+
+private:
+    friend class DtaFile;
+
+    DtaTaskThread();
+    ~DtaTaskThread();
+
+    // On the worker, with the file's mutex_ held: one engine read for `request`.
+    VelkaStatus serve(DtaAsyncRequest* request, uint32_t* count);
+
+    std::atomic<bool> running_;  // cleared at tear-down
+    int initResult_;             // the engine's initEngine result; non-zero = unusable
+    Thread* thread_;             // owned
+    Mutex mutex_;                // guards requests_
+    Semaphore wakeup_;           // posted once per queued request and once at tear-down
+    std::deque<DtaAsyncRequest*> requests_;  // oldest first
+};
+
+namespace {
+
+// Where the engine works; its configuration is copied in when the worker is built.
+const char kWorkDir[] = "/tmp/velka";
+
+// The engine, set once while the worker is built.
+CBctiDta* dtaEngine_ = nullptr;
+
+// Held for the whole of DtaTaskThread::instance(); built at load.
+Mutex instanceMutex_;
+
+// The low 32 bits, for the engine's diagnostic lines.
+int low32(int64_t value) { return static_cast<int>(static_cast<uint32_t>(value)); }
+
+// Runs on the engine's threads.
+int dta_event_handler(CBctiDta* /*engine*/, int32_t event, int32_t param1, int32_t param2,
+                      const char* message) {
+    printf("dta event[%d],param1[%d],param2[%d],message[%s]\n", event, param1, param2,
+           message != nullptr ? message : "");
+    return 0;
+}
+
+}  // namespace
+
+DtaTaskThread* DtaTaskThread::instance() {
+    Mutex::Autolock lock(instanceMutex_);
+    static DtaTaskThread dtaTaskThread;
+    return &dtaTaskThread;
+}
+
+DtaTaskThread::DtaTaskThread() : running_(false), initResult_(0), thread_(nullptr), wakeup_(0) {
+    // The engine finds its configuration in its working directory. Both
+    // commands may fail (the directory exists, the box has no configuration);
+    // the engine decides what it can do without.
+    int ret = system("mkdir /tmp/velka");
+    (void)ret;
+    ret = system("cp -f /3rd/velka/run/ems.conf /tmp/velka");
+    (void)ret;
+
+    dtaEngine_ = CBctiDta::GetInstance();
+    initResult_ = dtaEngine_->initEngine(kWorkDir);
+
+    thread_ = new Thread(*this, false, "DtaTaskThread", 40, 2048);
+    // Set before the thread starts rather than by run(): a tear-down that
+    // comes before the new thread is first scheduled must still end it.
+    running_ = true;
+    thread_->start();
+}
+
+// At process exit. Requests still queued are neither completed nor freed.
+DtaTaskThread::~DtaTaskThread() {
+    running_ = false;
+    wakeup_.post();
+    delete thread_;  // waits for run() to return
+    dtaEngine_->uninitEngine();
+    int ret = system("rm -fr /tmp/velka");
+    (void)ret;
+}
+
+void DtaTaskThread::run() {
+    // When the engine failed to initialise it serves nothing. Its requests
+    // still complete, in order, each with kStatusError (kStatusCancelled when
+    // cancelled) and without an engine call, so that no caller waits for a
+    // completion that never comes.
+    const bool engineUsable = initResult_ == 0;
+    if (engineUsable) dtaEngine_->setEventCallback(dta_event_handler);
+
+    while (running_) {
+        DtaAsyncRequest* request = nullptr;
+        {
+            Mutex::Autolock lock(mutex_);
+            if (!requests_.empty()) {
+                request = requests_.front();
+                requests_.pop_front();
+            }
+        }
+        if (request == nullptr) {
+            wakeup_.wait();
+            continue;
+        }
+
+        VelkaStatus status;
+        uint32_t count = 0;
+        if (request->cancelled) {
+            status = kStatusCancelled;
+        } else if (!engineUsable) {
+            status = kStatusError;
+        } else {
+            Mutex::Autolock lock(request->file->mutex_);
+            status = serve(request, &count);
+        }
+        // No lock held: the callback may queue the next read at once.
+        request->callback->complete(status, count);
+        delete request;
+    }
+}
+
+VelkaStatus DtaTaskThread::serve(DtaAsyncRequest* request, uint32_t* count) {
+    DtaFile* file = request->file;
+    if (file->position_ == file->length_) return kStatusEndOfFile;
+
+    const int handle = file->handle_;
+    uint64_t n = request->length;
+    int ret = dtaEngine_->readData(handle, request->buffer, &n);
+    printf("dta task handle %ld error %d data %p leng %d read %d\n", static_cast<long>(handle), ret,
+           static_cast<void*>(request->buffer), static_cast<int>(request->length),
+           low32(static_cast<int64_t>(n)));
+    if (ret != 0) return kStatusError;
+    // A short count is still a success; the next request continues after it.
+    file->position_ += static_cast<int64_t>(n);
+    *count = static_cast<uint32_t>(n);
+    return kStatusOk;
+}
+
+DtaFile::DtaFile(const std::string& url) : File(url), position_(0), length_(-1), handle_(-1) {}
+
+DtaFile::~DtaFile() {}
+
+int DtaFile::open() {
+    DtaTaskThread::instance();
+    handle_ = dtaEngine_->openUrl(url_.c_str());
+    // On failure the handle stays, so that close() still releases it.
+    if (dtaEngine_->startTask(handle_) != 0) return -1;
+
+    DtaTransferInfo info;
+    memset(&info, 0, sizeof(info));
+    // An engine that cannot answer may leave the record unfilled: the length
+    // then stays unknown (-1) rather than becoming 0.
+    info.totalLength = -1;
+    int ret = dtaEngine_->queryTask(handle_, kDtaInfoTransfer, &info);
+    length_ = info.totalLength;
+    printf("dta open handle %ld error %d length %d\n", static_cast<long>(handle_), ret,
+           low32(length_));
+    return 0;
+}
+
+int DtaFile::close() {
+    printf("DtaFile close\n");
+    const int handle = handle_;
+    if (handle != -1) {
+        printf("DtaFile close1111\n");
+        dtaEngine_->closeTask(handle);
+        printf("dta close handle %ld\n", static_cast<long>(handle));
+        handle_ = -1;
+    }
+    printf("DtaFile close success\n");
+    return 0;
+}
+
+int DtaFile::read(char* buffer, uint32_t length) {
+    VELKA_ASSERT(handle_ != -1);
+    Mutex::Autolock lock(mutex_);
+    if (position_ == length_) return 0;
+
+    const int handle = handle_;
+    uint64_t count = length;
+    // Blocks this caller, with mutex_ held, for as long as the engine takes.
+    int ret = dtaEngine_->readData(handle, buffer, &count);
+    printf("dta read handle %ld error %d length %d read %d\n", static_cast<long>(handle), ret,
+           static_cast<int>(length), low32(static_cast<int64_t>(count)));
+    if (ret != 0) return -1;
+    position_ += static_cast<int64_t>(count);
+    return static_cast<int>(count);
+}
+
+void* DtaFile::readAsync(char* buffer, uint32_t length, AsyncCallback& callback) {
+    VELKA_ASSERT(handle_ != -1);
+    DtaAsyncRequest* request = new DtaAsyncRequest{this, buffer, length, false, &callback};
+    DtaTaskThread* worker = DtaTaskThread::instance();
+    {
+        Mutex::Autolock lock(worker->mutex_);
+        worker->requests_.push_back(request);
+    }
+    worker->wakeup_.post();
+    // The request may already be completed and freed; only its address is returned.
+    return request;
+}
+
+int DtaFile::cancel(void* request) {
+    Mutex::Autolock lock(mutex_);
+    VELKA_ASSERT(handle_ != -1);
+    DtaTaskThread* worker = DtaTaskThread::instance();
+    Mutex::Autolock queueLock(worker->mutex_);
+    for (DtaAsyncRequest* queued : worker->requests_) {
+        if (queued == request) {
+            // It stays queued; the worker completes it with kStatusCancelled.
+            queued->cancelled = true;
+            return 0;
+        }
+    }
+    // Taken by the worker or already completed: it completes normally.
+    return -1;
+}
+
+// Positions past the end are clamped to length_ - 1, and a seek that lands
+// exactly there does not reach the engine; kSeekCurrent may still land on
+// length_, and kSeekEnd with offset 0 gives length_.
+int64_t DtaFile::seek(int64_t offset, Whence whence) {
+    const int64_t length = length_;
+    const int64_t position = position_;
+    int64_t target;
+    if (whence == kSeekSet) {
+        if (offset > 0) {
+            target = offset < length ? offset : length - 1;
+        } else {
+            target = 0;
+        }
+    } else if (whence == kSeekCurrent) {
+        if (offset > 0) {
+            int64_t sum;
+            bool overflow = __builtin_add_overflow(position, offset, &sum);
+            target = !overflow && sum <= length ? sum : length - 1;
+        } else {
+            target = position + offset;  // position_ >= 0, so this cannot overflow
+            if (target < 0) target = 0;
+        }
+    } else {  // kSeekEnd, and every other origin
+        if (offset > 0) {
+            target = length - 1;
+        } else {
+            target = offset < -length ? 0 : length + offset;
+        }
+    }
+    position_ = target;
+    if (target == length - 1) return target;
+
+    const int handle = handle_;
+    int ret = dtaEngine_->seekTask(handle, 0, target, 0);
+    printf("dta seek handle %ld error %d pos %d\n", static_cast<long>(handle), ret, low32(target));
+    return target;
+}
+
+int64_t DtaFile::tell() { return position_; }
+
+int64_t DtaFile::length() { return length_; }
+
+int64_t DtaFile::available() {
+    const int64_t length = length_;
+    const int64_t position = position_;
+    printf("DtaFile::available [%lld][%lld]\n", static_cast<long long>(length),
+           static_cast<long long>(position));
+    return length - position;
+}
+
+int DtaFile::cachePercent() {
+    const int handle = handle_;
+    if (handle <= 0) return 0;
+    DtaTransferInfo info;
+    memset(&info, 0, sizeof(info));
+    int ret = dtaEngine_->queryTask(handle, kDtaInfoTransfer, &info);
+    const int percent = info.bufferPercent;
+    printf("dta handle %ld error %d percent %d\n", static_cast<long>(handle), ret, percent);
+    return percent;
+}
+
+// Engine states 3 and 4 become the error codes 5 and 6 of the player's error
+// event; every other state (also any above 4) is no error.
+int DtaFile::error() {
+    const int handle = handle_;
+    if (handle <= 0) return 0;
+    DtaStateInfo info;
+    memset(&info, 0, sizeof(info));
+    int ret = dtaEngine_->queryTask(handle, kDtaInfoState, &info);
+    const int state = info.state;
+    printf("dta handle %ld error %d percent %d\n", static_cast<long>(handle), ret, state);
+    switch (static_cast<uint32_t>(state)) {
+        case 3:
+            return 5;
+        case 4:
+            return 6;
+        default:
+            return 0;
+    }
+}
+
+}  // namespace velka

@@ -1,0 +1,74 @@
+#ifndef VELKA_SRC_CLIENT_PULLSOURCE_H
+#define VELKA_SRC_CLIENT_PULLSOURCE_H
+
+// The pull source: the callbacks through which the playback engine opens,
+// reads, seeks and sizes the medium, answered from a File. Playback registers
+// them with IMtkPb_Ctrl_SetEngineParam; they run on engine threads.
+//
+// The source of a callback is the tmp file (the source Playback::open
+// created) while there is one; otherwise the File whose address is the pull
+// handle, which pb_open created and pb_close destroys.
+
+#include <atomic>
+#include <cstdint>
+
+#include "IMtkPb_Ctrl.h"
+#include "velka/File.h"
+#include "velka/Semaphore.h"
+
+#define VELKA_INTERNAL __attribute__((visibility("hidden")))
+
+namespace velka {
+
+// State shared between Playback and the pull callbacks (Playback.cpp).
+
+// The source Playback::open created and opened; null outside a playback.
+// Playback clears it only after the engine instance has been closed, so the
+// pull callbacks read it without a lock.
+extern VELKA_INTERNAL std::atomic<File*> tempFile_;
+// The last position the engine reported and no player has been told of yet;
+// -1 = none.
+extern VELKA_INTERNAL std::atomic<int32_t> currentTime_;
+// Posted once per accepted asynchronous read, after its request handle has
+// been stored; waited once per completion. Built by Playback's constructor.
+extern VELKA_INTERNAL Semaphore* readGate_;
+
+// Completion of one asynchronous read: hands the result to the engine's
+// completion function, then destroys itself. Runs on the source's completion
+// thread.
+class PlaybackCallback final : public File::AsyncCallback {
+public:
+    PlaybackCallback(IMtkPb_Ctrl_PullReadAsyncNfy done, void* tag);
+
+    void complete(VelkaStatus status, uint32_t length) override;
+    ~PlaybackCallback() override {}
+
+    // Stored by pb_read_async once readAsync has accepted the request.
+    void setRequest(void* request) { request_ = request; }
+
+private:
+    std::atomic<void*> request_;         // the handle readAsync returned; null until then
+    IMtkPb_Ctrl_PullReadAsyncNfy done_;  // the engine's completion function
+    void* tag_;                          // the engine's context for done_
+};
+
+// The pull callbacks. Each returns 0 on success and -1 on failure.
+IMTK_PB_CB_ERROR_CODE_T pb_open(IMTK_PB_HANDLE_T hHandle, IMTK_PULL_HANDLE_T* phPullSrc,
+                                void* pvAppTag);
+IMTK_PB_CB_ERROR_CODE_T pb_close(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag);
+IMTK_PB_CB_ERROR_CODE_T pb_read(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag, uint8_t* pu1DstBuf,
+                                uint32_t u4Count, uint32_t* pu4Read);
+IMTK_PB_CB_ERROR_CODE_T pb_read_async(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag,
+                                      uint8_t* pu1DstBuf, uint32_t u4Count,
+                                      IMtkPb_Ctrl_PullReadAsyncNfy pfnNfy, void* pvNfyTag,
+                                      IMTK_PULL_REQ_HANDLE_T* phReq);
+IMTK_PB_CB_ERROR_CODE_T pb_abort(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag,
+                                 IMTK_PULL_REQ_HANDLE_T hReq);
+IMTK_PB_CB_ERROR_CODE_T pb_seek(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag, int64_t i8Offset,
+                                uint8_t u1Origin, uint64_t* pu8CurPos);
+IMTK_PB_CB_ERROR_CODE_T pb_available(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag,
+                                     uint64_t* pu8Avail);
+
+}  // namespace velka
+
+#endif  // VELKA_SRC_CLIENT_PULLSOURCE_H
