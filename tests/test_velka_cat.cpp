@@ -184,6 +184,26 @@ TEST_F(VelkaCatTest, SeekSegmentsAreHashedInOrder) {
     EXPECT_EQ(md5sum(expectedPath), resultValue(run.out, "md5"));
 }
 
+// Any URL but file:// goes to the download engine; the stand-in built here
+// serves dta-test://PATH from local storage.
+TEST_F(VelkaCatTest, DownloadEngineUrlReadsTheFileByteExact) {
+    const std::string path = makeFile("dta.bin", patternBytes(3 * 1024 * 1024 + 7, 11));
+    for (const char* block : {"", "--block 4093", "--block 1m"}) {
+        SCOPED_TRACE(block);
+        const ToolRun run = velkaCat(std::string("--quiet ") + block + " 'dta-test://" + path + "'");
+        ASSERT_EQ(0, run.exitCode) << run.err;
+        EXPECT_EQ(md5sum(path), resultValue(run.out, "md5"));
+        EXPECT_EQ(std::to_string(3 * 1024 * 1024 + 7), resultValue(run.out, "bytes"));
+    }
+    // The library's lines show the source the factory chose.
+    const std::string log = dir_ + "/dta.log";
+    const ToolRun logged = velkaCat("--quiet --log '" + log + "' 'dta-test://" + path + "'");
+    ASSERT_EQ(0, logged.exitCode) << logged.err;
+    const std::string text = readAll(log);
+    EXPECT_NE(std::string::npos, text.find("file path is dta-test://" + path + "\n")) << text;
+    EXPECT_NE(std::string::npos, text.find("\ndta file\n")) << text;
+}
+
 TEST_F(VelkaCatTest, LogOptionReceivesTheLibraryLines) {
     const std::string path = makeFile("log.bin", patternBytes(1000, 7));
     const std::string log = dir_ + "/library.log";
@@ -191,8 +211,11 @@ TEST_F(VelkaCatTest, LogOptionReceivesTheLibraryLines) {
     ASSERT_EQ(0, run.exitCode) << run.err;
     EXPECT_EQ(md5sum(path), resultValue(run.out, "md5"));
     const std::vector<std::string> logged = lines(readAll(log));
-    ASSERT_FALSE(logged.empty());
-    EXPECT_EQ(0u, logged[0].find("local file open " + path + " fd ")) << logged[0];
+    // The factory's choice, then the source's own lines.
+    ASSERT_GE(logged.size(), 3u);
+    EXPECT_EQ("file path is file://" + path, logged[0]);
+    EXPECT_EQ("local file ", logged[1]);
+    EXPECT_EQ(0u, logged[2].find("local file open " + path + " fd ")) << logged[2];
     EXPECT_EQ(std::string::npos, run.out.find("local file")) << "library lines reached stdout";
 
     // "-" keeps them on standard output, beside the results.

@@ -25,7 +25,7 @@
 
 #include "Md5.h"
 #include "velka/File.h"
-#include "velka/LocalFile.h"
+#include "velka/FileFactory.h"
 
 namespace {
 
@@ -52,7 +52,8 @@ const char kUsage[] =
     "Reads URL through the velka library with chained asynchronous reads (each\n"
     "read issued when the one before completes) and prints the byte count, the\n"
     "throughput and the MD5 digest of what was read. URL is file://PATH or a\n"
-    "plain path, taken as a local file.\n"
+    "plain path, taken as a local file; any other URL is read through the\n"
+    "download engine (the engine built in this tree serves dta-test://PATH).\n"
     "\n"
     "  --block N    bytes per read, default 65536; a k or m suffix counts KiB or MiB\n"
     "  --seek OFF   seek to OFF and read from there to the end (OFF < 0 counts back\n"
@@ -215,16 +216,10 @@ std::string toUrl(const std::string& arg) {
 }
 
 // The one place where a URL becomes an open source; null when it cannot be
-// opened. Only local files for now: once the library's FileFactory is there,
-// its createFile(url) replaces the construction below and every other URL
-// reaches its source too.
+// opened. The library chooses the source, as it does for playback.
 std::unique_ptr<File> openSource(const std::string& arg) {
-    const std::string url = toUrl(arg);
-    std::unique_ptr<File> file;
-    if (url.find("file://") == 0) {
-        file.reset(new velka::LocalFile(url));
-    }
-    if (!file || file->open() != 0) return nullptr;
+    std::unique_ptr<File> file(velka::FileFactory::createFile(toUrl(arg)));
+    if (file->open() != 0) return nullptr;
     return file;
 }
 
@@ -256,6 +251,12 @@ public:
         bytes_.fetch_add(length);
         if (status != velka::kStatusOk) {
             finish(status, false);
+            return;
+        }
+        if (length == 0) {
+            // Success without a byte: the source has nothing more to give (the
+            // download engine answers so at its end). Asking again would spin.
+            finish(velka::kStatusEndOfFile, false);
             return;
         }
         // The next completion may run before readAsync() returns: nothing of
