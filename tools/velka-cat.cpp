@@ -334,11 +334,11 @@ private:
         char line[160];
         const double rate = megabytesPerSecond(bytes, seconds(now - start_));
         if (total_ > 0) {
-            snprintf(line, sizeof line, "%10.1f MB of %.1f MB %5.1f%% %9.1f MB/s",
+            snprintf(line, sizeof line, "%10.1f MB of %.1f MB %5.1f%% %9.2f MB/s",
                      static_cast<double>(bytes) / 1e6, static_cast<double>(total_) / 1e6,
                      100.0 * static_cast<double>(bytes) / static_cast<double>(total_), rate);
         } else {
-            snprintf(line, sizeof line, "%10.1f MB %9.1f MB/s", static_cast<double>(bytes) / 1e6,
+            snprintf(line, sizeof line, "%10.1f MB %9.2f MB/s", static_cast<double>(bytes) / 1e6,
                      rate);
         }
         if (terminal_) {
@@ -434,7 +434,7 @@ int catSource(const Options& o) {
     file->close();
 
     result("bytes %" PRIu64, bytes);
-    result("MB/s %.1f", megabytesPerSecond(bytes, elapsed));
+    result("MB/s %.2f", megabytesPerSecond(bytes, elapsed));
     result("md5 %s", md5.hexDigest().c_str());
     return 0;
 }
