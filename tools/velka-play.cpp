@@ -78,10 +78,11 @@ const char kUsage[] =
 // --- Options and the set-up before the library loads --------------------------
 //
 // The library starts when it is loaded, before main(): it prints its first
-// lines and the software engine reads its speed factor then. So the log
-// redirection and the speed are set up from the executable's preinit array,
-// which runs before any shared library's initialisers. The state below is
-// plain data with no constructor, so nothing overwrites it after that.
+// lines, and the software engine reads its speed factor from the environment
+// then. So the log redirection and the speed are set up from the
+// executable's preinit array, which runs before any shared library's
+// initialisers. The state below is plain data with no constructor, so
+// nothing overwrites it after that.
 
 struct Options {
     const char* url;
@@ -97,9 +98,9 @@ struct Options {
 struct EarlySetup {
     bool ran;
     Options options;
-    int outputFd;        // the original standard output, for velka-play's own lines
-    int logErrno;        // why the log could not be opened; 0 when it was
-    bool speedWasInEnv;  // the speed asked for was in the environment already
+    int outputFd;     // the original standard output, for velka-play's own lines
+    int logErrno;     // why the log could not be opened; 0 when it was
+    int speedErrno;   // why the speed could not be put in place; 0 when it was
 };
 
 EarlySetup early_;
@@ -155,10 +156,48 @@ void parseOptions(int argc, char** argv, Options* o) {
     if (o->error == nullptr && o->url == nullptr && !o->help) o->error = "no URL given";
 }
 
-// Keeps the original standard output for velka-play's own lines and points
-// descriptor 1, where the library prints, at the log. Nothing is logged for
-// --help or bad usage. Runs once, whichever caller comes first.
-void early_setup(int argc, char** argv, char** /*envp*/) {
+const char kSpeedVariable[] = "MTKPB_SPEED";
+
+// The value of `name` in `envp`, or null.
+const char* findVariable(char** envp, const char* name) {
+    const size_t length = strlen(name);
+    for (char** entry = envp; entry != nullptr && *entry != nullptr; ++entry) {
+        if (strncmp(*entry, name, length) == 0 && (*entry)[length] == '=') return *entry + length + 1;
+    }
+    return nullptr;
+}
+
+// Starts this program again with the speed factor in its environment. The
+// C library takes the environment it was started with when it initialises
+// itself, after the preinit array, so setenv() here would not last. Returns
+// only when the new start failed.
+void restartWithSpeed(char** argv, char** envp, const char* speed) {
+    size_t count = 0;
+    for (char** entry = envp; entry != nullptr && *entry != nullptr; ++entry) ++count;
+    char** env = static_cast<char**>(calloc(count + 2, sizeof(char*)));
+    const size_t settingSize = sizeof kSpeedVariable + strlen(speed) + 1;
+    char* setting = static_cast<char*>(malloc(settingSize));
+    if (env == nullptr || setting == nullptr) {
+        early_.speedErrno = ENOMEM;
+    } else {
+        snprintf(setting, settingSize, "%s=%s", kSpeedVariable, speed);
+        size_t used = 0;
+        for (size_t i = 0; i < count; ++i) {
+            if (findVariable(&envp[i], kSpeedVariable) == nullptr) env[used++] = envp[i];
+        }
+        env[used] = setting;
+        execve("/proc/self/exe", argv, env);
+        early_.speedErrno = errno;
+    }
+    free(setting);
+    free(env);
+}
+
+// Puts the speed factor in place, keeps the original standard output for
+// velka-play's own lines and points descriptor 1, where the library prints,
+// at the log. Nothing is logged for --help or bad usage. Runs once, from the
+// preinit array, or from main() on a C library without one.
+void early_setup(int argc, char** argv, char** envp) {
     if (early_.ran) return;
     early_.ran = true;
     Options& o = early_.options;
@@ -166,9 +205,8 @@ void early_setup(int argc, char** argv, char** /*envp*/) {
     const bool usable = o.error == nullptr && !o.help;
 
     if (usable && o.speed != nullptr) {
-        const char* current = getenv("MTKPB_SPEED");
-        early_.speedWasInEnv = current != nullptr && strcmp(current, o.speed) == 0;
-        setenv("MTKPB_SPEED", o.speed, 1);
+        const char* current = findVariable(envp, kSpeedVariable);
+        if (current == nullptr || strcmp(current, o.speed) != 0) restartWithSpeed(argv, envp, o.speed);
     }
 
     early_.outputFd = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
@@ -402,8 +440,13 @@ public:
         fflush(out_);
     }
 
+    // Every state is shown, also one that lasts only until the next event.
     void stateChanged(const PlayStatus& status) {
-        if (!quiet_ && !terminal_) line("%s", velka::tools::stateLine(status).c_str());
+        if (terminal_) {
+            draw(status);
+        } else if (!quiet_) {
+            line("%s", velka::tools::stateLine(status).c_str());
+        }
     }
     void endOfStream() {
         if (!quiet_ && !terminal_) line("end of stream");
@@ -577,7 +620,6 @@ private:
 }  // namespace
 
 int main(int argc, char** argv) {
-    const bool setUpEarly = early_.ran;
     early_setup(argc, argv, environ);
     const Options& o = early_.options;
     FILE* out = fdopen(early_.outputFd, "w");
@@ -597,11 +639,10 @@ int main(int argc, char** argv) {
                 o.logPath != nullptr ? o.logPath : kDefaultLog, strerror(early_.logErrno));
         return 2;
     }
-    if (!setUpEarly && o.speed != nullptr && !early_.speedWasInEnv) {
-        // A C library without preinit arrays: the engine has read its speed
-        // already. Start again with the speed in the environment.
-        fflush(nullptr);
-        execv("/proc/self/exe", argv);
+    if (early_.speedErrno != 0) {
+        fprintf(stderr, "velka-play: cannot apply --speed %s: %s\n", o.speed,
+                strerror(early_.speedErrno));
+        return 2;
     }
 
     int status;
