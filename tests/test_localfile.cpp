@@ -710,17 +710,20 @@ TEST_F(LocalFileTest, PrintsTheFailureLines) {
 
 // --- Broken preconditions -------------------------------------------------
 
-class LocalFileDeathTest : public LocalFileTest {
+// The dying child re-runs the test from its start and leaves nothing behind:
+// these tests make no files, they read the test program itself.
+class LocalFileDeathTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        LocalFileTest::SetUp();
         // Notification threads may exist: re-execute instead of forking.
         GTEST_FLAG_SET(death_test_style, "threadsafe");
     }
+    const std::string kExisting = "file:///proc/self/exe";
+    const std::string kMissing = "file:///nonexistent/velka-missing";
 };
 
 TEST_F(LocalFileDeathTest, PositionOperationsOnAnUnopenedFileAssert) {
-    LocalFile file("file://" + makeFile("closed", patternBytes(10, 53)));
+    LocalFile file(kExisting);
     char buffer[4];
     RecordingCallback callback;
     EXPECT_DEATH(file.read(buffer, 4), "fd_ != -1");
@@ -732,11 +735,11 @@ TEST_F(LocalFileDeathTest, PositionOperationsOnAnUnopenedFileAssert) {
 }
 
 TEST_F(LocalFileDeathTest, PositionOperationsAfterAFailedOpenOrCloseAssert) {
-    LocalFile missing("file://" + dir_.file("missing"));
+    LocalFile missing(kMissing);
     ASSERT_EQ(-1, missing.open());
     EXPECT_DEATH(missing.tell(), "fd_ != -1");
 
-    LocalFile closed("file://" + makeFile("closed", patternBytes(10, 59)));
+    LocalFile closed(kExisting);
     ASSERT_EQ(0, closed.open());
     ASSERT_EQ(0, closed.close());
     char buffer[4];
@@ -751,7 +754,7 @@ TEST_F(LocalFileDeathTest, OpenOfAnotherSchemeAsserts) {
 }
 
 TEST_F(LocalFileDeathTest, CancelOfANullRequestAsserts) {
-    LocalFile file("file://" + makeFile("null", patternBytes(10, 61)));
+    LocalFile file(kExisting);
     ASSERT_EQ(0, file.open());
     EXPECT_DEATH(file.cancel(nullptr), "asyncReq != __null");
     EXPECT_EQ(0, file.close());

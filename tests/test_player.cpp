@@ -107,6 +107,7 @@ TEST_F(PlayerTest, NewPlayerIsClosedAndRefusesEveryCommandButOpen) {
 
     // None of the above queued anything: the first events are open's.
     ASSERT_EQ(kStatusOk, player_->open(url_));
+    expectTransitions({kOpening, kOpened});
     player_->close();
     expectTransitions({kOpening, kOpened, kClosed});
 }
@@ -122,6 +123,7 @@ TEST_F(PlayerTest, OpenIsRefusedWithEmptyUrlOrWhenNotClosed) {
     EXPECT_EQ(MediaPlayer::kStateOpened, player_->state());
     EXPECT_EQ(1u, mtkpb::control::calls(Op::kOpen));
 
+    expectTransitions({kOpening, kOpened});
     player_->close();
     expectTransitions({kOpening, kOpened, kClosed});
 }
@@ -188,6 +190,8 @@ struct OpenFailure {
     bool engineClosed;  // the failure needs the engine instance closed
 };
 
+void PrintTo(const OpenFailure& row, std::ostream* os) { *os << row.name; }
+
 class OpenFailureTest : public PlayerTest, public ::testing::WithParamInterface<OpenFailure> {};
 
 TEST_P(OpenFailureTest, LeavesNothingBehindAndAnnouncesTheError) {
@@ -211,6 +215,7 @@ TEST_P(OpenFailureTest, LeavesNothingBehindAndAnnouncesTheError) {
     // Nothing left behind stands in the way of the next open.
     mtkpb::control::clearResult(row.op);
     ASSERT_EQ(kStatusOk, player_->open(url_));
+    expectTransitions({kOpening, kOpenFailed, kOpening, kOpened});
     player_->close();
     expectTransitions({kOpening, kOpenFailed, kOpening, kOpened, kClosed});
 }
@@ -234,6 +239,8 @@ struct EngineEvent {
     intptr_t data;
     Event reported;
 };
+
+void PrintTo(const EngineEvent& row, std::ostream* os) { *os << row.name; }
 
 class EngineEventTest : public PlayerTest, public ::testing::WithParamInterface<EngineEvent> {};
 

@@ -189,7 +189,9 @@ int parseOptions(int argc, char** argv, Options* o) {
 // 1, where the library prints, at the log (or nowhere). False when the log
 // cannot be opened.
 bool redirectLibraryLines(const Options& o) {
-    fflush(stdout);
+    // Lines the library printed while it was loaded ("Rpc init OK") may still
+    // sit in stdout's buffer: they are flushed below, once descriptor 1
+    // points at the log, so that they do not mix with the results.
     int kept = dup(STDOUT_FILENO);
     FILE* results = kept == -1 ? nullptr : fdopen(kept, "w");
     if (results == nullptr) return false;
@@ -203,6 +205,7 @@ bool redirectLibraryLines(const Options& o) {
     }
     dup2(fd, STDOUT_FILENO);
     close(fd);
+    fflush(stdout);
     return true;
 }
 

@@ -52,8 +52,8 @@ void setBufferCapacity(uint32_t bytes);
 // the task's own.
 void setReportedState(int32_t state);
 
-// readData() calls stop on entry, before they count towards anything but the
-// call count, until releaseReads() (or reset()).
+// readData() calls wait on entry (already counted, nothing read yet) until
+// releaseReads() or reset().
 void holdReads();
 void releaseReads();
 // Waits up to `timeoutMs` until at least `count` readData() calls are held.

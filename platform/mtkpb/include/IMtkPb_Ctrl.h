@@ -141,7 +141,8 @@ typedef IMTK_PB_CB_ERROR_CODE_T (*IMtkPb_Ctrl_PullAvailableFct)(IMTK_PULL_HANDLE
 #define IMTK_PB_CTRL_PULL_MODE_ASYNC 3u
 
 /* Given to IMtkPb_Ctrl_SetEngineParam: nine pointer-sized words, in this
- * order. The engine copies the record. */
+ * order. The engine copies the record. It reads with pb_read_async only;
+ * pb_available serves for the size when pb_seek to the end fails. */
 typedef struct PullSourceParams {
     uintptr_t mode;  /* IMTK_PB_CTRL_PULL_MODE_ASYNC (3) */
     void* appTag;    /* passed unchanged to every pull callback */
@@ -199,8 +200,9 @@ IMTK_PB_ERROR_CODE_T IMtkPb_Ctrl_SetEngineParam(IMTK_PB_HANDLE_T hHandle,
 IMTK_PB_ERROR_CODE_T IMtkPb_Ctrl_GetMediaInfo(IMTK_PB_HANDLE_T hHandle,
                                               IMTK_PB_CTRL_MEDIA_INFO_T* info);
 
-/* Starts playback, or resumes it after Pause; then IMTK_PB_CTRL_EVENT_PLAYED.
- * `reserved`: 0. */
+/* Starts playback (probing first if GetMediaInfo has not), or resumes it
+ * after Pause, or starts again after the end; each time
+ * IMTK_PB_CTRL_EVENT_PLAYED follows. `reserved`: 0. */
 IMTK_PB_ERROR_CODE_T IMtkPb_Ctrl_Play(IMTK_PB_HANDLE_T hHandle, uint32_t reserved);
 
 /* Holds the clock; Play resumes. */
@@ -220,11 +222,14 @@ IMTK_PB_ERROR_CODE_T IMtkPb_Ctrl_SetDisplayRectangle(IMTK_PB_HANDLE_T hHandle,
                                                      const EngineRect* full,
                                                      const EngineRect* output);
 
-/* Ends playback: aborts outstanding reads and waits for their completions. */
+/* Ends playback: aborts outstanding reads with pb_abort and waits for their
+ * completions; a pending time seek ends with TIMESEEK_DONE -1. Play then
+ * starts again from the beginning. */
 IMTK_PB_ERROR_CODE_T IMtkPb_Ctrl_Stop(IMTK_PB_HANDLE_T hHandle);
 
 /* Stops, closes the pull source with pb_close and ends the instance. No
- * notification and no pull callback follows once it has returned. */
+ * notification and no pull callback follows once it has returned. Not from
+ * inside one of the instance's own notifications (IMTK_PB_ERROR_CODE_INV_STATE). */
 IMTK_PB_ERROR_CODE_T IMtkPb_Ctrl_Close(IMTK_PB_HANDLE_T hHandle);
 
 #ifdef __cplusplus

@@ -68,7 +68,7 @@ struct Counters {
                                // or repeated, wrong request handle, too long
     uint64_t packets;          // packets demuxed
     uint64_t packetChecksum;   // see packetChecksum()
-    uint64_t notifications[16];  // delivered per event number (index 0: numbers >= 16)
+    uint64_t notifications[16];  // delivered per event number (index 0: 0 and numbers >= 16)
 };
 
 // A snapshot of all counters since the last reset().

@@ -126,8 +126,7 @@ IMTK_PB_ERROR_CODE_T Engine::play() {
         }
         case State::kEnded:
             // Play after the end starts again from the beginning.
-            seekPending_ = true;
-            seekTargetMs_ = 0;
+            restartPending_ = true;
             positionMs_ = 0;
             startClockLocked(now);
             break;
@@ -272,6 +271,7 @@ void Engine::run() {
             const uint32_t replies = seekReplies_;
             seekPending_ = false;
             seekReplies_ = 0;
+            restartPending_ = false;
             lock.unlock();
             closeDemux();
             lock.lock();
@@ -306,6 +306,26 @@ void Engine::run() {
             }
             probeAnswers_ = answered;
             condition_.notify_all();
+            continue;
+        }
+        if (restartPending_) {
+            // A fresh demuxer rather than a seek to 0, which may skip packets
+            // stamped before the start (audio priming).
+            restartPending_ = false;
+            lock.unlock();
+            IMTK_PB_CTRL_MEDIA_INFO_T info{};
+            IMTK_PB_ERROR_CODE_T result = openDemux(&info);
+            lock.lock();
+            if (result == IMTK_PB_ERROR_CODE_OK) {
+                info_ = info;
+                positionMs_ = 0;
+                bytePos_ = 0;
+                lastReportedMs_ = -1;
+                mediaBaseMs_ = 0;
+                wallBase_ = Clock::now();
+            } else {
+                readError_ = true;
+            }
             continue;
         }
         if (seekPending_) {

@@ -47,7 +47,7 @@ public:
     // How long an operation waits for a notification it reports to be delivered.
     static constexpr uint32_t kDeliveryTimeoutMs = 5000;
     // Buffer of the demuxer's byte stream; also the largest single read.
-    static constexpr int kIoBufferSize = 64 * 1024;
+    static constexpr int kIoBufferSize = 32 * 1024;
 
     explicit Engine(IMTK_PB_HANDLE_T handle);
     ~Engine();  // close()s
@@ -108,6 +108,7 @@ private:
     IMTK_PB_ERROR_CODE_T probeResult_ = IMTK_PB_ERROR_CODE_OK;
     uint64_t stopRequests_ = 0;
     uint64_t stopAnswers_ = 0;
+    bool restartPending_ = false;        // Play after the end: demux again from the start
     bool seekPending_ = false;
     uint32_t seekTargetMs_ = 0;
     uint32_t seekReplies_ = 0;           // TimeSeek calls waiting for TIMESEEK_DONE
