@@ -10,11 +10,9 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <climits>
-#include <condition_variable>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -23,9 +21,9 @@
 #include <deque>
 #include <mutex>
 #include <string>
-#include <thread>
-#include <vector>
 
+#include "PlayCommander.h"
+#include "PlayStartup.h"
 #include "PlayStatus.h"
 #include "PlayTerminal.h"
 #include "velka/MediaPlayer.h"
@@ -34,11 +32,13 @@ namespace {
 
 using velka::MediaPlayer;
 using velka::VelkaStatus;
+using velka::tools::Commander;
 using velka::tools::Key;
+using velka::tools::PlayOptions;
 using velka::tools::PlayStatus;
+using velka::tools::WakePipe;
 using Clock = std::chrono::steady_clock;
 
-const char kDefaultLog[] = "velka-play.log";
 // How far the arrow keys move.
 constexpr int32_t kSeekStepMs = 10000;
 // The main loop wakes at least this often, to notice a finished command thread.
@@ -75,194 +75,7 @@ const char kUsage[] =
     "opened or playback fails (one line on standard error names the URL and the\n"
     "error code); 2 on bad usage or an unwritable log; 128 + N after signal N.\n";
 
-// --- Options and the set-up before the library loads --------------------------
-//
-// The library starts when it is loaded, before main(): it prints its first
-// lines, and the software engine reads its speed factor from the environment
-// then. So the log redirection and the speed are set up from the
-// executable's preinit array, which runs before any shared library's
-// initialisers. The state below is plain data with no constructor, so
-// nothing overwrites it after that.
-
-struct Options {
-    const char* url;
-    int32_t startMs;
-    const char* speed;    // decimal digits, or null
-    const char* logPath;  // null: kDefaultLog
-    bool quiet;
-    bool help;
-    const char* error;  // bad usage: what is wrong, null when all is well
-    const char* errorArg;
-};
-
-struct EarlySetup {
-    bool ran;
-    Options options;
-    int outputFd;     // the original standard output, for velka-play's own lines
-    int logErrno;     // why the log could not be opened; 0 when it was
-    int speedErrno;   // why the speed could not be put in place; 0 when it was
-};
-
-EarlySetup early_;
-
-bool isDigits(const char* text) {
-    if (*text == '\0') return false;
-    for (const char* c = text; *c != '\0'; ++c) {
-        if (*c < '0' || *c > '9') return false;
-    }
-    return true;
-}
-
-void parseOptions(int argc, char** argv, Options* o) {
-    for (int i = 1; i < argc && o->error == nullptr; ++i) {
-        const char* arg = argv[i];
-        const bool hasValue = i + 1 < argc;
-        if (strcmp(arg, "--help") == 0 || strcmp(arg, "-h") == 0) {
-            o->help = true;
-        } else if (strcmp(arg, "--quiet") == 0) {
-            o->quiet = true;
-        } else if (strcmp(arg, "--start") == 0 && hasValue) {
-            const char* value = argv[++i];
-            errno = 0;
-            const long long ms = isDigits(value) ? strtoll(value, nullptr, 10) : -1;
-            if (ms < 0 || ms > INT32_MAX || errno != 0) {
-                o->error = "bad start position (milliseconds, 0 to 2147483647)";
-                o->errorArg = value;
-            } else {
-                o->startMs = static_cast<int32_t>(ms);
-            }
-        } else if (strcmp(arg, "--speed") == 0 && hasValue) {
-            const char* value = argv[++i];
-            errno = 0;
-            const unsigned long long factor = isDigits(value) ? strtoull(value, nullptr, 10) : 0;
-            if (!isDigits(value) || factor > UINT32_MAX || errno != 0) {
-                o->error = "bad speed factor (a whole number, 0 as fast as possible)";
-                o->errorArg = value;
-            } else {
-                o->speed = value;
-            }
-        } else if (strcmp(arg, "--log") == 0 && hasValue) {
-            o->logPath = argv[++i];
-        } else if (arg[0] == '-' && arg[1] != '\0') {
-            o->error = "unknown or incomplete option";
-            o->errorArg = arg;
-        } else if (o->url == nullptr) {
-            o->url = arg;
-        } else {
-            o->error = "one URL only; extra";
-            o->errorArg = arg;
-        }
-    }
-    if (o->error == nullptr && o->url == nullptr && !o->help) o->error = "no URL given";
-}
-
-const char kSpeedVariable[] = "MTKPB_SPEED";
-
-// The value of `name` in `envp`, or null.
-const char* findVariable(char** envp, const char* name) {
-    const size_t length = strlen(name);
-    for (char** entry = envp; entry != nullptr && *entry != nullptr; ++entry) {
-        if (strncmp(*entry, name, length) == 0 && (*entry)[length] == '=') return *entry + length + 1;
-    }
-    return nullptr;
-}
-
-// Starts this program again with the speed factor in its environment. The
-// C library takes the environment it was started with when it initialises
-// itself, after the preinit array, so setenv() here would not last. Returns
-// only when the new start failed.
-void restartWithSpeed(char** argv, char** envp, const char* speed) {
-    size_t count = 0;
-    for (char** entry = envp; entry != nullptr && *entry != nullptr; ++entry) ++count;
-    char** env = static_cast<char**>(calloc(count + 2, sizeof(char*)));
-    const size_t settingSize = sizeof kSpeedVariable + strlen(speed) + 1;
-    char* setting = static_cast<char*>(malloc(settingSize));
-    if (env == nullptr || setting == nullptr) {
-        early_.speedErrno = ENOMEM;
-    } else {
-        snprintf(setting, settingSize, "%s=%s", kSpeedVariable, speed);
-        size_t used = 0;
-        for (size_t i = 0; i < count; ++i) {
-            if (findVariable(&envp[i], kSpeedVariable) == nullptr) env[used++] = envp[i];
-        }
-        env[used] = setting;
-        execve("/proc/self/exe", argv, env);
-        early_.speedErrno = errno;
-    }
-    free(setting);
-    free(env);
-}
-
-// Puts the speed factor in place, keeps the original standard output for
-// velka-play's own lines and points descriptor 1, where the library prints,
-// at the log. Nothing is logged for --help or bad usage. Runs once, from the
-// preinit array, or from main() on a C library without one.
-void early_setup(int argc, char** argv, char** envp) {
-    if (early_.ran) return;
-    early_.ran = true;
-    Options& o = early_.options;
-    parseOptions(argc, argv, &o);
-    const bool usable = o.error == nullptr && !o.help;
-
-    if (usable && o.speed != nullptr) {
-        const char* current = findVariable(envp, kSpeedVariable);
-        if (current == nullptr || strcmp(current, o.speed) != 0) restartWithSpeed(argv, envp, o.speed);
-    }
-
-    early_.outputFd = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
-    if (early_.outputFd == -1) early_.outputFd = STDERR_FILENO;
-    const char* target = "/dev/null";
-    if (usable) target = o.logPath != nullptr ? o.logPath : kDefaultLog;
-    int fd = open(target, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd == -1) {
-        early_.logErrno = errno;
-        fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    }
-    if (fd != -1) {
-        dup2(fd, STDOUT_FILENO);
-        close(fd);
-    }
-}
-
-__attribute__((section(".preinit_array"), used)) void (*const earlySetupEntry_)(int, char**,
-                                                                               char**) =
-    early_setup;
-
 // --- Talking to the main thread ------------------------------------------------
-
-// A non-blocking pipe the main loop polls: any thread (and the signal
-// handlers) writes a byte to wake it.
-class WakePipe {
-public:
-    WakePipe() {
-        if (pipe2(fds_, O_CLOEXEC | O_NONBLOCK) != 0) fds_[0] = fds_[1] = -1;
-    }
-    ~WakePipe() {
-        if (fds_[0] != -1) close(fds_[0]);
-        if (fds_[1] != -1) close(fds_[1]);
-    }
-    WakePipe(const WakePipe&) = delete;
-    WakePipe& operator=(const WakePipe&) = delete;
-
-    bool ok() const { return fds_[0] != -1; }
-    int readFd() const { return fds_[0]; }
-    int writeFd() const { return fds_[1]; }
-
-    void wake() {
-        const char byte = 'w';
-        if (write(fds_[1], &byte, 1) < 0) {
-            // Full: the main loop has a wake-up waiting already.
-        }
-    }
-    void drain() {
-        char bytes[64];
-        for (int i = 0; i < 64 && read(fds_[0], bytes, sizeof bytes) > 0; ++i) {
-        }
-    }
-
-private:
-    int fds_[2];
-};
 
 // The player's listener: keeps each event for the main thread. notify() runs
 // on the player's dispatch thread.
@@ -289,132 +102,6 @@ private:
     WakePipe& wake_;
     std::mutex mutex_;  // guards events_
     std::deque<MediaPlayer::Event> events_;
-};
-
-// Runs the player's commands on a thread of its own, in the order posted:
-// open and play first, then the keys' commands, stop and close. The main
-// thread stays free to draw and to read keys while a command blocks.
-class Commander {
-public:
-    enum class Command { kPause, kBack, kForward, kStop, kClose };
-    enum class Stage { kOpening, kOpenFailed, kPlayFailed, kPlaying, kStopped, kClosed };
-
-    Commander(MediaPlayer& player, const std::string& url, int32_t startMs, WakePipe& wake)
-        : player_(player), url_(url), startMs_(startMs), wake_(wake) {}
-
-    // Closes the player if that has not happened yet.
-    ~Commander() {
-        post(Command::kClose);
-        if (thread_.joinable()) thread_.join();
-    }
-
-    void start() { thread_ = std::thread([this] { run(); }); }
-
-    // After kStop, play is skipped and the keys' commands are dropped.
-    void post(Command command) {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            if (command == Command::kStop || command == Command::kClose) stopAsked_ = true;
-            commands_.push_back(command);
-        }
-        changed_.notify_all();
-    }
-
-    // The stage reached; the main thread is woken at each change.
-    Stage stage() const { return stage_.load(); }
-    // The result of the open or play that failed.
-    VelkaStatus failure() const { return failure_.load(); }
-
-private:
-    bool stopAsked() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return stopAsked_;
-    }
-
-    void run() {
-        const VelkaStatus opened = player_.open(url_);
-        if (opened != velka::kStatusOk) {
-            failure_ = opened;
-            setStage(Stage::kOpenFailed);
-            return;
-        }
-        if (!stopAsked()) {
-            const VelkaStatus played = player_.play(startMs_);
-            if (played != velka::kStatusOk) {
-                player_.close();
-                failure_ = played;
-                setStage(Stage::kPlayFailed);
-                return;
-            }
-            setStage(Stage::kPlaying);
-        }
-        for (;;) {
-            Command command;
-            bool stopping;
-            {
-                std::unique_lock<std::mutex> lock(mutex_);
-                changed_.wait(lock, [this] { return !commands_.empty(); });
-                command = commands_.front();
-                commands_.pop_front();
-                stopping = stopAsked_;
-            }
-            if (command == Command::kClose) {
-                player_.close();
-                setStage(Stage::kClosed);
-                return;
-            }
-            if (command == Command::kStop) {
-                // Not again after the end of the stream: that would announce
-                // kStateStopped a second time.
-                const MediaPlayer::State state = player_.state();
-                if (state != MediaPlayer::kStateStopped && state != MediaPlayer::kStateClosed) {
-                    player_.stop();
-                }
-                setStage(Stage::kStopped);
-            } else if (!stopping) {
-                execute(command);
-            }
-        }
-    }
-
-    void execute(Command command) {
-        if (command == Command::kPause) {
-            if (player_.state() == MediaPlayer::kStatePaused) {
-                player_.unPause();
-            } else {
-                player_.pause();  // refused unless playing
-            }
-            return;
-        }
-        const MediaPlayer::State state = player_.state();
-        if (state != MediaPlayer::kStatePlaying && state != MediaPlayer::kStatePaused) return;
-        const int32_t now = player_.currentPts();
-        if (now < 0) return;
-        int64_t target =
-            static_cast<int64_t>(now) + (command == Command::kForward ? kSeekStepMs : -kSeekStepMs);
-        // The engine refuses a position past the end.
-        const int32_t duration = player_.duration();
-        if (duration > 0 && target > duration) target = duration;
-        if (target < 0) target = 0;
-        player_.timeSeek(static_cast<int>(target));
-    }
-
-    void setStage(Stage stage) {
-        stage_ = stage;
-        wake_.wake();
-    }
-
-    MediaPlayer& player_;
-    const std::string url_;
-    const int32_t startMs_;
-    WakePipe& wake_;
-    std::thread thread_;
-    std::atomic<Stage> stage_{Stage::kOpening};
-    std::atomic<VelkaStatus> failure_{velka::kStatusOk};
-    std::mutex mutex_;  // guards stopAsked_ and commands_
-    std::condition_variable changed_;
-    bool stopAsked_ = false;
-    std::deque<Command> commands_;
 };
 
 // --- The screen ------------------------------------------------------------------
@@ -492,7 +179,7 @@ std::string toUrl(const std::string& arg) {
 
 class PlayApp {
 public:
-    PlayApp(const Options& o, FILE* out)
+    PlayApp(const PlayOptions& o, FILE* out)
         : options_(o), url_(toUrl(o.url)), screen_(out, o.quiet), inbox_(wake_) {
         status_.state = MediaPlayer::kStateOpening;  // the command thread opens first
         status_.positionMs = o.startMs;
@@ -508,11 +195,11 @@ public:
         if (screen_.terminal()) {
             screen_.line("%s  [%slog: %s]", url_.c_str(),
                          keys ? "space pause/resume, left/right seek 10 s, q quit; " : "",
-                         options_.logPath != nullptr ? options_.logPath : kDefaultLog);
+                         options_.logPath != nullptr ? options_.logPath : velka::tools::kDefaultPlayLog);
         }
 
         player_.addListener(inbox_);
-        Commander commander(player_, url_, options_.startMs, wake_);
+        Commander commander(player_, url_, options_.startMs, kSeekStepMs, wake_);
         commander.start();
         const int result = loop(commander, keys);
         velka::tools::leaveRawMode();
@@ -607,7 +294,7 @@ private:
         return failed ? 1 : 0;
     }
 
-    const Options& options_;
+    const PlayOptions& options_;
     const std::string url_;
     Screen screen_;
     WakePipe wake_;
@@ -620,9 +307,10 @@ private:
 }  // namespace
 
 int main(int argc, char** argv) {
-    early_setup(argc, argv, environ);
-    const Options& o = early_.options;
-    FILE* out = fdopen(early_.outputFd, "w");
+    // Done already, from the preinit array, where the C library has one.
+    const velka::tools::PlayStartup& startup = velka::tools::playStartup(argc, argv, environ);
+    const PlayOptions& o = startup.options;
+    FILE* out = fdopen(startup.outputFd, "w");
     if (out == nullptr) out = stderr;
 
     if (o.help) {
@@ -634,14 +322,14 @@ int main(int argc, char** argv) {
                 o.errorArg != nullptr ? o.errorArg : "", kUsage);
         return 2;
     }
-    if (early_.logErrno != 0) {
+    if (startup.logErrno != 0) {
         fprintf(stderr, "velka-play: cannot write the log %s: %s\n",
-                o.logPath != nullptr ? o.logPath : kDefaultLog, strerror(early_.logErrno));
+                o.logPath != nullptr ? o.logPath : velka::tools::kDefaultPlayLog, strerror(startup.logErrno));
         return 2;
     }
-    if (early_.speedErrno != 0) {
+    if (startup.speedErrno != 0) {
         fprintf(stderr, "velka-play: cannot apply --speed %s: %s\n", o.speed,
-                strerror(early_.speedErrno));
+                strerror(startup.speedErrno));
         return 2;
     }
 
