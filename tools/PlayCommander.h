@@ -1,0 +1,110 @@
+// velka-play's command thread and the pipe that wakes its main loop.
+#ifndef VELKA_TOOLS_PLAYCOMMANDER_H
+#define VELKA_TOOLS_PLAYCOMMANDER_H
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "velka/MediaPlayer.h"
+
+namespace velka {
+namespace tools {
+
+// A non-blocking pipe the main loop polls: any thread (and the signal
+// handlers) writes a byte to wake it.
+class WakePipe {
+public:
+    WakePipe() {
+        if (pipe2(fds_, O_CLOEXEC | O_NONBLOCK) != 0) fds_[0] = fds_[1] = -1;
+    }
+    ~WakePipe() {
+        if (fds_[0] != -1) close(fds_[0]);
+        if (fds_[1] != -1) close(fds_[1]);
+    }
+    WakePipe(const WakePipe&) = delete;
+    WakePipe& operator=(const WakePipe&) = delete;
+
+    bool ok() const { return fds_[0] != -1; }
+    int readFd() const { return fds_[0]; }
+    int writeFd() const { return fds_[1]; }
+
+    void wake() {
+        const char byte = 'w';
+        if (write(fds_[1], &byte, 1) < 0) {
+            // Full: the main loop has a wake-up waiting already.
+        }
+    }
+    void drain() {
+        char bytes[64];
+        for (int i = 0; i < 64 && read(fds_[0], bytes, sizeof bytes) > 0; ++i) {
+        }
+    }
+
+private:
+    int fds_[2];
+};
+
+// Runs the player's commands on a thread of its own, in the order posted:
+// open and play first, then the keys' commands, stop and close. The main
+// thread stays free to draw and to read keys while a command blocks.
+class Commander {
+public:
+    enum class Command { kPause, kBack, kForward, kStop, kClose };
+    enum class Stage { kOpening, kOpenFailed, kPlayFailed, kPlaying, kStopped, kClosed };
+
+    // Seeks with the arrows move by `seekStepMs`.
+    Commander(MediaPlayer& player, const std::string& url, int32_t startMs, int32_t seekStepMs,
+              WakePipe& wake)
+        : player_(player), url_(url), startMs_(startMs), seekStepMs_(seekStepMs), wake_(wake) {}
+
+    // Closes the player if that has not happened yet.
+    ~Commander();
+    Commander(const Commander&) = delete;
+    Commander& operator=(const Commander&) = delete;
+
+    void start();
+
+    // After kStop, play is skipped and the keys' commands are dropped.
+    void post(Command command);
+
+    // The stage reached; the main thread is woken at each change.
+    Stage stage() const { return stage_.load(); }
+    // The result of the open or play that failed.
+    VelkaStatus failure() const { return failure_.load(); }
+
+private:
+    bool stopAsked();
+    // The command thread's body.
+    void run();
+    void execute(Command command);
+    void setStage(Stage stage) {
+        stage_ = stage;
+        wake_.wake();
+    }
+
+    MediaPlayer& player_;
+    const std::string url_;
+    const int32_t startMs_;
+    const int32_t seekStepMs_;
+    WakePipe& wake_;
+    std::thread thread_;
+    std::atomic<Stage> stage_{Stage::kOpening};
+    std::atomic<VelkaStatus> failure_{kStatusOk};
+    std::mutex mutex_;  // guards stopAsked_ and commands_
+    std::condition_variable changed_;
+    bool stopAsked_ = false;
+    std::deque<Command> commands_;
+};
+
+}  // namespace tools
+}  // namespace velka
+
+#endif  // VELKA_TOOLS_PLAYCOMMANDER_H
