@@ -200,7 +200,10 @@ TEST(ThreadTest, NeverStartedThreadWaitsAtOnceAndRefusesPriority) {
     EXPECT_EQ(0, runnable.runs);
 }
 
-TEST(ThreadTest, TimedWaitOnALongRunTimesOutAndLeavesItRunning) {
+// While run() lasts, timed waits time out and leave it running; when it ends,
+// every waiter returns, one with a limit and one without (the end is
+// broadcast), and one of them joins.
+TEST(ThreadTest, WaitsOnALongRunTimeOutAndAllReturnWhenItEnds) {
     GatedRunnable runnable;
     Thread thread(runnable, false, "long", kPriority, kStackSize);
     thread.start();
@@ -212,18 +215,13 @@ TEST(ThreadTest, TimedWaitOnALongRunTimesOutAndLeavesItRunning) {
     EXPECT_EQ(velka::kStatusTimeout, thread.wait(999));
     EXPECT_GE(msSince(start), 998);
     EXPECT_EQ(Thread::RUNNING, thread.state());
-    runnable.open();
-    EXPECT_EQ(velka::kStatusOk, thread.wait(0));
-    EXPECT_EQ(Thread::TERMINATED, thread.state());
-}
-
-// The end of run() is broadcast: every thread waiting on the same Thread
-// returns, one with a limit and one without; one of them joins.
-TEST(ThreadTest, SeveralWaitersAllReturnWhenRunEnds) {
-    GatedRunnable runnable;
-    Thread thread(runnable, false, "watched", kPriority, kStackSize);
-    thread.start();
-    ASSERT_TRUE(runnable.waitStarted());
+    // Round-robin priorities need privilege; ThreadPrivilegeTest checks the refusal.
+    if (thread.setPriority(55) == velka::kStatusOk) {
+        struct sched_param param = {};
+        EXPECT_EQ(SCHED_RR, sched_getscheduler(runnable.tid));
+        EXPECT_EQ(0, sched_getparam(runnable.tid, &param));
+        EXPECT_EQ(55, param.sched_priority);
+    }
     std::atomic<int> results[2] = {{-1}, {-1}};
     std::atomic<pid_t> tids[2] = {{0}, {0}};
     FunctionRunnable first([&] {
@@ -245,6 +243,7 @@ TEST(ThreadTest, SeveralWaitersAllReturnWhenRunEnds) {
     EXPECT_EQ(velka::kStatusOk, results[0]);
     EXPECT_EQ(velka::kStatusOk, results[1]);
     EXPECT_EQ(Thread::TERMINATED, thread.state());
+    EXPECT_EQ(velka::kStatusOk, thread.wait(0));
 }
 
 TEST(ThreadTest, WaitFromInsideRunIsADeadlockAndDoesNotJoin) {
@@ -288,24 +287,6 @@ TEST(ThreadTest, StartAfterJoinOrFromFinishedRunsRunAgain) {
     thread.start();
     EXPECT_EQ(velka::kStatusOk, thread.wait(0));
     EXPECT_EQ(5, runnable.runs);
-}
-
-// Round-robin priorities need privilege; without it the refusal is checked in
-// ThreadPrivilegeTest.
-TEST(ThreadTest, SetPriorityPutsTheRunningThreadOnRoundRobin) {
-    GatedRunnable runnable;
-    Thread thread(runnable, false, "prio", kPriority, kStackSize);
-    thread.start();
-    ASSERT_TRUE(runnable.waitStarted());
-    const velka::VelkaStatus status = thread.setPriority(55);
-    const int policy = sched_getscheduler(runnable.tid);
-    struct sched_param param = {};
-    sched_getparam(runnable.tid, &param);
-    runnable.open();
-    EXPECT_EQ(velka::kStatusOk, thread.wait(0));
-    if (status != velka::kStatusOk) GTEST_SKIP() << "this process may not use real-time priorities";
-    EXPECT_EQ(SCHED_RR, policy);
-    EXPECT_EQ(55, param.sched_priority);
 }
 
 struct ThrowCase {
