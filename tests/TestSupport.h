@@ -201,7 +201,6 @@ public:
         {
             std::lock_guard<std::mutex> lock(mutex_);
             statuses.push_back(status);
-            lengths.push_back(length);
             data.insert(data.end(), buffer_.begin(), buffer_.begin() + std::min<size_t>(length, buffer_.size()));
             next = status == velka::kStatusOk && statuses.size() < maxReads_;
         }
@@ -218,7 +217,6 @@ public:
 
     // Read only after run().
     std::vector<velka::VelkaStatus> statuses;
-    std::vector<uint32_t> lengths;
     std::vector<char> data;
 
 private:
