@@ -1,6 +1,8 @@
 // The download engine stand-in on its own: tasks stream a resource into their
-// buffer, reads block for data, seeks move the task, queries and events report
-// what happens, and the control interface scripts faults.
+// buffer, reads block for data, queries and events report what happens, close
+// ends a blocked reader. Its seeks and scripted faults (failed, short, slow and
+// held reads, reported states, handles) are used, and so checked, by the
+// DtaFile tests.
 
 #include <gtest/gtest.h>
 
@@ -129,44 +131,6 @@ TEST_F(BctiDtaTest, StreamsTheResourceByteExactThroughASlowDownloadAndReportsIt)
     EXPECT_EQ(kDtaEventFinished, reported[1].event);
     EXPECT_EQ(file.size(), reported[1].param2);
     EXPECT_EQ(file.dtaUrl(), reported[1].message);
-}
-
-TEST_F(BctiDtaTest, SeekInsideAndOutsideTheBufferedWindow) {
-    TempDataFile file(1024 * 1024, 5);
-    control::setBufferCapacity(64 * 1024);
-    const int handle = task(file.dtaUrl());
-    EXPECT_EQ(file.slice(0, 10000), readFully(handle, 10000, 4096));
-    // Back inside the window, far ahead, back to the start, past the end.
-    const struct {
-        int64_t position;
-        size_t count;
-    } steps[] = {{100, 5000}, {700000, 30000}, {0, 70000}, {1024 * 1024 - 10, 10},
-                 {3000, 100000}, {2000000, 10}};
-    for (const auto& step : steps) {
-        SCOPED_TRACE(step.position);
-        ASSERT_EQ(0, engine_->seekTask(handle, 0, step.position, 0));
-        EXPECT_EQ(step.position, transfer(handle).readPosition);
-        EXPECT_EQ(file.slice(step.position, step.count), readFully(handle, step.count, 8192));
-    }
-    EXPECT_EQ(kDtaErrArgument, engine_->seekTask(handle, 1, 0, 0));
-    EXPECT_EQ(kDtaErrArgument, engine_->seekTask(handle, 0, -1, 0));
-}
-
-TEST_F(BctiDtaTest, QueriesReportTheBufferAndTheScriptedState) {
-    TempDataFile file(200 * 1024, 6);
-    control::setBufferCapacity(100 * 1024);
-    const int handle = task(file.dtaUrl());
-    ASSERT_TRUE(control::waitForDownloadsIdle(kWaitMs));
-    // The buffer is full and the rest of the resource is still to come.
-    const DtaTransferInfo info = transfer(handle);
-    EXPECT_EQ(file.size(), info.totalLength);
-    EXPECT_EQ(100 * 1024, info.bufferedBytes);
-    EXPECT_EQ(100, info.bufferPercent);
-    EXPECT_EQ(kDtaStateRunning, state(handle));
-    control::setReportedState(7);
-    EXPECT_EQ(7, state(handle));
-    control::reset();
-    EXPECT_EQ(kDtaStateRunning, state(handle));
 
     char record[60];
     std::memset(record, 0x5a, sizeof record);
@@ -196,50 +160,6 @@ TEST_F(BctiDtaTest, StartFailsForMissingResourceUnknownSchemeAndOnRequest) {
         EXPECT_NE(0, engine_->readData(handle, buffer, &n));
         EXPECT_EQ(0u, n);
     }
-}
-
-TEST_F(BctiDtaTest, ScriptedReadFaultsShortCountsAndHeldReads) {
-    TempDataFile file(40000, 9);
-    const control::Calls before = control::calls();
-    const int handle = task(file.dtaUrl());
-    std::vector<char> buffer(8000);
-    control::setReadResult(-7);
-    uint64_t n = buffer.size();
-    EXPECT_EQ(-7, engine_->readData(handle, buffer.data(), &n));
-    EXPECT_EQ(0u, n);
-    EXPECT_EQ(0, transfer(handle).readPosition) << "a failed read keeps the position";
-
-    control::setReadResult(0);
-    control::setReadLimit(3000);
-    control::setReadDelay(2);
-    control::holdReads();
-    std::future<int> reader = std::async(std::launch::async, [&] {
-        n = buffer.size();
-        return engine_->readData(handle, buffer.data(), &n);
-    });
-    ASSERT_TRUE(control::waitForHeldReads(1, kWaitMs));
-    EXPECT_EQ(std::future_status::timeout, reader.wait_for(std::chrono::milliseconds(0)));
-    control::releaseReads();
-    ASSERT_EQ(std::future_status::ready, reader.wait_for(testing_support::kWait));
-    ASSERT_EQ(0, reader.get());
-    ASSERT_EQ(3000u, n);
-    EXPECT_EQ(file.slice(0, 3000), std::vector<char>(buffer.begin(), buffer.begin() + 3000));
-    EXPECT_EQ(3000, transfer(handle).readPosition);
-
-    engine_->seekTask(handle, 0, 5, 0);
-    const control::SeekCall seek = control::lastSeek();
-    EXPECT_EQ(handle, seek.handle);
-    EXPECT_EQ(5, seek.position);
-    const control::Calls after = control::calls();
-    EXPECT_EQ(1, after.openUrl - before.openUrl);
-    EXPECT_EQ(1, after.startTask - before.startTask);
-    EXPECT_EQ(2, after.readData - before.readData);
-    EXPECT_EQ(1, after.seekTask - before.seekTask);
-
-    const int tasks = control::openTaskCount();
-    control::setOpenUrlResult(0);
-    EXPECT_EQ(0, engine_->openUrl(file.dtaUrl().c_str()));
-    EXPECT_EQ(tasks, control::openTaskCount()) << "a scripted handle creates no task";
 }
 
 TEST_F(BctiDtaTest, CloseEndsABlockedReaderAndForgetsTheHandle) {

@@ -121,26 +121,14 @@ TEST_F(DtaFileTest, EngineBuiltOnceForTwoFilesInItsWorkingDirectory) {
     const int openUrlBefore = control::calls().openUrl;
     DtaFile unopened(a.dtaUrl());
     EXPECT_EQ(openUrlBefore, control::calls().openUrl) << "construction leaves the engine alone";
-    DtaFile& fileA = openFile(a);
-    DtaFile& fileB = openFile(b);
+    openFile(a);
+    openFile(b);
     EXPECT_EQ(1, control::calls().initEngine);
     EXPECT_EQ(0, control::calls().uninitEngine);
     EXPECT_EQ("/tmp/velka", control::lastInitDirectory());
     struct stat st;
     ASSERT_EQ(0, stat("/tmp/velka", &st));
     EXPECT_TRUE(S_ISDIR(st.st_mode));
-
-    // Both files are served by the one worker, which registered for events once.
-    CompletionLog log;
-    CompletionLog::Callback ca(log, 1), cb(log, 2);
-    std::vector<char> bufA(100), bufB(100);
-    ASSERT_NE(nullptr, fileA.readAsync(bufA.data(), 100, ca));
-    ASSERT_NE(nullptr, fileB.readAsync(bufB.data(), 100, cb));
-    ASSERT_TRUE(log.waitFor(2));
-    EXPECT_EQ(a.slice(0, 100), bufA);
-    EXPECT_EQ(b.slice(0, 100), bufB);
-    EXPECT_EQ(1, control::calls().setEventCallback);
-    EXPECT_EQ(1, control::calls().initEngine);
 }
 
 TEST_F(DtaFileTest, CancelQueuedRequestButNotOneTheWorkerTook) {
@@ -235,6 +223,9 @@ TEST_F(DtaFileTest, RequestsOfTwoFilesCompleteInQueueOrderAndCancelDoesNotWaitFo
     }
     EXPECT_EQ(7007, fileA.tell());
     EXPECT_EQ(3500, fileB.tell());
+    // Both files were served by the one worker, which registered for events once.
+    EXPECT_EQ(1, control::calls().setEventCallback);
+    EXPECT_EQ(1, control::calls().initEngine);
 }
 
 TEST_F(DtaFileTest, SeekTableAndWhenTheEngineIsTold) {
@@ -287,11 +278,13 @@ TEST_F(DtaFileTest, SeekTableAndWhenTheEngineIsTold) {
     }
 }
 
+// The engine buffers 16 KiB ahead, so most seeks leave its buffered window.
 TEST_F(DtaFileTest, ReadsFollowTheSeeksAndAFailedReadKeepsThePosition) {
+    control::setBufferCapacity(16 * 1024);
     TempDataFile data(100000, 62);
     DtaFile& file = openFile(data);
     std::vector<char> buffer(300);
-    for (int64_t position : {70000, 5, 99990, 40000}) {
+    for (int64_t position : {70000, 5, 10000, 99990, 40000}) {
         SCOPED_TRACE(position);
         ASSERT_EQ(position, file.seek(position, File::kSeekSet));
         const int n = file.read(buffer.data(), 300);
