@@ -201,8 +201,8 @@ TEST(ThreadTest, NeverStartedThreadWaitsAtOnceAndRefusesPriority) {
 }
 
 // While run() lasts, timed waits time out and leave it running; when it ends,
-// every waiter returns, one with a limit and one without (the end is
-// broadcast), and one of them joins.
+// every waiter returns (the end is broadcast) and one of them joins. The
+// waiters' limits keep a missed wake-up from hanging the test.
 TEST(ThreadTest, WaitsOnALongRunTimeOutAndAllReturnWhenItEnds) {
     GatedRunnable runnable;
     Thread thread(runnable, false, "long", kPriority, kStackSize);
@@ -226,7 +226,7 @@ TEST(ThreadTest, WaitsOnALongRunTimeOutAndAllReturnWhenItEnds) {
     std::atomic<pid_t> tids[2] = {{0}, {0}};
     FunctionRunnable first([&] {
         tids[0] = currentTid();
-        results[0] = thread.wait(0);
+        results[0] = thread.wait(kWaitMs);
     });
     FunctionRunnable second([&] {
         tids[1] = currentTid();
