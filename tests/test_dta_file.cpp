@@ -206,7 +206,7 @@ TEST_F(DtaFileTest, RequestsOfTwoFilesCompleteInQueueOrderAndCancelDoesNotWaitFo
     });
     const bool answered = queued.wait_for(testing_support::kWait) == std::future_status::ready;
     control::releaseReads();
-    ASSERT_TRUE(answered) << "queueing or cancelling waited for the worker's engine read";
+    EXPECT_TRUE(answered) << "queueing or cancelling waited for the worker's engine read";
     EXPECT_EQ(0, queued.get());
     ASSERT_TRUE(log.waitFor(kCount));
 
