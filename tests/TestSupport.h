@@ -201,7 +201,8 @@ public:
         {
             std::lock_guard<std::mutex> lock(mutex_);
             statuses.push_back(status);
-            data.insert(data.end(), buffer_.begin(), buffer_.begin() + std::min<size_t>(length, buffer_.size()));
+            data.insert(data.end(), buffer_.begin(),
+                        buffer_.begin() + std::min<size_t>(length, buffer_.size()));
             next = status == velka::kStatusOk && statuses.size() < maxReads_;
         }
         // The next request may complete on another thread before readAsync()
@@ -221,7 +222,8 @@ public:
 
 private:
     bool issue() {
-        return file_.readAsync(buffer_.data(), static_cast<uint32_t>(buffer_.size()), *this) != nullptr;
+        const uint32_t count = static_cast<uint32_t>(buffer_.size());
+        return file_.readAsync(buffer_.data(), count, *this) != nullptr;
     }
 
     velka::File& file_;

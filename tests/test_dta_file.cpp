@@ -150,7 +150,8 @@ TEST_F(DtaFileTest, CancelQueuedRequestButNotOneTheWorkerTook) {
     EXPECT_EQ(-1, file.cancel(taken));
     log.open();
     ASSERT_TRUE(log.waitFor(2));
-    EXPECT_EQ(before.readData, control::calls().readData) << "the cancelled request reached the engine";
+    EXPECT_EQ(before.readData, control::calls().readData)
+        << "the cancelled request reached the engine";
     EXPECT_EQ(4096, file.tell());
 
     // The cancelled request took nothing: the next read goes on after the first.
@@ -348,8 +349,10 @@ TEST_F(DtaFileTest, FailedStartFailsOpenAndCloseReleasesTheTaskOnce) {
     ASSERT_TRUE(control::waitForDownloadsIdle(kWaitMs));  // no engine event line in the capture
     const int tasks = control::openTaskCount();
     const control::Calls before = control::calls();
-    const std::string first = testing_support::capturedStdout([&] { EXPECT_EQ(0, refused.close()); });
-    const std::string second = testing_support::capturedStdout([&] { EXPECT_EQ(0, refused.close()); });
+    const std::string first =
+        testing_support::capturedStdout([&] { EXPECT_EQ(0, refused.close()); });
+    const std::string second =
+        testing_support::capturedStdout([&] { EXPECT_EQ(0, refused.close()); });
     EXPECT_EQ(1, control::calls().closeTask - before.closeTask);
     EXPECT_EQ(tasks - 1, control::openTaskCount());
     EXPECT_THAT(first, ::testing::MatchesRegex("DtaFile close\nDtaFile close1111\n"
@@ -370,7 +373,8 @@ TEST(DtaFileDeathTest, ReadsNeedAHandle) {
     CompletionLog log;
     CompletionLog::Callback callback(log, 1);
     EXPECT_DEATH(file.read(buffer, sizeof buffer), "Assertion `handle_ != -1' failed");
-    EXPECT_DEATH(file.readAsync(buffer, sizeof buffer, callback), "Assertion `handle_ != -1' failed");
+    EXPECT_DEATH(file.readAsync(buffer, sizeof buffer, callback),
+                 "Assertion `handle_ != -1' failed");
     EXPECT_DEATH(file.cancel(buffer), "Assertion `handle_ != -1' failed");
 }
 
@@ -420,7 +424,8 @@ TEST(DtaFileDeathTest, QueuedReadsCompleteWithErrorInOrderWhenTheEngineFailedToI
             exit(0);
         },
         ::testing::ExitedWithCode(0),
-        "report: cancel=0 1:1:0 2:11:0 3:1:0 tell=0 init=1 engineReads=0 events=0 blocking=100 same");
+        "report: cancel=0 1:1:0 2:11:0 3:1:0 tell=0 init=1 engineReads=0 events=0 "
+        "blocking=100 same");
 }
 
 bool tmpVelkaExists() {
@@ -460,7 +465,8 @@ void readThenExit() {
     atexit(reportAtExit);
     const std::string url = "dta-test:///proc/self/exe";
     std::ifstream in("/proc/self/exe", std::ios::binary);
-    std::vector<char> expected((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::vector<char> expected((std::istreambuf_iterator<char>(in)),
+                               std::istreambuf_iterator<char>());
     expected.resize(std::min<size_t>(expected.size(), 64 * 1024));
     std::vector<char> got(expected.size());
     struct TidCallback : File::AsyncCallback {

@@ -31,7 +31,9 @@ int openDescriptorCount() {
     DIR* dir = opendir("/proc/self/fd");
     if (dir == nullptr) return -1;
     int count = 0;
-    for (struct dirent* e = readdir(dir); e != nullptr; e = readdir(dir)) count += e->d_name[0] != '.';
+    for (struct dirent* e = readdir(dir); e != nullptr; e = readdir(dir)) {
+        count += e->d_name[0] != '.';
+    }
     closedir(dir);
     return count;
 }
@@ -56,7 +58,9 @@ struct ChainCase {
     int64_t start;  // position sought before the first request
 };
 
-void PrintTo(const ChainCase& c, std::ostream* os) { *os << "block " << c.block << " from " << c.start; }
+void PrintTo(const ChainCase& c, std::ostream* os) {
+    *os << "block " << c.block << " from " << c.start;
+}
 
 class ChainedReadTest : public LocalFileTest, public ::testing::WithParamInterface<ChainCase> {};
 
@@ -73,7 +77,8 @@ TEST_P(ChainedReadTest, ReadsTheFileToTheEndByteForByte) {
     ChainedReader reader(file, c.block, reads + 2);
     ASSERT_TRUE(reader.run());
     ASSERT_EQ(reads, reader.statuses.size());
-    EXPECT_EQ(reads - 1, size_t(std::count(reader.statuses.begin(), reader.statuses.end(), velka::kStatusOk)));
+    EXPECT_EQ(reads - 1,
+              size_t(std::count(reader.statuses.begin(), reader.statuses.end(), velka::kStatusOk)));
     EXPECT_EQ(velka::kStatusEndOfFile, reader.statuses.back());
     EXPECT_TRUE(std::vector<char>(bytes.begin() + c.start, bytes.end()) == reader.data);
     EXPECT_EQ(static_cast<int64_t>(c.fileSize), file.tell());
@@ -87,7 +92,8 @@ INSTANTIATE_TEST_SUITE_P(
                       ChainCase{65536, 4 * kMiB, 0},            // the end falls on a block
                       ChainCase{65537, 3 * kMiB + 5, 123457}),  // after a seek
     [](const ::testing::TestParamInfo<ChainCase>& info) {
-        return "Block" + std::to_string(info.param.block) + "From" + std::to_string(info.param.start);
+        return "Block" + std::to_string(info.param.block) + "From" +
+               std::to_string(info.param.start);
     });
 
 TEST_F(LocalFileTest, TenByteFileReadsFourFourTwoThenEmptyAtTheEnd) {

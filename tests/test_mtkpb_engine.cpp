@@ -97,7 +97,8 @@ public:
 
     bool waitHeld(size_t n) {
         std::unique_lock<std::mutex> lock(mutex_);
-        return condition_.wait_for(lock, std::chrono::milliseconds(kWaitMs), [&] { return held_.size() >= n; });
+        return condition_.wait_for(lock, std::chrono::milliseconds(kWaitMs),
+                                   [&] { return held_.size() >= n; });
     }
 
     // Completes the held reads and stops holding new ones.
@@ -157,9 +158,10 @@ private:
         return IMTK_PB_CB_ERROR_CODE_OK;
     }
 
-    static IMTK_PB_CB_ERROR_CODE_T pb_read_async(IMTK_PULL_HANDLE_T pull, void* tag, uint8_t* buffer,
-                                                 uint32_t count, IMtkPb_Ctrl_PullReadAsyncNfy done,
-                                                 void* doneTag, IMTK_PULL_REQ_HANDLE_T* request) {
+    static IMTK_PB_CB_ERROR_CODE_T pb_read_async(IMTK_PULL_HANDLE_T pull, void* tag,
+                                                 uint8_t* buffer, uint32_t count,
+                                                 IMtkPb_Ctrl_PullReadAsyncNfy done, void* doneTag,
+                                                 IMTK_PULL_REQ_HANDLE_T* request) {
         std::unique_lock<std::mutex> lock;
         TestSource* s = enter(&lock, pull, tag);
         const uint64_t index = s->readIndex_++;
@@ -190,7 +192,8 @@ private:
         return IMTK_PB_CB_ERROR_CODE_OK;
     }
 
-    static IMTK_PB_CB_ERROR_CODE_T pb_abort(IMTK_PULL_HANDLE_T pull, void* tag, IMTK_PULL_REQ_HANDLE_T request) {
+    static IMTK_PB_CB_ERROR_CODE_T pb_abort(IMTK_PULL_HANDLE_T pull, void* tag,
+                                            IMTK_PULL_REQ_HANDLE_T request) {
         std::unique_lock<std::mutex> lock;
         TestSource* s = enter(&lock, pull, tag);
         Request* r = static_cast<Request*>(request);
@@ -216,8 +219,8 @@ private:
         return IMTK_PB_CB_ERROR_CODE_OK;
     }
 
-    static IMTK_PB_CB_ERROR_CODE_T pb_seek(IMTK_PULL_HANDLE_T pull, void* tag, int64_t offset, uint8_t origin,
-                                           uint64_t* position) {
+    static IMTK_PB_CB_ERROR_CODE_T pb_seek(IMTK_PULL_HANDLE_T pull, void* tag, int64_t offset,
+                                           uint8_t origin, uint64_t* position) {
         std::unique_lock<std::mutex> lock;
         TestSource* s = enter(&lock, pull, tag);
         const int64_t bases[] = {0, s->position_, s->size_};
@@ -382,13 +385,16 @@ void makeMedia() {
         "ffmpeg -nostdin -v error -y -f lavfi -i testsrc=duration=3:size=160x120:rate=25 "
         "-f lavfi -i sine=duration=3 -c:v mpeg4 -c:a aac ";
     const std::string av10 =
-        "ffmpeg -nostdin -v error -y -f lavfi -i testsrc=duration=10:size=320x240:rate=25,noise=alls=30:allf=t "
+        "ffmpeg -nostdin -v error -y -f lavfi -i "
+        "testsrc=duration=10:size=320x240:rate=25,noise=alls=30:allf=t "
         "-f lavfi -i sine=duration=10 -c:v mpeg4 -b:v 1M -g 25 -c:a aac ";
     if (!run(av3 + m.mp4) || !run(av3 + "-f mpegts " + m.ts) || !run(av10 + m.longMp4)) {
         m.why = "ffmpeg failed to generate the test media";
     }
     std::string text;
-    for (int i = 0; i < 2000; ++i) text += "line " + std::to_string(i) + " of a shopping list, not a medium\n";
+    for (int i = 0; i < 2000; ++i) {
+        text += "line " + std::to_string(i) + " of a shopping list, not a medium\n";
+    }
     m.dir.write("garbage.bin", std::vector<char>(text.begin(), text.end()));
     m.dir.write("empty.bin", {});
 }
@@ -443,7 +449,8 @@ protected:
     void open(const std::string& path, SourceOptions options = SourceOptions()) {
         source_ = std::make_unique<TestSource>(path, options);
         ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Open(&handle_, 2, 2, "network"));
-        ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_RegCallback(handle_, &events_, Events::callback));
+        ASSERT_EQ(IMTK_PB_ERROR_CODE_OK,
+                  IMtkPb_Ctrl_RegCallback(handle_, &events_, Events::callback));
         PullSourceParams params = source_->params();
         ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_SetEngineParam(handle_, &params));
     }
@@ -508,7 +515,8 @@ TEST_P(MtkPbEngineMedia, MediaInfoReportsDurationThroughPullSourceOnly) {
     ASSERT_EQ(0, stat(path().c_str(), &st));
     EXPECT_EQ(static_cast<uint64_t>(st.st_size), info.size);
     // The duration is announced before the call returns.
-    EXPECT_EQ(std::vector<intptr_t>{info.durationMs}, events_.data(IMTK_PB_CTRL_EVENT_TOTAL_TIME_UPDATE));
+    EXPECT_EQ(std::vector<intptr_t>{info.durationMs},
+              events_.data(IMTK_PB_CTRL_EVENT_TOTAL_TIME_UPDATE));
     EXPECT_EQ(1, source_->report().opens);
     EXPECT_GT(source_->report().completedBeforeReturn, 0u);
     closeAndCheckReads();
@@ -527,7 +535,8 @@ TEST_P(MtkPbEngineMedia, PlaysTheFilesPacketsToTheEndWithIncreasingTimeUpdates) 
 
     const auto all = events_.all();
     const auto firstOf = [&](IMTK_PB_CTRL_EVENT_T event) {
-        return std::find_if(all.begin(), all.end(), [&](const auto& e) { return e.first == event; });
+        return std::find_if(all.begin(), all.end(),
+                            [&](const auto& e) { return e.first == event; });
     };
     EXPECT_LT(firstOf(IMTK_PB_CTRL_EVENT_PLAYED), firstOf(IMTK_PB_CTRL_EVENT_CUR_TIME_UPDATE));
     EXPECT_EQ(IMTK_PB_CTRL_EVENT_EOS, all.back().first);
@@ -548,7 +557,8 @@ TEST_P(MtkPbEngineMedia, PlaysTheFilesPacketsToTheEndWithIncreasingTimeUpdates) 
 }
 
 INSTANTIATE_TEST_SUITE_P(Media, MtkPbEngineMedia,
-                         ::testing::Values(Medium{"Mp4IndexAtEnd", &Media::mp4}, Medium{"MpegTs", &Media::ts}),
+                         ::testing::Values(Medium{"Mp4IndexAtEnd", &Media::mp4},
+                                           Medium{"MpegTs", &Media::ts}),
                          [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(MtkPbEngine, MediaInfoFailsOnWhatIsNotAMediumOrWhenTheSourceFails) {
@@ -581,7 +591,8 @@ TEST_F(MtkPbEngine, PauseHoldsAndTimeSeekLandsNearTheTargetOrReportsMinusOne) {
     size_t seeks = 0;
     for (intptr_t target : {6, 2, 9, 0}) {
         SCOPED_TRACE(target);
-        ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_TimeSeek(handle_, static_cast<uint32_t>(target)));
+        ASSERT_EQ(IMTK_PB_ERROR_CODE_OK,
+                  IMtkPb_Ctrl_TimeSeek(handle_, static_cast<uint32_t>(target)));
         const intptr_t landed = seekDone(++seeks);
         // A key frame every second: at most a second before the target.
         EXPECT_LE(landed, target * 1000 + 100);
@@ -677,13 +688,14 @@ TEST_P(MtkPbEngineAbort, OutstandingReadIsAbortedAndCompletedOnceBeforeReturn) {
     EXPECT_EQ(0u, events_.count(IMTK_PB_CTRL_EVENT_PLAYBACK_ERROR));
 }
 
-INSTANTIATE_TEST_SUITE_P(Abort, MtkPbEngineAbort,
-                         ::testing::Values(AbortCase{"StopWhileProbing", false, false, 0},
-                                           AbortCase{"StopWhilePlaying", false, false, 12},
-                                           AbortCase{"StopWhilePlayingCancelInline", false, true, 12},
-                                           AbortCase{"CloseWhilePlaying", true, false, 12},
-                                           AbortCase{"CloseWhilePlayingCancelInline", true, true, 13}),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Abort, MtkPbEngineAbort,
+    ::testing::Values(AbortCase{"StopWhileProbing", false, false, 0},
+                      AbortCase{"StopWhilePlaying", false, false, 12},
+                      AbortCase{"StopWhilePlayingCancelInline", false, true, 12},
+                      AbortCase{"CloseWhilePlaying", true, false, 12},
+                      AbortCase{"CloseWhilePlayingCancelInline", true, true, 13}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(MtkPbEngine, StopEndsAPendingSeekAsFailedAndPlayStartsOver) {
     SourceOptions options;

@@ -50,10 +50,12 @@ std::string inChild(bool ownNetwork, const std::function<std::string()>& body) {
         close(fds[0]);
         // `ip` may live in a system directory missing from the test's PATH.
         const char* path = getenv("PATH");
-        setenv("PATH", (std::string(path != nullptr ? path : "") + ":/usr/sbin:/sbin:/usr/bin:/bin").c_str(), 1);
-        const std::string out = ownNetwork && unshare(CLONE_NEWNET) != 0
-                                    ? std::string("skip: no network namespace of our own: ") + strerror(errno)
-                                    : body();
+        const std::string systemPath = ":/usr/sbin:/sbin:/usr/bin:/bin";
+        setenv("PATH", (std::string(path != nullptr ? path : "") + systemPath).c_str(), 1);
+        const std::string out =
+            ownNetwork && unshare(CLONE_NEWNET) != 0
+                ? std::string("skip: no network namespace of our own: ") + strerror(errno)
+                : body();
         for (size_t done = 0; done < out.size();) {
             const ssize_t n = write(fds[1], out.data() + done, out.size() - done);
             if (n <= 0) _exit(1);
@@ -75,8 +77,8 @@ std::string inChild(bool ownNetwork, const std::function<std::string()>& body) {
     close(fds[0]);
     int status = 0;
     waitpid(pid, &status, 0);
-    if (hung || !WIFEXITED(status) || WEXITSTATUS(status) != 0) text += "\nthe child did not finish cleanly";
-    return text;
+    const bool clean = !hung && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    return clean ? text : text + "\nthe child did not finish cleanly";
 }
 
 // One transcript line: what `query` returned and what it printed.
@@ -130,17 +132,19 @@ std::string setUpInterfaces() {
     }
     for (const char* command :
          {"link set eth0 address 00:1a:2b:3c:4d:5e", "addr add 192.0.2.10/24 dev eth0",
-          "link add wlan0 type veth peer name peer-wlan0", "link set wlan0 address fe:dc:ba:98:76:54",
+          "link add wlan0 type veth peer name peer-wlan0",
+          "link set wlan0 address fe:dc:ba:98:76:54",
           "link add velkaiface12345 type veth peer name peer-long",
           "link set velkaiface12345 address 02:00:00:00:00:15",
-          "addr add 198.51.100.15/24 dev velkaiface12345", "link add eth1 type veth peer name peer-eth1",
-          "link add xeth0 type veth peer name peer-xeth0", "link set peer-eth0 up", "link set eth0 up",
-          "link set peer-wlan0 up", "link set wlan0 up", "link set peer-long up",
-          "link set velkaiface12345 up"}) {
+          "addr add 198.51.100.15/24 dev velkaiface12345",
+          "link add eth1 type veth peer name peer-eth1",
+          "link add xeth0 type veth peer name peer-xeth0", "link set peer-eth0 up",
+          "link set eth0 up", "link set peer-wlan0 up", "link set wlan0 up",
+          "link set peer-long up", "link set velkaiface12345 up"}) {
         if (!ip(command)) return std::string("setting up failed: ip ") + command;
     }
     for (const char* name : {"eth0", "wlan0", "velkaiface12345"}) {
-        if (!waitForFlags(name, kUpWithLink, kUpWithLink)) return std::string(name) + " got no link";
+        if (!waitForFlags(name, kUpWithLink, kUpWithLink)) return name + std::string(" no link");
     }
     return "";
 }
@@ -208,12 +212,14 @@ const ReadyStep kReadySteps[] = {
 TEST(NetInterfaceTest, ReadinessFollowsLinkForEthAndUpStateForOthers) {
     std::string expected;
     for (const ReadyStep& step : kReadySteps) {
-        expected += std::string(step.state) + " = " + (step.ready ? "true" : "false") + ", printed \"\"\n";
+        expected +=
+            std::string(step.state) + " = " + (step.ready ? "true" : "false") + ", printed \"\"\n";
     }
     const std::string transcript = onInterfaces([] {
         std::string asked;
         for (const ReadyStep& step : kReadySteps) {
-            if (step.command != nullptr && (!ip(step.command) || !waitForFlags(step.name, step.mask, step.wanted))) {
+            if (step.command != nullptr &&
+                (!ip(step.command) || !waitForFlags(step.name, step.mask, step.wanted))) {
                 return asked + "could not reach the state '" + step.state + "'";
             }
             asked += askReady(step.state, step.name);
@@ -244,9 +250,11 @@ TEST_P(CurrentInterfaceTest, NameComesFromTheCommandsAnswer) {
     ASSERT_FALSE(dir.path().empty());
     if (c.command == Command::kScript) {
         // No single quotes in the output.
-        const std::string script = "#!/bin/sh\n[ \"$#\" = 2 ] && [ \"$1\" = get ] && [ \"$2\" = DEV_NAME ] || exit 1\n"
-                                   "printf '%s' '" + c.output + "'\n";
-        ASSERT_EQ(0, chmod(dir.write("netinfc", std::vector<char>(script.begin(), script.end())).c_str(), 0755));
+        const std::string script =
+            "#!/bin/sh\n[ \"$#\" = 2 ] && [ \"$1\" = get ] && [ \"$2\" = DEV_NAME ] || exit 1\n" +
+            ("printf '%s' '" + c.output + "'\n");
+        const std::string path = dir.write("netinfc", {script.begin(), script.end()});
+        ASSERT_EQ(0, chmod(path.c_str(), 0755));
     }
     const std::string transcript = inChild(false, [&] {
         setenv("PATH", dir.path().c_str(), 1);
@@ -269,7 +277,9 @@ TEST_P(CurrentInterfaceTest, NameComesFromTheCommandsAnswer) {
     EXPECT_EQ("name = " + c.name + ", printed \"" + c.printed + "\\n\"\n", transcript);
 }
 
-std::string padded(const std::string& text, size_t size) { return text + std::string(size - text.size(), ' '); }
+std::string padded(const std::string& text, size_t size) {
+    return text + std::string(size - text.size(), ' ');
+}
 
 INSTANTIATE_TEST_SUITE_P(
     Answers, CurrentInterfaceTest,

@@ -70,8 +70,8 @@ struct Model {
         const uint64_t oldest = std::max(origin, written < size ? 0 : written - size);
         const uint32_t present = static_cast<uint32_t>(consumed - oldest);
         const uint32_t readCounter = static_cast<uint32_t>(consumed);
-        if (static_cast<uint32_t>(written) < size && readCounter < size) return std::min(readCounter, present);
-        return present;
+        const bool firstRound = static_cast<uint32_t>(written) < size && readCounter < size;
+        return firstRound ? std::min(readCounter, present) : present;
     }
 };
 
@@ -81,11 +81,14 @@ struct Model {
 // moved `start` bytes, its storage full of known ones. Returns the first
 // mismatch, or "" when none.
 std::string runDifferential(uint32_t size, uint64_t start, int operations, uint32_t resetPerMille,
-                            std::mt19937& rng, int* seeksGiven, int* seeksRefused, uint64_t* highest) {
+                            std::mt19937& rng, int* seeksGiven, int* seeksRefused,
+                            uint64_t* highest) {
     std::vector<char> storage(size);
     TestRing ring(storage.data(), size);
     Model m{size, 0, 0, 0, ""};
-    auto random = [&](uint32_t below) { return below == 0 ? 0 : static_cast<uint32_t>(rng() % below); };
+    auto random = [&](uint32_t below) {
+        return below == 0 ? 0 : static_cast<uint32_t>(rng() % below);
+    };
     if (start != 0) {
         for (uint32_t i = 0; i < size; ++i) m.stream += static_cast<char>(rng());
         // Counter n lives at n & (size - 1): lay the bytes out for counters start - size to start.
@@ -98,8 +101,10 @@ std::string runDifferential(uint32_t size, uint64_t start, int operations, uint3
     for (int step = 0; step < operations; ++step) {
         // Amounts near the limits are drawn more often than others.
         const uint32_t limits[] = {0, 1, size - 1, size, size + 1, m.length(), m.length() + 1,
-                                   m.space(), m.space() + 1, m.backwardLimit(), m.backwardLimit() + 1};
-        const uint32_t n = std::min(3 * size + 2, random(2) == 0 ? limits[random(11)] : random(2 * size + 2));
+                                   m.space(), m.space() + 1, m.backwardLimit(),
+                                   m.backwardLimit() + 1};
+        const uint32_t n =
+            std::min(3 * size + 2, random(2) == 0 ? limits[random(11)] : random(2 * size + 2));
         const uint32_t pick = random(1000);
         std::string op;
         uint32_t expected = 0, got = 0;
@@ -118,8 +123,10 @@ std::string runDifferential(uint32_t size, uint64_t start, int operations, uint3
             op = "read";
             expected = std::min(n, m.length());
             got = ring.read(out.data(), n);
-            if (got == expected && m.stream.compare(m.consumed - m.origin, got, out.data(), got) != 0) {
-                return "step " + std::to_string(step) + ": read " + std::to_string(n) + " gave other bytes";
+            if (got == expected &&
+                m.stream.compare(m.consumed - m.origin, got, out.data(), got) != 0) {
+                return "step " + std::to_string(step) + ": read " + std::to_string(n) +
+                       " gave other bytes";
             }
             m.consumed += expected;
         } else if (pick < 800) {
@@ -136,9 +143,9 @@ std::string runDifferential(uint32_t size, uint64_t start, int operations, uint3
         }
         if (got != expected || ring.length() != m.length() || ring.space() != m.space() ||
             ring.isFull() != (m.length() == size)) {
-            return "step " + std::to_string(step) + ": " + op + " " + std::to_string(n) + " returned " +
-                   std::to_string(got) + ", expected " + std::to_string(expected) + "; length " +
-                   std::to_string(ring.length()) + "/" + std::to_string(m.length());
+            return "step " + std::to_string(step) + ": " + op + " " + std::to_string(n) +
+                   " returned " + std::to_string(got) + ", expected " + std::to_string(expected) +
+                   "; length " + std::to_string(ring.length()) + "/" + std::to_string(m.length());
         }
         *highest = std::max(*highest, m.written);
     }
@@ -147,7 +154,8 @@ std::string runDifferential(uint32_t size, uint64_t start, int operations, uint3
 
 TEST(RingBufferModelTest, RandomOperationsMatchTheModel) {
     const char* fromEnvironment = getenv("VELKA_RING_SEED");
-    const uint32_t seed = fromEnvironment ? static_cast<uint32_t>(strtoul(fromEnvironment, nullptr, 0)) : 20240611u;
+    const uint32_t seed =
+        fromEnvironment ? static_cast<uint32_t>(strtoul(fromEnvironment, nullptr, 0)) : 20240611u;
     printf("ring model seed %u (set VELKA_RING_SEED to replay another)\n", seed);
     std::mt19937 rng(seed);
     for (uint32_t size : {1u, 2u, 8u, 64u, 1024u}) {
@@ -160,7 +168,8 @@ TEST(RingBufferModelTest, RandomOperationsMatchTheModel) {
             SCOPED_TRACE("size " + std::to_string(size) + ", start " + std::to_string(run.start));
             int given = 0, refused = 0;
             uint64_t highest = 0;
-            ASSERT_EQ("", runDifferential(size, run.start, 6000, run.resetPerMille, rng, &given, &refused, &highest));
+            ASSERT_EQ("", runDifferential(size, run.start, 6000, run.resetPerMille, rng, &given,
+                                          &refused, &highest));
             // The draw must keep reaching the interesting states.
             EXPECT_GT(given, 0);
             EXPECT_GT(refused, 0);

@@ -165,8 +165,10 @@ TEST(SemaphoreTest, TwoPostsReleaseTwoBlockedWaiters) {
     scene->threads[0].start();
     scene->threads[1].start();
     for (int round = 0; round < kRounds; ++round) {
-        ASSERT_TRUE(waitUntil([&] { return isSleeping(scene->blocked[0]) && isSleeping(scene->blocked[1]); }))
-            << "round " << round;
+        const auto bothBlocked = [&] {
+            return isSleeping(scene->blocked[0]) && isSleeping(scene->blocked[1]);
+        };
+        ASSERT_TRUE(waitUntil(bothBlocked)) << "round " << round;
         scene->sem.post();
         scene->sem.post();
         ASSERT_TRUE(scene->done.timedWait(kWaitMs) && scene->done.timedWait(kWaitMs))
@@ -321,7 +323,9 @@ INSTANTIATE_TEST_SUITE_P(
                               "exception in create thread stdThrower n message: disk on fire\n"},
                     ThrowCase{"intThrower", [] { throw 42; },
                               "unknown exception in create thread intThrower\n"}),
-    [](const testing::TestParamInfo<ThrowCase>& info) { return std::string(info.param.threadName); });
+    [](const testing::TestParamInfo<ThrowCase>& info) {
+        return std::string(info.param.threadName);
+    });
 
 // A detached Thread destroys itself on its own thread once run() returns. Its
 // destructor's wait(0) must see the self-wait and not try to join; the

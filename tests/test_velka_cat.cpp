@@ -144,16 +144,17 @@ constexpr size_t kSeveralMiB = 3 * 1024 * 1024 + 7;
 
 INSTANTIATE_TEST_SUITE_P(
     Sizes, VelkaCatDigestTest,
-    ::testing::Values(DigestCase{"Empty", 0, "@", ""},
-                      DigestCase{"Pad55", 55, "@", "--block 7"},
-                      DigestCase{"Pad56", 56, "file://@", "--block 1"},
-                      DigestCase{"Pad64", 64, "data.bin", "--block 64"},
-                      DigestCase{"Pad65", 65, "@", "--block 13"},
-                      DigestCase{"SeveralMiBOddBlock", kSeveralMiB, "@", "--block 4093"},
-                      DigestCase{"SeveralMiBFileUrl", kSeveralMiB, "file://@", ""},
-                      DigestCase{"SeveralMiBEngine", kSeveralMiB, "dta-test://@", ""},
-                      DigestCase{"SeveralMiBEngineOddBlock", kSeveralMiB, "dta-test://@", "--block 4093"},
-                      DigestCase{"SeveralMiBEngineLargeBlock", kSeveralMiB, "dta-test://@", "--block 1m"}),
+    ::testing::Values(
+        DigestCase{"Empty", 0, "@", ""},
+        DigestCase{"Pad55", 55, "@", "--block 7"},
+        DigestCase{"Pad56", 56, "file://@", "--block 1"},
+        DigestCase{"Pad64", 64, "data.bin", "--block 64"},
+        DigestCase{"Pad65", 65, "@", "--block 13"},
+        DigestCase{"SeveralMiBOddBlock", kSeveralMiB, "@", "--block 4093"},
+        DigestCase{"SeveralMiBFileUrl", kSeveralMiB, "file://@", ""},
+        DigestCase{"SeveralMiBEngine", kSeveralMiB, "dta-test://@", ""},
+        DigestCase{"SeveralMiBEngineOddBlock", kSeveralMiB, "dta-test://@", "--block 4093"},
+        DigestCase{"SeveralMiBEngineLargeBlock", kSeveralMiB, "dta-test://@", "--block 1m"}),
     [](const ::testing::TestParamInfo<DigestCase>& info) { return info.param.name; });
 
 // Each --seek starts a segment read to the end; the digest covers the
@@ -204,7 +205,8 @@ TEST_F(VelkaCatTest, UnopenableSourceGivesOneErrorLineAndFailure) {
 }
 
 TEST_F(VelkaCatTest, BadUsageExitsWithTwo) {
-    for (const char* args : {"", "--block 0 x", "--block many x", "--seek nowhere x", "--frobnicate x"}) {
+    for (const char* args :
+         {"", "--block 0 x", "--block many x", "--seek nowhere x", "--frobnicate x"}) {
         EXPECT_EQ(2, velkaCat(args).exitCode) << args;
     }
     const ToolRun help = velkaCat("--help");

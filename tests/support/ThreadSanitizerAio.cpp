@@ -64,7 +64,8 @@ void work() {
         ssize_t result = -1;
         int error = ECANCELED;
         if (!cancelled) {
-            result = pread(cb->aio_fildes, const_cast<void*>(cb->aio_buf), cb->aio_nbytes, cb->aio_offset);
+            result = pread(cb->aio_fildes, const_cast<void*>(cb->aio_buf), cb->aio_nbytes,
+                           cb->aio_offset);
             error = result < 0 ? errno : 0;
         }
         // The notification may free the request: copy its event first.
@@ -85,7 +86,8 @@ void work() {
 extern "C" {
 
 int aio_read(struct aiocb* cb) {
-    if (cb->aio_sigevent.sigev_notify != SIGEV_THREAD && cb->aio_sigevent.sigev_notify != SIGEV_NONE) {
+    if (cb->aio_sigevent.sigev_notify != SIGEV_THREAD &&
+        cb->aio_sigevent.sigev_notify != SIGEV_NONE) {
         errno = EINVAL;
         return -1;
     }
