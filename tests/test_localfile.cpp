@@ -234,10 +234,15 @@ TEST_P(OpenFailureTest, FailsAndKeepsNoDescriptor) {
     EXPECT_EQ(before, openDescriptorCount());
 }
 
+const char* const kOpenFailureNames[] = {"MissingPath", "Directory", "Device", "PrefixAlone"};
+
 // "@" stands for the temporary directory.
 INSTANTIATE_TEST_SUITE_P(Sources, OpenFailureTest,
                          ::testing::Values("file://@/no-such-file", "file://@", "file:///dev/null",
-                                           "file://"));
+                                           "file://"),
+                         [](const ::testing::TestParamInfo<const char*>& info) {
+                             return std::string(kOpenFailureNames[info.index]);
+                         });
 
 TEST_F(LocalFileTest, RelativePathOpensFromTheCurrentDirectory) {
     std::vector<char> bytes;
