@@ -1,25 +1,26 @@
 // The software playback engine, driven through its control interface by a
-// pull source written here: pread on a media file generated with ffmpeg,
+// pull source written here: pread on a media file generated with ffmpeg, its
 // asynchronous reads completed on the calling thread, on a completion thread
-// before pb_read_async returns, or later; with options to refuse, fail or
-// hold reads. The source checks the engine's side of the pull contract (app
-// tag and pull handle passed unchanged, valid origins, every accepted read
-// completed exactly once, no pb_abort after a completion, no read outstanding
-// at pb_close).
+// before pb_read_async returns, or later; with options to refuse, fail or hold
+// reads. The source checks the engine's side of the pull contract (app tag and
+// pull handle passed unchanged, valid origins, every accepted read completed
+// exactly once, no pb_abort after a completion, no read outstanding at
+// pb_close).
+
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <deque>
 #include <functional>
-#include <ostream>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -32,36 +33,39 @@ extern "C" {
 }
 
 #include "IMtkPb_Ctrl.h"
+#include "TestSupport.h"
 #include "mtk_rpc.h"
 #include "mtkpb_control.h"
 
-namespace ctl = mtkpb::control;
-
 namespace {
+
+namespace ctl = mtkpb::control;
 
 // Bound of every wait for the engine; generous for sanitizer builds.
 constexpr uint32_t kWaitMs = 30000;
 constexpr uint64_t kNever = UINT64_MAX;
-
-// ---------------------------------------------------------------------------
-// Pull source
-// ---------------------------------------------------------------------------
 
 // What the pull source does with the reads, by index (0 = the first read).
 struct SourceOptions {
     uint64_t refuseFrom = kNever;  // reads with this index and later are refused
     uint64_t failFrom = kNever;    // ... complete with -1
     uint64_t holdFrom = kNever;    // ... are held until aborted or released
-    bool cancelInline = false;     // complete an aborted read inside pb_abort
+    bool cancelInline = false;     // complete an aborted held read inside pb_abort
 };
 
 class TestSource {
 public:
-    using Options = SourceOptions;
+    struct Report {
+        int opens = 0, closes = 0;
+        uint64_t accepted = 0, completed = 0, cancelled = 0, completedBeforeReturn = 0, aborts = 0;
+        int64_t outstandingAtClose = -1;
+        std::vector<std::string> faults;  // breaches of the pull contract by the engine
+        // Accepted reads whose completion has not been delivered yet.
+        int64_t outstanding() const { return int64_t(accepted - completed - cancelled); }
+    };
 
-    explicit TestSource(const std::string& path, Options options = Options())
-        : url_("file://" + path), options_(options) {
-        fd_ = ::open(path.c_str(), O_RDONLY);
+    explicit TestSource(const std::string& path, SourceOptions options = SourceOptions())
+        : fd_(::open(path.c_str(), O_RDONLY)), options_(options) {
         struct stat st {};
         if (fd_ >= 0 && fstat(fd_, &st) == 0) size_ = st.st_size;
         current_ = this;
@@ -81,52 +85,16 @@ public:
     }
 
     PullSourceParams params() {
-        PullSourceParams p{};
-        p.mode = IMTK_PB_CTRL_PULL_MODE_ASYNC;
-        p.appTag = tag();
-        p.pbOpen = pb_open;
-        p.pbClose = pb_close;
-        p.pbRead = pb_read;
-        p.pbReadAsync = pb_read_async;
-        p.pbAbort = pb_abort;
-        p.pbSeek = pb_seek;
-        p.pbAvailable = pb_available;
-        return p;
+        // The engine reads with pb_read_async only, and finds the size by a seek to the end.
+        return PullSourceParams{IMTK_PB_CTRL_PULL_MODE_ASYNC, this, pb_open, pb_close, nullptr,
+                                pb_read_async, pb_abort, pb_seek, nullptr};
     }
-
-    void* tag() { return &url_; }
-
-    struct Report {
-        int opens = 0;
-        int closes = 0;
-        uint64_t accepted = 0;
-        uint64_t refused = 0;
-        uint64_t completed = 0;
-        uint64_t cancelled = 0;
-        uint64_t completedBeforeReturn = 0;
-        uint64_t aborts = 0;
-        uint64_t abortsTooLate = 0;
-        uint64_t seeks = 0;
-        size_t outstanding = 0;
-        size_t held = 0;
-        // Faults of the engine.
-        int wrongTag = 0;
-        int wrongPullHandle = 0;
-        int badOrigin = 0;
-        int abortOfCompleted = 0;
-        int callsWhileClosed = 0;
-        long outstandingAtClose = -1;
-    };
 
     Report report() {
         std::lock_guard<std::mutex> lock(mutex_);
-        Report r = report_;
-        r.outstanding = undelivered();
-        r.held = held_.size();
-        return r;
+        return report_;
     }
 
-    // Waits until `n` reads are held.
     bool waitHeld(size_t n) {
         std::unique_lock<std::mutex> lock(mutex_);
         return condition_.wait_for(lock, std::chrono::milliseconds(kWaitMs),
@@ -135,16 +103,14 @@ public:
 
     // Completes the held reads and stops holding new ones.
     void releaseHeld() {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            options_.holdFrom = kNever;
-            for (Request* r : held_) queue_.push_back(r);
-            held_.clear();
-        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        options_.holdFrom = kNever;
+        queue_.insert(queue_.end(), held_.begin(), held_.end());
+        held_.clear();
         condition_.notify_all();
     }
 
-    void setOptions(const Options& options) {
+    void setOptions(const SourceOptions& options) {
         std::lock_guard<std::mutex> lock(mutex_);
         options_ = options;
     }
@@ -156,75 +122,50 @@ private:
         IMtkPb_Ctrl_PullReadAsyncNfy done;
         void* doneTag;
         bool cancelled = false;
-        bool doneCalled = false;  // the engine's completion function is being or was called
+        bool doneCalled = false;  // the completion function is being or was called
     };
 
-    static constexpr uintptr_t kPullHandleMark = 0x5eed;
+    IMTK_PULL_HANDLE_T pullHandle() const { return reinterpret_cast<uintptr_t>(this) ^ 0x5eed; }
 
-    // Accepted reads whose completion has not been delivered yet; mutex_ held.
-    size_t undelivered() const {
-        return static_cast<size_t>(
-            std::count_if(live_.begin(), live_.end(), [](const Request* r) { return !r->doneCalled; }));
-    }
-
-    // Checks what every callback receives; takes mutex_.
-    static TestSource* enter(IMTK_PULL_HANDLE_T pull, void* tag, bool checkPull = true) {
+    // Checks what every callback receives; returns with mutex_ held.
+    static TestSource* enter(std::unique_lock<std::mutex>* lock, IMTK_PULL_HANDLE_T pull, void* tag,
+                             bool opening = false) {
         TestSource* s = current_;
-        std::lock_guard<std::mutex> lock(s->mutex_);
-        if (tag != s->tag()) s->report_.wrongTag++;
-        if (checkPull && pull != s->pullHandle()) s->report_.wrongPullHandle++;
-        if (checkPull && !s->open_) s->report_.callsWhileClosed++;
+        *lock = std::unique_lock<std::mutex>(s->mutex_);
+        if (tag != s) s->report_.faults.push_back("wrong app tag");
+        if (!opening && pull != s->pullHandle()) s->report_.faults.push_back("wrong pull handle");
+        if (!opening && !s->open_) s->report_.faults.push_back("call while closed");
         return s;
     }
 
-    IMTK_PULL_HANDLE_T pullHandle() const { return reinterpret_cast<uintptr_t>(this) ^ kPullHandleMark; }
-
-    static IMTK_PB_CB_ERROR_CODE_T pb_open(IMTK_PB_HANDLE_T, IMTK_PULL_HANDLE_T* phPullSrc,
-                                           void* pvAppTag) {
-        TestSource* s = enter(0, pvAppTag, false);
-        std::lock_guard<std::mutex> lock(s->mutex_);
+    static IMTK_PB_CB_ERROR_CODE_T pb_open(IMTK_PB_HANDLE_T, IMTK_PULL_HANDLE_T* pull, void* tag) {
+        std::unique_lock<std::mutex> lock;
+        TestSource* s = enter(&lock, 0, tag, true);
         s->report_.opens++;
         if (s->fd_ < 0) return IMTK_PB_CB_ERROR_CODE_NOT_OK;
         s->open_ = true;
         s->position_ = 0;
-        *phPullSrc = s->pullHandle();
+        *pull = s->pullHandle();
         return IMTK_PB_CB_ERROR_CODE_OK;
     }
 
-    static IMTK_PB_CB_ERROR_CODE_T pb_close(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag) {
-        TestSource* s = enter(hPullSrc, pvAppTag);
-        std::lock_guard<std::mutex> lock(s->mutex_);
+    static IMTK_PB_CB_ERROR_CODE_T pb_close(IMTK_PULL_HANDLE_T pull, void* tag) {
+        std::unique_lock<std::mutex> lock;
+        TestSource* s = enter(&lock, pull, tag);
         s->report_.closes++;
-        s->report_.outstandingAtClose = static_cast<long>(s->undelivered());
+        s->report_.outstandingAtClose = s->report_.outstanding();
         s->open_ = false;
         return IMTK_PB_CB_ERROR_CODE_OK;
     }
 
-    static IMTK_PB_CB_ERROR_CODE_T pb_read(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag,
-                                           uint8_t* buffer, uint32_t count, uint32_t* read) {
-        TestSource* s = enter(hPullSrc, pvAppTag);
-        std::lock_guard<std::mutex> lock(s->mutex_);
-        ssize_t n = pread(s->fd_, buffer, count, s->position_);
-        if (n < 0) {
-            *read = 0;
-            return IMTK_PB_CB_ERROR_CODE_NOT_OK;
-        }
-        s->position_ += n;
-        *read = static_cast<uint32_t>(n);
-        return IMTK_PB_CB_ERROR_CODE_OK;
-    }
-
-    static IMTK_PB_CB_ERROR_CODE_T pb_read_async(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag,
+    static IMTK_PB_CB_ERROR_CODE_T pb_read_async(IMTK_PULL_HANDLE_T pull, void* tag,
                                                  uint8_t* buffer, uint32_t count,
                                                  IMtkPb_Ctrl_PullReadAsyncNfy done, void* doneTag,
                                                  IMTK_PULL_REQ_HANDLE_T* request) {
-        TestSource* s = enter(hPullSrc, pvAppTag);
-        std::unique_lock<std::mutex> lock(s->mutex_);
+        std::unique_lock<std::mutex> lock;
+        TestSource* s = enter(&lock, pull, tag);
         const uint64_t index = s->readIndex_++;
-        if (index >= s->options_.refuseFrom) {
-            s->report_.refused++;
-            return IMTK_PB_CB_ERROR_CODE_NOT_OK;
-        }
+        if (index >= s->options_.refuseFrom) return IMTK_PB_CB_ERROR_CODE_NOT_OK;
         Request* r = new Request{buffer, count, done, doneTag};
         s->live_.insert(r);
         s->report_.accepted++;
@@ -232,14 +173,12 @@ private:
         if (index >= s->options_.holdFrom) {
             s->held_.push_back(r);
             s->condition_.notify_all();
-        } else if (index % 3 == 0) {
-            // On this thread, before returning.
+        } else if (index % 3 == 0) {  // on this thread, before returning
             lock.unlock();
             s->complete(r);
             lock.lock();
             s->report_.completedBeforeReturn++;
-        } else if (index % 3 == 1) {
-            // On the completion thread, before returning.
+        } else if (index % 3 == 1) {  // on the completion thread, before returning
             s->queue_.push_back(r);
             s->condition_.notify_all();
             const uint64_t target = s->doneReturned_ + 1;
@@ -253,19 +192,16 @@ private:
         return IMTK_PB_CB_ERROR_CODE_OK;
     }
 
-    static IMTK_PB_CB_ERROR_CODE_T pb_abort(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag,
+    static IMTK_PB_CB_ERROR_CODE_T pb_abort(IMTK_PULL_HANDLE_T pull, void* tag,
                                             IMTK_PULL_REQ_HANDLE_T request) {
-        TestSource* s = enter(hPullSrc, pvAppTag);
-        std::unique_lock<std::mutex> lock(s->mutex_);
+        std::unique_lock<std::mutex> lock;
+        TestSource* s = enter(&lock, pull, tag);
         Request* r = static_cast<Request*>(request);
         if (s->live_.count(r) == 0) {
-            s->report_.abortOfCompleted++;  // its completion has already returned
+            s->report_.faults.push_back("abort after the completion returned");
             return IMTK_PB_CB_ERROR_CODE_NOT_OK;
         }
-        if (r->doneCalled || r->cancelled) {
-            s->report_.abortsTooLate++;
-            return IMTK_PB_CB_ERROR_CODE_NOT_OK;
-        }
+        if (r->doneCalled || r->cancelled) return IMTK_PB_CB_ERROR_CODE_NOT_OK;
         s->report_.aborts++;
         r->cancelled = true;
         auto held = std::find(s->held_.begin(), s->held_.end(), r);
@@ -283,36 +219,24 @@ private:
         return IMTK_PB_CB_ERROR_CODE_OK;
     }
 
-    static IMTK_PB_CB_ERROR_CODE_T pb_seek(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag,
-                                           int64_t offset, uint8_t origin, uint64_t* position) {
-        TestSource* s = enter(hPullSrc, pvAppTag);
-        std::lock_guard<std::mutex> lock(s->mutex_);
-        s->report_.seeks++;
-        int64_t base;
-        switch (origin) {
-            case IMTK_PB_PULL_SEEK_SET: base = 0; break;
-            case IMTK_PB_PULL_SEEK_CUR: base = s->position_; break;
-            case IMTK_PB_PULL_SEEK_END: base = s->size_; break;
-            default:
-                s->report_.badOrigin++;
-                return IMTK_PB_CB_ERROR_CODE_NOT_OK;
+    static IMTK_PB_CB_ERROR_CODE_T pb_seek(IMTK_PULL_HANDLE_T pull, void* tag, int64_t offset,
+                                           uint8_t origin, uint64_t* position) {
+        std::unique_lock<std::mutex> lock;
+        TestSource* s = enter(&lock, pull, tag);
+        const int64_t bases[] = {0, s->position_, s->size_};
+        if (origin < IMTK_PB_PULL_SEEK_SET || origin > IMTK_PB_PULL_SEEK_END) {
+            s->report_.faults.push_back("bad seek origin");
+            return IMTK_PB_CB_ERROR_CODE_NOT_OK;
         }
-        if (base + offset < 0) return IMTK_PB_CB_ERROR_CODE_NOT_OK;
-        s->position_ = base + offset;
-        *position = static_cast<uint64_t>(s->position_);
+        const int64_t target = bases[origin - IMTK_PB_PULL_SEEK_SET] + offset;
+        if (target < 0) return IMTK_PB_CB_ERROR_CODE_NOT_OK;
+        s->position_ = target;
+        *position = static_cast<uint64_t>(target);
         return IMTK_PB_CB_ERROR_CODE_OK;
     }
 
-    static IMTK_PB_CB_ERROR_CODE_T pb_available(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag,
-                                                uint64_t* available) {
-        TestSource* s = enter(hPullSrc, pvAppTag);
-        std::lock_guard<std::mutex> lock(s->mutex_);
-        *available = static_cast<uint64_t>(std::max<int64_t>(s->size_ - s->position_, 0));
-        return IMTK_PB_CB_ERROR_CODE_OK;
-    }
-
-    // Delivers one completion; called with mutex_ released (the engine may
-    // call pb_abort meanwhile).
+    // Delivers one completion, with mutex_ released (the engine may call
+    // pb_abort meanwhile).
     void complete(Request* r) {
         int32_t result = IMTK_PB_PULL_READ_DONE;
         uint32_t length = 0;
@@ -323,20 +247,13 @@ private:
             } else if (readsCompleted_++ >= options_.failFrom) {
                 result = IMTK_PB_PULL_READ_FAILED;
             } else {
-                ssize_t n = pread(fd_, r->destination, r->count, position_);
-                if (n < 0) {
-                    result = IMTK_PB_PULL_READ_FAILED;
-                } else {
-                    length = static_cast<uint32_t>(n);
-                    position_ += n;
-                }
+                const ssize_t n = pread(fd_, r->destination, r->count, position_);
+                result = n < 0 ? IMTK_PB_PULL_READ_FAILED : IMTK_PB_PULL_READ_DONE;
+                length = n < 0 ? 0 : static_cast<uint32_t>(n);
+                position_ += length;
             }
             r->doneCalled = true;
-            if (result == IMTK_PB_PULL_READ_CANCELLED) {
-                report_.cancelled++;
-            } else {
-                report_.completed++;
-            }
+            (result == IMTK_PB_PULL_READ_CANCELLED ? report_.cancelled : report_.completed)++;
         }
         r->done(result, r->doneTag, r, length);
         {
@@ -362,20 +279,16 @@ private:
     }
 
     static TestSource* current_;
-
-    std::string url_;  // its address is the app tag
-    int fd_ = -1;
+    const int fd_;
     int64_t size_ = 0;
 
     std::mutex mutex_;  // guards everything below
     std::condition_variable condition_;
-    Options options_;
+    SourceOptions options_;
     bool open_ = false;
     int64_t position_ = 0;
-    uint64_t readIndex_ = 0;
-    uint64_t readsCompleted_ = 0;
+    uint64_t readIndex_ = 0, readsCompleted_ = 0, doneReturned_ = 0;
     std::set<Request*> live_;  // accepted, completion not yet returned
-    uint64_t doneReturned_ = 0;
     std::vector<Request*> held_;
     std::deque<Request*> queue_;
     bool quit_ = false;
@@ -385,155 +298,111 @@ private:
 
 TestSource* TestSource::current_ = nullptr;
 
-// ---------------------------------------------------------------------------
-// Notifications
-// ---------------------------------------------------------------------------
-
+// The notifications, in the order they arrived.
 class Events {
 public:
     Events() { current_ = this; }
     ~Events() { current_ = nullptr; }
 
-    void* tag() { return this; }
-
     static int32_t callback(IMTK_PB_CTRL_EVENT_T event, void* tag, intptr_t data) {
         Events* e = current_;
-        std::function<void(IMTK_PB_CTRL_EVENT_T, intptr_t)> hook;
+        std::function<void(IMTK_PB_CTRL_EVENT_T)> hook;
         {
             std::lock_guard<std::mutex> lock(e->mutex_);
-            if (tag != e->tag()) e->wrongTag_++;
+            e->wrongTag += tag != e;
             hook = e->hook_;
         }
-        if (hook) hook(event, data);
-        {
-            std::lock_guard<std::mutex> lock(e->mutex_);
-            e->list_.emplace_back(event, data);
-        }
+        if (hook) hook(event);
+        std::lock_guard<std::mutex> lock(e->mutex_);
+        e->list_.emplace_back(event, data);
         e->condition_.notify_all();
         return 0;
     }
 
     // Called on the notification thread before an event is recorded.
-    void setHook(std::function<void(IMTK_PB_CTRL_EVENT_T, intptr_t)> hook) {
+    void setHook(std::function<void(IMTK_PB_CTRL_EVENT_T)> hook) {
         std::lock_guard<std::mutex> lock(mutex_);
         hook_ = std::move(hook);
     }
-
     bool waitFor(IMTK_PB_CTRL_EVENT_T event, size_t count = 1) {
         std::unique_lock<std::mutex> lock(mutex_);
         return condition_.wait_for(lock, std::chrono::milliseconds(kWaitMs),
-                                   [&] { return countLocked(event) >= count; });
+                                   [&] { return dataLocked(event).size() >= count; });
     }
-
-    size_t count(IMTK_PB_CTRL_EVENT_T event) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return countLocked(event);
-    }
-
     std::vector<intptr_t> data(IMTK_PB_CTRL_EVENT_T event) {
         std::lock_guard<std::mutex> lock(mutex_);
-        std::vector<intptr_t> out;
-        for (auto& e : list_) {
-            if (e.first == event) out.push_back(e.second);
-        }
-        return out;
+        return dataLocked(event);
     }
-
+    size_t count(IMTK_PB_CTRL_EVENT_T event) { return data(event).size(); }
     std::vector<std::pair<IMTK_PB_CTRL_EVENT_T, intptr_t>> all() {
         std::lock_guard<std::mutex> lock(mutex_);
         return list_;
     }
 
-    int wrongTag() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return wrongTag_;
-    }
+    std::atomic<int> wrongTag{0};
 
 private:
-    size_t countLocked(IMTK_PB_CTRL_EVENT_T event) const {
-        return static_cast<size_t>(std::count_if(list_.begin(), list_.end(),
-                                                 [&](auto& e) { return e.first == event; }));
+    std::vector<intptr_t> dataLocked(IMTK_PB_CTRL_EVENT_T event) const {
+        std::vector<intptr_t> out;
+        for (const auto& e : list_) {
+            if (e.first == event) out.push_back(e.second);
+        }
+        return out;
     }
 
     static Events* current_;
     std::mutex mutex_;
     std::condition_variable condition_;
     std::vector<std::pair<IMTK_PB_CTRL_EVENT_T, intptr_t>> list_;
-    std::function<void(IMTK_PB_CTRL_EVENT_T, intptr_t)> hook_;
-    int wrongTag_ = 0;
+    std::function<void(IMTK_PB_CTRL_EVENT_T)> hook_;
 };
 
 Events* Events::current_ = nullptr;
 
-// ---------------------------------------------------------------------------
-// Media
-// ---------------------------------------------------------------------------
-
+// Media generated once for the suite.
 struct Media {
-    std::string dir;
-    std::string mp4;      // 3 s, index at the end
-    std::string ts;       // 3 s MPEG-TS
-    std::string longMp4;  // 10 s, a key frame every second, ~1.3 MB (some 40 reads)
-    std::string garbage;  // text
-    std::string empty;
-    bool ready = false;
-    std::string why;
+    testing_support::TempDir dir;
+    std::string mp4 = dir.file("av.mp4");         // 3 s, index at the end
+    std::string ts = dir.file("av.ts");           // 3 s MPEG-TS
+    std::string longMp4 = dir.file("long.mp4");   // 10 s, a key frame every second, ~1.3 MB
+    std::string garbage = dir.file("garbage.bin");
+    std::string empty = dir.file("empty.bin");
+    std::string why;  // empty when everything is there
 };
 
-Media& media() {
-    static Media m;
-    return m;
-}
+std::unique_ptr<Media> media;
 
 bool run(const std::string& command) { return std::system(command.c_str()) == 0; }
 
 void makeMedia() {
-    Media& m = media();
+    media = std::make_unique<Media>();
+    Media& m = *media;
     if (!run("ffmpeg -version >/dev/null 2>&1")) {
         m.why = "ffmpeg not found on PATH; the engine tests need it to generate media";
         return;
     }
-    char dir[] = "/tmp/mtkpb_test_XXXXXX";
-    if (mkdtemp(dir) == nullptr) {
-        m.why = "cannot create a temporary directory";
-        return;
-    }
-    m.dir = dir;
-    m.mp4 = m.dir + "/av.mp4";
-    m.ts = m.dir + "/av.ts";
-    m.longMp4 = m.dir + "/long.mp4";
-    m.garbage = m.dir + "/garbage.bin";
-    m.empty = m.dir + "/empty.bin";
     const std::string av3 =
         "ffmpeg -nostdin -v error -y -f lavfi -i testsrc=duration=3:size=160x120:rate=25 "
         "-f lavfi -i sine=duration=3 -c:v mpeg4 -c:a aac ";
     const std::string av10 =
-        "ffmpeg -nostdin -v error -y -f lavfi "
-        "-i testsrc=duration=10:size=320x240:rate=25,noise=alls=30:allf=t "
+        "ffmpeg -nostdin -v error -y -f lavfi -i "
+        "testsrc=duration=10:size=320x240:rate=25,noise=alls=30:allf=t "
         "-f lavfi -i sine=duration=10 -c:v mpeg4 -b:v 1M -g 25 -c:a aac ";
     if (!run(av3 + m.mp4) || !run(av3 + "-f mpegts " + m.ts) || !run(av10 + m.longMp4)) {
         m.why = "ffmpeg failed to generate the test media";
-        return;
     }
-    FILE* f = std::fopen(m.garbage.c_str(), "w");
-    for (int i = 0; f != nullptr && i < 2000; ++i) {
-        std::fprintf(f, "line %d of a shopping list, not a medium\n", i);
+    std::string text;
+    for (int i = 0; i < 2000; ++i) {
+        text += "line " + std::to_string(i) + " of a shopping list, not a medium\n";
     }
-    if (f != nullptr) std::fclose(f);
-    f = std::fopen(m.empty.c_str(), "w");
-    if (f != nullptr) std::fclose(f);
-    m.ready = true;
-}
-
-int64_t fileSize(const std::string& path) {
-    struct stat st {};
-    return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
+    m.dir.write("garbage.bin", std::vector<char>(text.begin(), text.end()));
+    m.dir.write("empty.bin", {});
 }
 
 // The packets of `path` read directly with libavformat, hashed the way the
-// engine documents it (FNV-1a 64 over every packet's data in demux order).
+// engine's control documents it.
 struct Demuxed {
-    uint64_t checksum = 0xcbf29ce484222325ull;
+    uint64_t checksum = ctl::kFnvOffsetBasis;
     uint64_t packets = 0;
 };
 
@@ -541,35 +410,26 @@ Demuxed demuxDirectly(const std::string& path) {
     Demuxed d;
     AVFormatContext* format = nullptr;
     if (avformat_open_input(&format, path.c_str(), nullptr, nullptr) < 0) return d;
-    if (avformat_find_stream_info(format, nullptr) >= 0) {
-        AVPacket* packet = av_packet_alloc();
-        while (av_read_frame(format, packet) >= 0) {
-            for (int i = 0; i < packet->size; ++i) {
-                d.checksum ^= packet->data[i];
-                d.checksum *= 0x100000001b3ull;
-            }
-            d.packets++;
-            av_packet_unref(packet);
-        }
-        av_packet_free(&packet);
+    AVPacket* packet = av_packet_alloc();
+    const bool probed = avformat_find_stream_info(format, nullptr) >= 0;
+    while (probed && av_read_frame(format, packet) >= 0) {
+        d.checksum = ctl::fnv1a64(d.checksum, packet->data, static_cast<size_t>(packet->size));
+        d.packets++;
+        av_packet_unref(packet);
     }
+    av_packet_free(&packet);
     avformat_close_input(&format);
     return d;
 }
 
-// ---------------------------------------------------------------------------
-// Fixture
-// ---------------------------------------------------------------------------
-
 class MtkPbEngine : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { makeMedia(); }
-    static void TearDownTestSuite() {
-        if (!media().dir.empty()) run("rm -rf " + media().dir);
+    static void SetUpTestSuite() {
+        if (media == nullptr) makeMedia();
     }
 
     void SetUp() override {
-        if (!media().ready) GTEST_SKIP() << media().why;
+        if (!media->why.empty()) GTEST_SKIP() << media->why;
         ctl::reset();
         ctl::setSpeed(0);
     }
@@ -579,45 +439,37 @@ protected:
             ctl::clearResult(ctl::Op::kClose);
             EXPECT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Close(handle_));
         }
-        if (source_) {
-            TestSource::Report r = source_->report();
-            EXPECT_EQ(0, r.wrongTag);
-            EXPECT_EQ(0, r.wrongPullHandle);
-            EXPECT_EQ(0, r.badOrigin);
-            EXPECT_EQ(0, r.abortOfCompleted);
-            EXPECT_EQ(0, r.callsWhileClosed);
-        }
-        EXPECT_EQ(0, events_.wrongTag());
+        EXPECT_EQ(0, events_.wrongTag);
         EXPECT_EQ(0u, ctl::counters().protocolErrors);
         source_.reset();
         ctl::reset();
     }
 
     // Opens an instance over `path`, registers the recorder and hands over the source.
-    void open(const std::string& path, TestSource::Options options = TestSource::Options()) {
+    void open(const std::string& path, SourceOptions options = SourceOptions()) {
         source_ = std::make_unique<TestSource>(path, options);
         ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Open(&handle_, 2, 2, "network"));
-        ASSERT_NE(0u, handle_);
         ASSERT_EQ(IMTK_PB_ERROR_CODE_OK,
-                  IMtkPb_Ctrl_RegCallback(handle_, events_.tag(), Events::callback));
+                  IMtkPb_Ctrl_RegCallback(handle_, &events_, Events::callback));
         PullSourceParams params = source_->params();
         ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_SetEngineParam(handle_, &params));
     }
 
-    // Closes the instance and checks that every read was completed exactly once
-    // before pb_close, with none outstanding.
+    // Closes the instance and checks that every read was completed exactly
+    // once before pb_close, with none outstanding.
     void closeAndCheckReads() {
         ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Close(handle_));
         handle_ = 0;
-        TestSource::Report r = source_->report();
+        const TestSource::Report r = source_->report();
+        EXPECT_EQ(std::vector<std::string>(), r.faults);
         EXPECT_EQ(1, r.closes);
         EXPECT_EQ(0, r.outstandingAtClose);
-        EXPECT_EQ(0u, r.outstanding);
-        EXPECT_EQ(r.accepted, r.completed + r.cancelled);
-        ctl::Counters c = ctl::counters();
-        EXPECT_EQ(c.readsIssued, c.readsCompleted);
+        EXPECT_EQ(0, r.outstanding());
+        EXPECT_EQ(ctl::counters().readsIssued, ctl::counters().readsCompleted);
         EXPECT_EQ(0u, ctl::readsOutstanding());
     }
+
+    void play() { ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Play(handle_, 0)); }
 
     uint32_t position() {
         uint32_t ms = UINT32_MAX;
@@ -626,30 +478,29 @@ protected:
         return ms;
     }
 
+    // The position the last time seek landed on, -1 for a failed one.
+    intptr_t seekDone(size_t seeks) {
+        EXPECT_TRUE(events_.waitFor(IMTK_PB_CTRL_EVENT_TIMESEEK_DONE, seeks));
+        const std::vector<intptr_t> done = events_.data(IMTK_PB_CTRL_EVENT_TIMESEEK_DONE);
+        return done.empty() ? INTPTR_MIN : done.back();
+    }
+
     IMTK_PB_HANDLE_T handle_ = 0;
     std::unique_ptr<TestSource> source_;
     Events events_;
 };
 
-struct MediumCase {
+struct Medium {
     const char* name;
     std::string Media::*path;
 };
 
-void PrintTo(const MediumCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const Medium& m, std::ostream* os) { *os << m.name; }
 
-const MediumCase kMedia[] = {{"Mp4IndexAtEnd", &Media::mp4}, {"MpegTs", &Media::ts}};
-
-class MtkPbEngineMedia : public MtkPbEngine, public ::testing::WithParamInterface<MediumCase> {
+class MtkPbEngineMedia : public MtkPbEngine, public ::testing::WithParamInterface<Medium> {
 protected:
-    const std::string& path() { return media().*(GetParam().path); }
+    const std::string& path() { return *media.*GetParam().path; }
 };
-
-std::string mediumName(const ::testing::TestParamInfo<MediumCase>& info) { return info.param.name; }
-
-// ---------------------------------------------------------------------------
-// Media information
-// ---------------------------------------------------------------------------
 
 TEST_P(MtkPbEngineMedia, MediaInfoReportsDurationThroughPullSourceOnly) {
     open(path());
@@ -660,26 +511,65 @@ TEST_P(MtkPbEngineMedia, MediaInfoReportsDurationThroughPullSourceOnly) {
     EXPECT_EQ(1u, info.audioStreams);
     EXPECT_EQ(160u, info.width);
     EXPECT_EQ(120u, info.height);
-    EXPECT_EQ(static_cast<uint64_t>(fileSize(path())), info.size);
-
+    struct stat st {};
+    ASSERT_EQ(0, stat(path().c_str(), &st));
+    EXPECT_EQ(static_cast<uint64_t>(st.st_size), info.size);
     // The duration is announced before the call returns.
-    std::vector<intptr_t> total = events_.data(IMTK_PB_CTRL_EVENT_TOTAL_TIME_UPDATE);
-    ASSERT_EQ(1u, total.size());
-    EXPECT_EQ(static_cast<intptr_t>(info.durationMs), total[0]);
-
-    TestSource::Report r = source_->report();
-    EXPECT_EQ(1, r.opens);
-    EXPECT_GT(r.accepted, 0u);
-    EXPECT_GT(r.completedBeforeReturn, 0u);
+    EXPECT_EQ(std::vector<intptr_t>{info.durationMs},
+              events_.data(IMTK_PB_CTRL_EVENT_TOTAL_TIME_UPDATE));
+    EXPECT_EQ(1, source_->report().opens);
+    EXPECT_GT(source_->report().completedBeforeReturn, 0u);
     closeAndCheckReads();
 }
 
-INSTANTIATE_TEST_SUITE_P(Media, MtkPbEngineMedia, ::testing::ValuesIn(kMedia), mediumName);
+// Played at 20 times real time, then again after the end as fast as the data comes.
+TEST_P(MtkPbEngineMedia, PlaysTheFilesPacketsToTheEndWithIncreasingTimeUpdates) {
+    const Demuxed expected = demuxDirectly(path());
+    ASSERT_GT(expected.packets, 100u);
+    ctl::setSpeed(20);
+    open(path());
+    play();  // probes on its own
+    ASSERT_TRUE(events_.waitFor(IMTK_PB_CTRL_EVENT_EOS));
+    EXPECT_EQ(expected.packets, ctl::counters().packets);
+    EXPECT_EQ(expected.checksum, ctl::packetChecksum());
 
-TEST_F(MtkPbEngine, MediaInfoFailsOnWhatIsNotAMedium) {
-    for (const std::string* path : {&media().garbage, &media().empty}) {
-        SCOPED_TRACE(*path);
-        open(*path);
+    const auto all = events_.all();
+    const auto firstOf = [&](IMTK_PB_CTRL_EVENT_T event) {
+        return std::find_if(all.begin(), all.end(),
+                            [&](const auto& e) { return e.first == event; });
+    };
+    EXPECT_LT(firstOf(IMTK_PB_CTRL_EVENT_PLAYED), firstOf(IMTK_PB_CTRL_EVENT_CUR_TIME_UPDATE));
+    EXPECT_EQ(IMTK_PB_CTRL_EVENT_EOS, all.back().first);
+    const std::vector<intptr_t> times = events_.data(IMTK_PB_CTRL_EVENT_CUR_TIME_UPDATE);
+    ASSERT_GE(times.size(), 8u);  // one every 250 ms of 3 s
+    for (size_t i = 1; i < times.size(); ++i) EXPECT_LT(times[i - 1], times[i]) << i;
+    EXPECT_LE(times.front(), 250);
+    EXPECT_GE(times.back(), 2700);
+    EXPECT_GE(position(), 2700u);
+
+    ctl::setSpeed(0);
+    play();
+    ASSERT_TRUE(events_.waitFor(IMTK_PB_CTRL_EVENT_EOS, 2));
+    EXPECT_EQ(2 * expected.packets, ctl::counters().packets) << "Play after the end demuxes afresh";
+    EXPECT_EQ(0u, events_.count(IMTK_PB_CTRL_EVENT_PLAYBACK_ERROR));
+    closeAndCheckReads();
+    EXPECT_EQ(source_->report().accepted, ctl::counters().readsIssued);
+}
+
+INSTANTIATE_TEST_SUITE_P(Media, MtkPbEngineMedia,
+                         ::testing::Values(Medium{"Mp4IndexAtEnd", &Media::mp4},
+                                           Medium{"MpegTs", &Media::ts}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(MtkPbEngine, MediaInfoFailsOnWhatIsNotAMediumOrWhenTheSourceFails) {
+    SourceOptions refuse, fail;
+    refuse.refuseFrom = 0;
+    fail.failFrom = 0;
+    const std::pair<const std::string*, SourceOptions> cases[] = {
+        {&media->garbage, {}}, {&media->empty, {}}, {&media->mp4, refuse}, {&media->mp4, fail}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(*c.first);
+        open(*c.first, c.second);
         EXPECT_NE(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_GetMediaInfo(handle_, nullptr));
         EXPECT_NE(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Play(handle_, 0));
         EXPECT_EQ(0u, events_.count(IMTK_PB_CTRL_EVENT_PLAYED));
@@ -688,193 +578,76 @@ TEST_F(MtkPbEngine, MediaInfoFailsOnWhatIsNotAMedium) {
     }
 }
 
-TEST_F(MtkPbEngine, MediaInfoFailsWhenTheSourceRefusesOrFailsReads) {
-    TestSource::Options refuse;
-    refuse.refuseFrom = 0;
-    TestSource::Options fail;
-    fail.failFrom = 0;
-    for (const TestSource::Options& options : {refuse, fail}) {
-        open(media().mp4, options);
-        EXPECT_NE(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_GetMediaInfo(handle_, nullptr));
-        closeAndCheckReads();
-        ctl::reset();
-    }
-}
-
-TEST_F(MtkPbEngine, SetEngineParamFailsWhenPbOpenFails) {
-    source_ = std::make_unique<TestSource>(media().dir + "/missing.mp4");
-    ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Open(&handle_, 2, 2, "network"));
-    PullSourceParams params = source_->params();
-    EXPECT_NE(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_SetEngineParam(handle_, &params));
-    EXPECT_NE(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Play(handle_, 0));
-    ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Close(handle_));
-    handle_ = 0;
-    EXPECT_EQ(0, source_->report().closes);  // nothing was opened
-}
-
-// ---------------------------------------------------------------------------
-// Playback
-// ---------------------------------------------------------------------------
-
-TEST_P(MtkPbEngineMedia, PlaysToEndWithIncreasingTimeUpdates) {
-    ctl::setSpeed(20);
-    open(path());
-    ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_GetMediaInfo(handle_, nullptr));
-    ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Play(handle_, 0));
-    ASSERT_TRUE(events_.waitFor(IMTK_PB_CTRL_EVENT_EOS));
-
-    auto all = events_.all();
-    auto played = std::find_if(all.begin(), all.end(),
-                               [](auto& e) { return e.first == IMTK_PB_CTRL_EVENT_PLAYED; });
-    auto firstUpdate = std::find_if(all.begin(), all.end(), [](auto& e) {
-        return e.first == IMTK_PB_CTRL_EVENT_CUR_TIME_UPDATE;
-    });
-    ASSERT_NE(all.end(), played);
-    EXPECT_LT(played - all.begin(), firstUpdate - all.begin());
-    EXPECT_EQ(IMTK_PB_CTRL_EVENT_EOS, all.back().first);
-    EXPECT_EQ(1u, events_.count(IMTK_PB_CTRL_EVENT_EOS));
-
-    std::vector<intptr_t> times = events_.data(IMTK_PB_CTRL_EVENT_CUR_TIME_UPDATE);
-    ASSERT_GE(times.size(), 8u);  // one every 250 ms of 3 s
-    for (size_t i = 1; i < times.size(); ++i) EXPECT_LT(times[i - 1], times[i]) << i;
-    EXPECT_LE(times.front(), 250);
-    EXPECT_GE(times.back(), 2700);
-    EXPECT_GE(position(), 2700u);
-    EXPECT_EQ(0u, events_.count(IMTK_PB_CTRL_EVENT_PLAYBACK_ERROR));
-    closeAndCheckReads();
-}
-
-TEST_P(MtkPbEngineMedia, DemuxedPacketsMatchDirectDemuxOfTheFile) {
-    const Demuxed expected = demuxDirectly(path());
-    ASSERT_GT(expected.packets, 100u);
-    open(path());
-    ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Play(handle_, 0));  // probes on its own
-    ASSERT_TRUE(events_.waitFor(IMTK_PB_CTRL_EVENT_EOS));
-    EXPECT_EQ(expected.packets, ctl::counters().packets);
-    EXPECT_EQ(expected.checksum, ctl::packetChecksum());
-    EXPECT_GT(source_->report().completedBeforeReturn, 0u);
-    closeAndCheckReads();
-    EXPECT_EQ(source_->report().accepted, ctl::counters().readsIssued);
-    EXPECT_EQ(source_->report().accepted, ctl::counters().readsCompleted);
-}
-
-TEST_F(MtkPbEngine, PlayAfterTheEndStartsAgain) {
-    open(media().mp4);
-    ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Play(handle_, 0));
-    ASSERT_TRUE(events_.waitFor(IMTK_PB_CTRL_EVENT_EOS));
-    const uint64_t firstRun = ctl::counters().packets;
-    ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Play(handle_, 0));
-    ASSERT_TRUE(events_.waitFor(IMTK_PB_CTRL_EVENT_EOS, 2));
-    EXPECT_EQ(2 * firstRun, ctl::counters().packets);
-    closeAndCheckReads();
-}
-
-TEST_F(MtkPbEngine, PauseHoldsPlaybackAndPlayResumes) {
-    ctl::setSpeed(1);
-    open(media().longMp4);
-    ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Play(handle_, 0));
-    ASSERT_TRUE(ctl::waitUntil([] { return ctl::counters().packets >= 20; }, kWaitMs));
-    ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Pause(handle_));
-    // At most the packet being read when Pause came gets through.
-    const uint64_t atPause = ctl::counters().packets;
-    const uint32_t positionAtPause = position();
-    EXPECT_FALSE(ctl::waitUntil([&] { return ctl::counters().packets > atPause + 1; }, 300));
-    EXPECT_EQ(0u, events_.count(IMTK_PB_CTRL_EVENT_EOS));
-    EXPECT_LE(position(), positionAtPause + 40);
-
-    ctl::setSpeed(0);
-    ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Play(handle_, 0));
-    ASSERT_TRUE(events_.waitFor(IMTK_PB_CTRL_EVENT_EOS));
-    EXPECT_EQ(2u, events_.count(IMTK_PB_CTRL_EVENT_PLAYED));
-    EXPECT_GE(position(), 9500u);
-    closeAndCheckReads();
-}
-
-// ---------------------------------------------------------------------------
-// Time seek
-// ---------------------------------------------------------------------------
-
-TEST_F(MtkPbEngine, TimeSeekLandsNearTheTargetAndReportsDone) {
+TEST_F(MtkPbEngine, PauseHoldsAndTimeSeekLandsNearTheTargetOrReportsMinusOne) {
     ctl::setSpeed(1);  // slow enough that playback is still early when Pause comes
-    open(media().longMp4);
-    ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_GetMediaInfo(handle_, nullptr));
-    ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Play(handle_, 0));
+    open(media->longMp4);
+    play();
     ASSERT_TRUE(events_.waitFor(IMTK_PB_CTRL_EVENT_CUR_TIME_UPDATE));
-    // Paused, the position stays where the seek landed.
+    // Paused, at most the packet being read when Pause came gets through, and
+    // the position stays where each seek lands.
     ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Pause(handle_));
+    const uint64_t atPause = ctl::counters().packets;
+    EXPECT_FALSE(ctl::waitUntil([&] { return ctl::counters().packets > atPause + 1; }, 300));
     size_t seeks = 0;
-    for (uint32_t target : {6u, 2u, 9u, 0u}) {
+    for (intptr_t target : {6, 2, 9, 0}) {
         SCOPED_TRACE(target);
-        ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_TimeSeek(handle_, target));
-        ASSERT_TRUE(events_.waitFor(IMTK_PB_CTRL_EVENT_TIMESEEK_DONE, ++seeks));
-        const intptr_t landed = events_.data(IMTK_PB_CTRL_EVENT_TIMESEEK_DONE).back();
+        ASSERT_EQ(IMTK_PB_ERROR_CODE_OK,
+                  IMtkPb_Ctrl_TimeSeek(handle_, static_cast<uint32_t>(target)));
+        const intptr_t landed = seekDone(++seeks);
         // A key frame every second: at most a second before the target.
-        EXPECT_LE(landed, static_cast<intptr_t>(target) * 1000 + 100);
-        EXPECT_GE(landed, static_cast<intptr_t>(target) * 1000 - 1000);
+        EXPECT_LE(landed, target * 1000 + 100);
+        EXPECT_GE(landed, target * 1000 - 1000);
         EXPECT_EQ(static_cast<uint32_t>(landed), position());
     }
-    // Beyond the end: the seek is accepted and reported as failed.
+    // Beyond the end: accepted, reported as failed, the position unchanged.
     ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_TimeSeek(handle_, 60));
-    ASSERT_TRUE(events_.waitFor(IMTK_PB_CTRL_EVENT_TIMESEEK_DONE, ++seeks));
-    EXPECT_EQ(-1, events_.data(IMTK_PB_CTRL_EVENT_TIMESEEK_DONE).back());
-
-    EXPECT_EQ(0u, position());  // unchanged by the failed seek
-
+    EXPECT_EQ(-1, seekDone(++seeks));
+    EXPECT_EQ(0u, position());
     ctl::setSpeed(0);
-    ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Play(handle_, 0));
+    play();
     ASSERT_TRUE(events_.waitFor(IMTK_PB_CTRL_EVENT_EOS));
-    std::vector<intptr_t> times = events_.data(IMTK_PB_CTRL_EVENT_CUR_TIME_UPDATE);
-    EXPECT_GE(times.back(), 9500);
+    EXPECT_EQ(2u, events_.count(IMTK_PB_CTRL_EVENT_PLAYED));
+    EXPECT_GE(events_.data(IMTK_PB_CTRL_EVENT_CUR_TIME_UPDATE).back(), 9500);
     closeAndCheckReads();
 }
 
 TEST_F(MtkPbEngine, TimeSeekFailsWhenTheSourceFailsDuringTheSeek) {
-    ctl::setSpeed(1);
-    open(media().longMp4);
+    open(media->longMp4);
     ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_GetMediaInfo(handle_, nullptr));
-    TestSource::Options fail;
+    SourceOptions fail;
     fail.failFrom = 0;
     source_->setOptions(fail);
     ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_TimeSeek(handle_, 7));
-    ASSERT_TRUE(events_.waitFor(IMTK_PB_CTRL_EVENT_TIMESEEK_DONE));
-    EXPECT_EQ(-1, events_.data(IMTK_PB_CTRL_EVENT_TIMESEEK_DONE).back());
+    EXPECT_EQ(-1, seekDone(1));
     closeAndCheckReads();
 }
 
 TEST_F(MtkPbEngine, TimeSeekFromInsidePlayedNotification) {
     ctl::setSpeed(1);
-    open(media().longMp4);
-    ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_GetMediaInfo(handle_, nullptr));
+    open(media->longMp4);
     const IMTK_PB_HANDLE_T handle = handle_;
     std::atomic<int32_t> seekResult{1};
-    events_.setHook([&](IMTK_PB_CTRL_EVENT_T event, intptr_t) {
+    events_.setHook([&](IMTK_PB_CTRL_EVENT_T event) {
         if (event == IMTK_PB_CTRL_EVENT_PLAYED) seekResult = IMtkPb_Ctrl_TimeSeek(handle, 5);
     });
-    ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Play(handle_, 0));
-    ASSERT_TRUE(events_.waitFor(IMTK_PB_CTRL_EVENT_TIMESEEK_DONE));
-    EXPECT_EQ(IMTK_PB_ERROR_CODE_OK, seekResult.load());
-    const intptr_t landed = events_.data(IMTK_PB_CTRL_EVENT_TIMESEEK_DONE).back();
+    play();
+    const intptr_t landed = seekDone(1);
+    EXPECT_EQ(IMTK_PB_ERROR_CODE_OK, seekResult);
     EXPECT_GE(landed, 4000);
     EXPECT_LE(landed, 5100);
     events_.setHook(nullptr);
-
     ctl::setSpeed(0);
     ASSERT_TRUE(events_.waitFor(IMTK_PB_CTRL_EVENT_EOS));
     // After the seek, time updates continue from the new position.
-    std::vector<intptr_t> times = events_.data(IMTK_PB_CTRL_EVENT_CUR_TIME_UPDATE);
-    EXPECT_GE(times.back(), 9500);
+    EXPECT_GE(events_.data(IMTK_PB_CTRL_EVENT_CUR_TIME_UPDATE).back(), 9500);
     closeAndCheckReads();
 }
-
-// ---------------------------------------------------------------------------
-// Stop and Close
-// ---------------------------------------------------------------------------
 
 struct AbortCase {
     const char* name;
     bool close;         // Close without Stop first
     bool cancelInline;  // the source completes the aborted read inside pb_abort
-    uint64_t holdFrom;  // the read that is held
+    uint64_t holdFrom;  // the read that is held; 0 holds the probe of Play
 };
 
 void PrintTo(const AbortCase& c, std::ostream* os) { *os << c.name; }
@@ -882,81 +655,73 @@ void PrintTo(const AbortCase& c, std::ostream* os) { *os << c.name; }
 class MtkPbEngineAbort : public MtkPbEngine, public ::testing::WithParamInterface<AbortCase> {};
 
 TEST_P(MtkPbEngineAbort, OutstandingReadIsAbortedAndCompletedOnceBeforeReturn) {
-    TestSource::Options options;
-    options.holdFrom = GetParam().holdFrom;
-    options.cancelInline = GetParam().cancelInline;
-    open(media().longMp4, options);
-    // Play probes first; a read held during the probe keeps it waiting.
+    const AbortCase& c = GetParam();
+    SourceOptions options;
+    options.holdFrom = c.holdFrom;
+    options.cancelInline = c.cancelInline;
+    open(media->longMp4, options);
     std::atomic<int32_t> playResult{1};
     std::thread player([&] { playResult = IMtkPb_Ctrl_Play(handle_, 0); });
     const bool held = source_->waitHeld(1);
     if (!held) source_->releaseHeld();
-    const bool probing = GetParam().holdFrom == 0;
+    const bool probing = c.holdFrom == 0;
     if (!probing) player.join();
-
-    if (GetParam().close) {
+    if (c.close) {
         closeAndCheckReads();
     } else {
         EXPECT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Stop(handle_));
-        TestSource::Report r = source_->report();
-        EXPECT_EQ(0u, r.outstanding);
-        EXPECT_EQ(0u, r.held);
+        const TestSource::Report r = source_->report();
+        EXPECT_EQ(0, r.outstanding());
         EXPECT_EQ(1u, r.aborts);
         EXPECT_EQ(1u, r.cancelled);
         EXPECT_EQ(0, r.closes);
     }
     if (probing) player.join();
     ASSERT_TRUE(held);
-    if (!GetParam().close) closeAndCheckReads();
-
+    if (!c.close) closeAndCheckReads();
     // An aborted probe fails Play; an aborted playback is no error.
     EXPECT_EQ(probing, playResult != IMTK_PB_ERROR_CODE_OK);
     EXPECT_EQ(probing ? 0u : 1u, events_.count(IMTK_PB_CTRL_EVENT_PLAYED));
-    ctl::Counters c = ctl::counters();
-    EXPECT_EQ(1u, c.readsAborted);
-    EXPECT_EQ(1u, c.readsCancelled);
+    EXPECT_EQ(1u, ctl::counters().readsAborted);
+    EXPECT_EQ(1u, ctl::counters().readsCancelled);
     EXPECT_EQ(0u, events_.count(IMTK_PB_CTRL_EVENT_EOS));
     EXPECT_EQ(0u, events_.count(IMTK_PB_CTRL_EVENT_PLAYBACK_ERROR));
 }
 
-const AbortCase kAbortCases[] = {
-    {"StopWhileProbing", false, false, 0},
-    {"StopWhilePlaying", false, false, 12},
-    {"StopWhilePlayingCancelInline", false, true, 12},
-    {"CloseWhilePlaying", true, false, 12},
-    {"CloseWhilePlayingCancelInline", true, true, 13},
-};
-
-INSTANTIATE_TEST_SUITE_P(Abort, MtkPbEngineAbort, ::testing::ValuesIn(kAbortCases),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Abort, MtkPbEngineAbort,
+    ::testing::Values(AbortCase{"StopWhileProbing", false, false, 0},
+                      AbortCase{"StopWhilePlaying", false, false, 12},
+                      AbortCase{"StopWhilePlayingCancelInline", false, true, 12},
+                      AbortCase{"CloseWhilePlaying", true, false, 12},
+                      AbortCase{"CloseWhilePlayingCancelInline", true, true, 13}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(MtkPbEngine, StopEndsAPendingSeekAsFailedAndPlayStartsOver) {
-    TestSource::Options options;
+    SourceOptions options;
     options.holdFrom = 12;
-    open(media().longMp4, options);
-    ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Play(handle_, 0));
+    open(media->longMp4, options);
+    play();
     ASSERT_TRUE(source_->waitHeld(1));
     ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_TimeSeek(handle_, 4));
     ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Stop(handle_));
-    ASSERT_TRUE(events_.waitFor(IMTK_PB_CTRL_EVENT_TIMESEEK_DONE));
-    EXPECT_EQ(-1, events_.data(IMTK_PB_CTRL_EVENT_TIMESEEK_DONE).back());
+    EXPECT_EQ(-1, seekDone(1));
     EXPECT_EQ(0u, position());
 
     source_->releaseHeld();
     ctl::reset();
     ctl::setSpeed(0);
-    ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Play(handle_, 0));
+    play();
     ASSERT_TRUE(events_.waitFor(IMTK_PB_CTRL_EVENT_EOS));
-    EXPECT_EQ(demuxDirectly(media().longMp4).checksum, ctl::packetChecksum());
+    EXPECT_EQ(demuxDirectly(media->longMp4).checksum, ctl::packetChecksum());
     closeAndCheckReads();
 }
 
-TEST_F(MtkPbEngine, StalledSourceReportsUnderflowThenBufferHigh) {
-    TestSource::Options options;
+TEST_F(MtkPbEngine, HeldSourceReportsUnderflowThenBufferHighWhenReleased) {
+    SourceOptions options;
     options.holdFrom = 12;
-    open(media().longMp4, options);
-    ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Play(handle_, 0));
-    ASSERT_TRUE(source_->waitHeld(1));
+    open(media->longMp4, options);
+    play();
     ASSERT_TRUE(events_.waitFor(IMTK_PB_CTRL_EVENT_BUFFER_UNDERFLOW));
     EXPECT_EQ(0u, events_.count(IMTK_PB_CTRL_EVENT_BUFFER_HIGH));
     source_->releaseHeld();
@@ -967,26 +732,20 @@ TEST_F(MtkPbEngine, StalledSourceReportsUnderflowThenBufferHigh) {
 }
 
 TEST_F(MtkPbEngine, FailingSourceDuringPlaybackReportsPlaybackError) {
-    TestSource::Options refuse;
+    SourceOptions refuse, fail;
     refuse.refuseFrom = 8;
-    TestSource::Options fail;
     fail.failFrom = 8;
     size_t errors = 0;
-    for (const TestSource::Options& options : {refuse, fail}) {
-        open(media().longMp4, options);
-        ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Play(handle_, 0));
+    for (const SourceOptions& options : {refuse, fail}) {
+        open(media->longMp4, options);
+        play();
         ASSERT_TRUE(events_.waitFor(IMTK_PB_CTRL_EVENT_PLAYBACK_ERROR, ++errors));
         closeAndCheckReads();
         ctl::reset();
         ctl::setSpeed(0);
     }
-    EXPECT_EQ(2u, events_.count(IMTK_PB_CTRL_EVENT_PLAYBACK_ERROR));
     EXPECT_EQ(0u, events_.count(IMTK_PB_CTRL_EVENT_EOS));
 }
-
-// ---------------------------------------------------------------------------
-// Control interface and handles
-// ---------------------------------------------------------------------------
 
 TEST_F(MtkPbEngine, ForcedResultsReplaceTheOperationUntilCleared) {
     ctl::setResult(ctl::Op::kOpen, -9);
@@ -995,7 +754,7 @@ TEST_F(MtkPbEngine, ForcedResultsReplaceTheOperationUntilCleared) {
     EXPECT_EQ(0u, handle);
     ctl::clearResult(ctl::Op::kOpen);
 
-    open(media().mp4);
+    open(media->mp4);
     ctl::setResult(ctl::Op::kGetMediaInfo, -1);
     EXPECT_EQ(-1, IMtkPb_Ctrl_GetMediaInfo(handle_, nullptr));
     EXPECT_EQ(0u, events_.count(IMTK_PB_CTRL_EVENT_TOTAL_TIME_UPDATE));
@@ -1007,21 +766,19 @@ TEST_F(MtkPbEngine, ForcedResultsReplaceTheOperationUntilCleared) {
 
     ctl::clearResult(ctl::Op::kGetMediaInfo);
     ctl::clearResult(ctl::Op::kPlay);
-    ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Play(handle_, 0));
+    play();
     ASSERT_TRUE(events_.waitFor(IMTK_PB_CTRL_EVENT_EOS));
     EXPECT_EQ(0u, events_.count(IMTK_PB_CTRL_EVENT_TIMESEEK_DONE));
     EXPECT_EQ(2u, ctl::calls(ctl::Op::kOpen));
     EXPECT_EQ(2u, ctl::calls(ctl::Op::kPlay));
     EXPECT_EQ(1u, ctl::calls(ctl::Op::kTimeSeek));
-
     ctl::setResult(ctl::Op::kStop, -2);
     EXPECT_EQ(-2, IMtkPb_Ctrl_Stop(handle_));
     ctl::reset();
     EXPECT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Stop(handle_));
     closeAndCheckReads();
-}
 
-TEST_F(MtkPbEngine, RpcStartUpSucceedsUnlessForced) {
+    // The start-up calls of the box.
     RTOS_CONFIG_T config{};
     void* address = nullptr;
     size_t size = 12582912;
@@ -1038,12 +795,12 @@ TEST_F(MtkPbEngine, RpcStartUpSucceedsUnlessForced) {
 }
 
 TEST_F(MtkPbEngine, InjectedNotificationsReachTheCallbackWhichMayCallTheEngine) {
-    open(media().mp4);
+    open(media->mp4);
     const IMTK_PB_HANDLE_T handle = handle_;
-    std::atomic<int> posResults{0};
-    events_.setHook([&](IMTK_PB_CTRL_EVENT_T, intptr_t) {
+    std::atomic<int> positions{0};
+    events_.setHook([&](IMTK_PB_CTRL_EVENT_T) {
         uint32_t ms = 0;
-        if (IMtkPb_Ctrl_GetCurrentPos(handle, &ms, nullptr) == IMTK_PB_ERROR_CODE_OK) posResults++;
+        positions += IMtkPb_Ctrl_GetCurrentPos(handle, &ms, nullptr) == IMTK_PB_ERROR_CODE_OK;
     });
     const std::pair<IMTK_PB_CTRL_EVENT_T, intptr_t> injected[] = {
         {IMTK_PB_CTRL_EVENT_BUFFER_UNDERFLOW, 0}, {IMTK_PB_CTRL_EVENT_TIMESEEK_DONE, -1},
@@ -1054,47 +811,47 @@ TEST_F(MtkPbEngine, InjectedNotificationsReachTheCallbackWhichMayCallTheEngine) 
     EXPECT_TRUE(ctl::inject(IMTK_PB_CTRL_EVENT_GET_BUF_READY, 0, handle_));
     EXPECT_FALSE(ctl::inject(IMTK_PB_CTRL_EVENT_EOS, 0, handle_ + 1000));
     ASSERT_TRUE(ctl::waitForNotifications(IMTK_PB_CTRL_EVENT_GET_BUF_READY, 1, kWaitMs));
-
-    auto all = events_.all();
+    const auto all = events_.all();
     ASSERT_EQ(7u, all.size());
     for (size_t i = 0; i < 6; ++i) EXPECT_EQ(injected[i], all[i]);
-    EXPECT_EQ(7, posResults.load());
+    EXPECT_EQ(7, positions);
     EXPECT_EQ(1u, ctl::notifications(99));  // counted with the numbers >= 16
     EXPECT_EQ(1u, ctl::notifications(IMTK_PB_CTRL_EVENT_TIMESEEK_DONE));
     closeAndCheckReads();
 }
 
-TEST_F(MtkPbEngine, DisplayRectanglesAreKept) {
-    open(media().mp4);
-    EngineRect full{};
-    EXPECT_FALSE(ctl::displayRectangles(&full, nullptr));
-    const EngineRect whole{0, 0, 1000, 1000};
-    const EngineRect corner{500, 250, 400, 300};
-    ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_SetDisplayRectangle(handle_, &whole, &corner));
-    EngineRect output{};
-    ASSERT_TRUE(ctl::displayRectangles(&full, &output));
-    EXPECT_EQ(0, std::memcmp(&whole, &full, sizeof full));
-    EXPECT_EQ(0, std::memcmp(&corner, &output, sizeof output));
-    EXPECT_EQ(IMTK_PB_ERROR_CODE_INV_ARG, IMtkPb_Ctrl_SetDisplayRectangle(handle_, &whole, nullptr));
-    closeAndCheckReads();
-}
-
-TEST_F(MtkPbEngine, BadHandlesAndArgumentsAreRefused) {
+TEST_F(MtkPbEngine, BadHandlesArgumentsAndSourcesAreRefused) {
     IMTK_PB_HANDLE_T handle = 0;
     EXPECT_NE(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Open(&handle, 1, 2, "network"));
     EXPECT_NE(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Open(nullptr, 2, 2, "network"));
     EXPECT_EQ(IMTK_PB_ERROR_CODE_INV_HANDLE, IMtkPb_Ctrl_Play(12345678, 0));
     EXPECT_EQ(IMTK_PB_ERROR_CODE_INV_HANDLE, IMtkPb_Ctrl_Close(12345678));
-
+    {
+        // pb_open fails: the source is refused and never closed.
+        TestSource missing(media->dir.file("missing.mp4"));
+        PullSourceParams params = missing.params();
+        ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Open(&handle, 2, 2, "network"));
+        EXPECT_NE(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_SetEngineParam(handle, &params));
+        EXPECT_NE(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Play(handle, 0));
+        EXPECT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Close(handle));
+        EXPECT_EQ(0, missing.report().closes);
+    }
+    TestSource source(media->mp4);
+    PullSourceParams params = source.params();
     ASSERT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Open(&handle, 2, 2, "network"));
     EXPECT_EQ(IMTK_PB_ERROR_CODE_INV_STATE, IMtkPb_Ctrl_Play(handle, 0));  // no source yet
-    TestSource source(media().mp4);
-    PullSourceParams params = source.params();
     params.mode = 1;
     EXPECT_EQ(IMTK_PB_ERROR_CODE_INV_ARG, IMtkPb_Ctrl_SetEngineParam(handle, &params));
     params.mode = IMTK_PB_CTRL_PULL_MODE_ASYNC;
     EXPECT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_SetEngineParam(handle, &params));
     EXPECT_EQ(IMTK_PB_ERROR_CODE_INV_STATE, IMtkPb_Ctrl_SetEngineParam(handle, &params));
+    const EngineRect whole{0, 0, 1000, 1000}, corner{500, 250, 400, 300};
+    EXPECT_EQ(IMTK_PB_ERROR_CODE_INV_ARG, IMtkPb_Ctrl_SetDisplayRectangle(handle, &whole, nullptr));
+    EXPECT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_SetDisplayRectangle(handle, &whole, &corner));
+    EngineRect full{}, output{};
+    ASSERT_TRUE(ctl::displayRectangles(&full, &output));
+    EXPECT_EQ(0, std::memcmp(&whole, &full, sizeof full));
+    EXPECT_EQ(0, std::memcmp(&corner, &output, sizeof output));
     EXPECT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Close(handle));
     EXPECT_EQ(IMTK_PB_ERROR_CODE_INV_HANDLE, IMtkPb_Ctrl_Close(handle));
     EXPECT_EQ(IMTK_PB_ERROR_CODE_INV_HANDLE, IMtkPb_Ctrl_GetCurrentPos(handle, nullptr, nullptr));

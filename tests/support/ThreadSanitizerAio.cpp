@@ -19,13 +19,13 @@
 // supported.
 
 #include <aio.h>
-#include <pthread.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <thread>
 #include <unordered_map>
 
 namespace {
@@ -47,60 +47,38 @@ Shared& shared() {
     return *state;
 }
 
-void* notify(void* arg) {
-    struct sigevent* event = static_cast<struct sigevent*>(arg);
-    event->sigev_notify_function(event->sigev_value);
-    delete event;
-    return nullptr;
-}
-
-bool startDetached(void* (*function)(void*), void* arg) {
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-    pthread_t thread;
-    int ret = pthread_create(&thread, &attr, function, arg);
-    pthread_attr_destroy(&attr);
-    return ret == 0;
-}
-
 // One worker serves the requests in submission order, as glibc serves the
 // requests of one descriptor, so a request queued behind a long one can still
 // be cancelled. Each notification runs on a thread of its own.
-void* work(void*) {
+void work() {
     Shared& s = shared();
     for (;;) {
-        struct aiocb* cb;
-        bool cancelled;
-        {
-            std::unique_lock<std::mutex> lock(s.mutex);
-            s.wake.wait(lock, [&s] { return !s.queue.empty(); });
-            cb = s.queue.front();
-            s.queue.pop_front();
-            Stage& stage = s.pending[cb];
-            cancelled = stage == Stage::kCancelled;
-            if (!cancelled) stage = Stage::kRunning;
-        }
-        int error = ECANCELED;
+        std::unique_lock<std::mutex> lock(s.mutex);
+        s.wake.wait(lock, [&s] { return !s.queue.empty(); });
+        struct aiocb* cb = s.queue.front();
+        s.queue.pop_front();
+        Stage& stage = s.pending[cb];
+        const bool cancelled = stage == Stage::kCancelled;
+        if (!cancelled) stage = Stage::kRunning;
+        lock.unlock();
         ssize_t result = -1;
+        int error = ECANCELED;
         if (!cancelled) {
             result = pread(cb->aio_fildes, const_cast<void*>(cb->aio_buf), cb->aio_nbytes,
                            cb->aio_offset);
             error = result < 0 ? errno : 0;
         }
         // The notification may free the request: copy its event first.
-        struct sigevent* event = new struct sigevent(cb->aio_sigevent);
-        {
-            std::lock_guard<std::mutex> lock(s.mutex);
-            cb->__error_code = error;
-            cb->__return_value = result;
-            s.pending.erase(cb);
-        }
-        if (event->sigev_notify != SIGEV_THREAD || !startDetached(notify, event)) {
-            delete event;
+        const struct sigevent event = cb->aio_sigevent;
+        lock.lock();
+        cb->__error_code = error;
+        cb->__return_value = result;
+        s.pending.erase(cb);
+        lock.unlock();
+        if (event.sigev_notify == SIGEV_THREAD) {
+            std::thread([event] { event.sigev_notify_function(event.sigev_value); }).detach();
         }
     }
-    return nullptr;
 }
 
 }  // namespace
@@ -116,10 +94,7 @@ int aio_read(struct aiocb* cb) {
     Shared& s = shared();
     std::lock_guard<std::mutex> lock(s.mutex);
     if (!s.workerStarted) {
-        if (!startDetached(work, nullptr)) {
-            errno = EAGAIN;
-            return -1;
-        }
+        std::thread(work).detach();
         s.workerStarted = true;
     }
     s.pending[cb] = Stage::kQueued;
@@ -130,31 +105,24 @@ int aio_read(struct aiocb* cb) {
 }
 
 int aio_error(const struct aiocb* cb) {
-    Shared& s = shared();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    if (s.pending.count(cb) != 0) return EINPROGRESS;
-    return cb->__error_code;
+    std::lock_guard<std::mutex> lock(shared().mutex);
+    return shared().pending.count(cb) != 0 ? EINPROGRESS : cb->__error_code;
 }
 
 ssize_t aio_return(struct aiocb* cb) {
-    Shared& s = shared();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    std::lock_guard<std::mutex> lock(shared().mutex);
     return cb->__return_value;
 }
 
+// Cancelling every request of a descriptor (a null request) is not needed.
 int aio_cancel(int fd, struct aiocb* cb) {
-    if (cb == nullptr) {
-        errno = ENOSYS;  // cancelling every request of a descriptor is not needed
+    if (cb == nullptr || cb->aio_fildes != fd) {
+        errno = cb == nullptr ? ENOSYS : EBADF;
         return -1;
     }
-    if (cb->aio_fildes != fd) {
-        errno = EBADF;
-        return -1;
-    }
-    Shared& s = shared();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    auto it = s.pending.find(cb);
-    if (it == s.pending.end()) return AIO_ALLDONE;
+    std::lock_guard<std::mutex> lock(shared().mutex);
+    auto it = shared().pending.find(cb);
+    if (it == shared().pending.end()) return AIO_ALLDONE;
     if (it->second == Stage::kRunning) return AIO_NOTCANCELED;
     it->second = Stage::kCancelled;
     return AIO_CANCELED;

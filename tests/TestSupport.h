@@ -1,0 +1,240 @@
+#ifndef VELKA_TESTS_TESTSUPPORT_H
+#define VELKA_TESTS_TESTSUPPORT_H
+
+// What the suites share: bounded waits, generated files, captured standard
+// output, and recorders for asynchronous reads.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "velka/File.h"
+
+namespace testing_support {
+
+// Every wait of the suites gives up after this long; reaching it is a failure.
+constexpr int kWaitMs = 20000;
+constexpr std::chrono::milliseconds kWait(kWaitMs);
+
+// Polls `condition` every millisecond until it holds or kWaitMs have passed.
+inline bool waitUntil(const std::function<bool()>& condition) {
+    const auto end = std::chrono::steady_clock::now() + kWait;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        usleep(1000);
+    }
+    return true;
+}
+
+// What `call` printed on standard output.
+inline std::string capturedStdout(const std::function<void()>& call) {
+    testing::internal::CaptureStdout();
+    call();
+    fflush(stdout);
+    return testing::internal::GetCapturedStdout();
+}
+
+// Bytes that differ from offset to offset, so a read from the wrong position
+// never compares equal.
+inline std::vector<char> patternBytes(size_t size, uint32_t seed) {
+    std::vector<char> bytes(size);
+    uint32_t x = seed * 2654435761u + 1;
+    for (char& b : bytes) {
+        x ^= x << 13;
+        x ^= x >> 17;
+        x ^= x << 5;
+        b = static_cast<char>(x >> 24);
+    }
+    return bytes;
+}
+
+// A directory of its own under /tmp, removed with its contents.
+class TempDir {
+public:
+    TempDir() {
+        char pattern[] = "/tmp/velka-test-XXXXXX";
+        if (mkdtemp(pattern) != nullptr) path_ = pattern;
+    }
+    ~TempDir() {
+        std::error_code ignored;
+        if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
+    }
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& path() const { return path_; }
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+    // Writes `bytes` to the file `name` and returns its path.
+    std::string write(const std::string& name, const std::vector<char>& bytes) const {
+        std::ofstream out(file(name), std::ios::binary);
+        out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        EXPECT_TRUE(out.good()) << file(name);
+        return file(name);
+    }
+
+private:
+    std::string path_;
+};
+
+// A file of pattern bytes, kept for byte-exact comparison.
+class TempDataFile {
+public:
+    explicit TempDataFile(size_t size, uint32_t seed = 1)
+        : bytes_(patternBytes(size, seed)), path_(dir_.write("data", bytes_)) {}
+
+    const std::string& path() const { return path_; }
+    const std::vector<char>& bytes() const { return bytes_; }
+    int64_t size() const { return static_cast<int64_t>(bytes_.size()); }
+    // The URL under which the download engine stand-in serves this file.
+    std::string dtaUrl() const { return "dta-test://" + path_; }
+    // The `count` bytes at `offset`, clipped at the end.
+    std::vector<char> slice(int64_t offset, size_t count) const {
+        const size_t begin = std::min(bytes_.size(), static_cast<size_t>(offset));
+        const size_t end = std::min(bytes_.size(), begin + count);
+        return std::vector<char>(bytes_.begin() + begin, bytes_.begin() + end);
+    }
+
+private:
+    TempDir dir_;
+    std::vector<char> bytes_;
+    std::string path_;
+};
+
+struct Completion {
+    int tag;  // which request, as the test numbered it
+    velka::VelkaStatus status;
+    uint32_t length;
+};
+
+// The completions of asynchronous reads in arrival order, each under the tag
+// of its Callback. A gated log keeps every complete() waiting inside until
+// open(), so that a test can act while a request is known to be taken and its
+// handle still valid.
+class CompletionLog {
+public:
+    class Callback : public velka::File::AsyncCallback {
+    public:
+        Callback(CompletionLog& log, int tag) : log_(log), tag_(tag) {}
+        void complete(velka::VelkaStatus status, uint32_t length) override {
+            log_.add({tag_, status, length});
+        }
+
+    private:
+        CompletionLog& log_;
+        const int tag_;
+    };
+
+    explicit CompletionLog(bool gated = false) : open_(!gated) {}
+    // Lets held completions go and waits until they have left.
+    ~CompletionLog() {
+        open();
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait_for(lock, kWait, [this] { return inside_ == 0; });
+    }
+
+    void open() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        open_ = true;
+        changed_.notify_all();
+    }
+    // Waits until `count` completions have arrived (gated ones count on entry).
+    bool waitFor(size_t count) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, kWait, [&] { return entries_.size() >= count; });
+    }
+    std::vector<Completion> all() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return entries_;
+    }
+
+private:
+    void add(const Completion& c) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        entries_.push_back(c);
+        ++inside_;
+        changed_.notify_all();
+        changed_.wait_for(lock, kWait, [this] { return open_; });
+        --inside_;
+        changed_.notify_all();
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool open_;
+    int inside_ = 0;  // complete() calls not yet returned
+    std::vector<Completion> entries_;
+};
+
+// Reads a File to its end, each asynchronous read issued from inside the
+// completion of the one before, the way the playback engine pulls. Stops at
+// the first status other than kStatusOk, or after `maxReads` reads.
+class ChainedReader : public velka::File::AsyncCallback {
+public:
+    ChainedReader(velka::File& file, uint32_t block, size_t maxReads = 100000)
+        : file_(file), buffer_(block), maxReads_(maxReads) {}
+
+    // False when a request was refused, or the chain stalled for kWaitMs.
+    bool run() {
+        if (!issue()) return false;
+        std::unique_lock<std::mutex> lock(mutex_);
+        for (size_t seen = 0; !done_; seen = statuses.size()) {
+            if (!changed_.wait_for(lock, kWait, [&] { return done_ || statuses.size() != seen; })) {
+                return false;
+            }
+        }
+        return !refused_;
+    }
+
+    void complete(velka::VelkaStatus status, uint32_t length) override {
+        bool next;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            statuses.push_back(status);
+            data.insert(data.end(), buffer_.begin(),
+                        buffer_.begin() + std::min<size_t>(length, buffer_.size()));
+            next = status == velka::kStatusOk && statuses.size() < maxReads_;
+        }
+        // The next request may complete on another thread before readAsync()
+        // returns; nothing of this object is touched after it.
+        const bool refused = next && !issue();
+        if (!next || refused) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            refused_ = refused;
+            done_ = true;
+            changed_.notify_all();
+        }
+    }
+
+    // Read only after run().
+    std::vector<velka::VelkaStatus> statuses;
+    std::vector<char> data;
+
+private:
+    bool issue() {
+        const uint32_t count = static_cast<uint32_t>(buffer_.size());
+        return file_.readAsync(buffer_.data(), count, *this) != nullptr;
+    }
+
+    velka::File& file_;
+    std::vector<char> buffer_;
+    const size_t maxReads_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool done_ = false;
+    bool refused_ = false;
+};
+
+}  // namespace testing_support
+
+#endif  // VELKA_TESTS_TESTSUPPORT_H
