@@ -8,10 +8,9 @@ extern "C" {
 }
 
 #include <string>
+#include <vector>
 
-#include "IMtkPb_Ctrl.h"
-#include "mtkpb_control.h"
-#include "support/PlayerTestSupport.h"
+#include "PlayerFixture.h"
 #include "velka/MediaPlayer.h"
 
 namespace {
@@ -44,17 +43,16 @@ struct Clip {
     std::string Media::*path;
 };
 
-class EndToEndTest : public ::testing::TestWithParam<Clip> {
+class EndToEndTest : public EngineTest, public ::testing::WithParamInterface<Clip> {
 protected:
     void SetUp() override {
-        ASSERT_FALSE(media().dir.empty()) << "ffmpeg could not make the test media";
+        EngineTest::SetUp();
         path_ = media().*(GetParam().path);
-        mtkpb::control::reset();
         player_.addListener(log_);
     }
     void TearDown() override {
         player_.close();
-        mtkpb::control::reset();
+        EngineTest::TearDown();
     }
 
     std::string path_;
@@ -69,22 +67,9 @@ TEST_P(EndToEndTest, PlaysToTheEndWithIncreasingTimeAndEveryPacket) {
     ASSERT_EQ(kStatusOk, player_.open(Media::url(path_)));
     EXPECT_NEAR(media().durationMs, player_.duration(), 300);
     ASSERT_EQ(kStatusOk, player_.play(0));
-
-    const Event stopped = stateEvent(MediaPlayer::kStateStopped);
-    ASSERT_TRUE(log_.waitFor(
-        [&](const Events& all) {
-            for (const Event& e : all) {
-                if (e == stopped) return true;
-            }
-            return false;
-        },
-        60000))
+    ASSERT_TRUE(log_.waitForEvent(kStopped, 60000))
         << "never stopped: " << ::testing::PrintToString(log_.events());
-    EXPECT_EQ((Events{stateEvent(MediaPlayer::kStateOpening),
-                      stateEvent(MediaPlayer::kStateOpened),
-                      stateEvent(MediaPlayer::kStatePlaying),
-                      {MediaPlayer::kEventEndOfStream, 0}, stopped}),
-              log_.transitions());
+    EXPECT_EQ((Events{kOpening, kOpened, kPlaying, kEndOfStream, kStopped}), log_.transitions());
     EXPECT_EQ(MediaPlayer::kStateStopped, player_.state());
 
     // Time updates: before the end, each later than the one before, within the clip.
@@ -98,10 +83,9 @@ TEST_P(EndToEndTest, PlaysToTheEndWithIncreasingTimeAndEveryPacket) {
     EXPECT_GE(times.front(), 0);
     EXPECT_LE(times.back(), media().durationMs + 200);
 
-    uint64_t checksum = 0;
-    uint64_t packets = 0;
+    uint64_t checksum = 0, packets = 0;
     ASSERT_TRUE(directChecksum(path_, &checksum, &packets));
-    mtkpb::control::Counters counters = mtkpb::control::counters();
+    const mtkpb::control::Counters counters = mtkpb::control::counters();
     EXPECT_EQ(packets, counters.packets);
     EXPECT_EQ(checksum, counters.packetChecksum);
     EXPECT_EQ(0u, counters.protocolErrors);
@@ -109,28 +93,22 @@ TEST_P(EndToEndTest, PlaysToTheEndWithIncreasingTimeAndEveryPacket) {
 }
 
 TEST_P(EndToEndTest, StartPositionAndTimeSeekLandWhereAsked) {
-    mtkpb::control::setSpeed(1);
+    // A seek lands on the key frame at or before the second asked for.
+    auto expectAt = [this](int32_t from, int32_t below, MediaPlayer::State state) {
+        const int32_t pts = player_.currentPts();
+        EXPECT_TRUE(pts >= from && pts < below) << pts << " is not in [" << from << ", " << below;
+        EXPECT_EQ(state, player_.state());
+    };
     ASSERT_EQ(kStatusOk, player_.open(Media::url(path_)));
     ASSERT_EQ(kStatusOk, player_.play(3000));
     ASSERT_TRUE(mtkpb::control::waitForNotifications(IMTK_PB_CTRL_EVENT_TIMESEEK_DONE, 1,
                                                      kEventWaitMs));
-    // A seek lands on the key frame at or before the second asked for.
-    int32_t pts = player_.currentPts();
-    EXPECT_GE(pts, 2000);
-    EXPECT_LT(pts, 5000);
-
+    expectAt(2000, 5000, MediaPlayer::kStatePlaying);
     ASSERT_EQ(kStatusOk, player_.timeSeek(1000));
-    pts = player_.currentPts();
-    EXPECT_GE(pts, 400);
-    EXPECT_LT(pts, 2500);
-    EXPECT_EQ(MediaPlayer::kStatePlaying, player_.state());
-
+    expectAt(400, 2500, MediaPlayer::kStatePlaying);
     ASSERT_EQ(kStatusOk, player_.pause());
     ASSERT_EQ(kStatusOk, player_.timeSeek(4000));
-    pts = player_.currentPts();
-    EXPECT_GE(pts, 3400);
-    EXPECT_LT(pts, 4500);
-    EXPECT_EQ(MediaPlayer::kStatePaused, player_.state());
+    expectAt(3400, 4500, MediaPlayer::kStatePaused);
     EXPECT_EQ(0u, mtkpb::control::counters().protocolErrors);
 }
 
