@@ -229,18 +229,13 @@ TEST_F(PlaybackTest, PullCallbacksUseTheTmpFileWhileOpen) {
     ASSERT_EQ(0, velka::pb_open(0, &handle, &tag));
     EXPECT_EQ(reinterpret_cast<IMTK_PULL_HANDLE_T>(&handle), handle);
     EXPECT_EQ(descriptors, openDescriptors());
-
-    // Any pull handle reads the tmp file.
-    uint64_t size = 0;
-    ASSERT_EQ(0, velka::pb_seek(12345, &tag, 0, IMTK_PB_PULL_SEEK_END, &size));
-    EXPECT_GT(size, 0u);
-
     // pb_close leaves it open and forgets the last position.
     deliver(IMTK_PB_CTRL_EVENT_CUR_TIME_UPDATE, 2500);
     EXPECT_EQ(0, velka::pb_close(handle, &tag));
     EXPECT_EQ(kNone, poll()) << "pb_close kept the position";
+    // Any pull handle reads the tmp file.
     uint64_t position = 1;
-    ASSERT_EQ(0, velka::pb_seek(handle, &tag, 4, IMTK_PB_PULL_SEEK_SET, &position));
+    ASSERT_EQ(0, velka::pb_seek(12345, &tag, 4, IMTK_PB_PULL_SEEK_SET, &position));
     EXPECT_EQ(4u, position);
     uint8_t bytes[4] = {};
     uint32_t read = 0;
@@ -264,15 +259,8 @@ TEST_F(PullHandleTest, PullOpenWithoutPlaybackMakesItsOwnSourceAndCloseDestroysI
     ASSERT_NE(0u, handle);
     EXPECT_EQ(descriptors_ + 1, openDescriptors());
     url.reset();  // the tag is valid only during the call
-
-    std::string tag = "unused";
-    uint64_t end = 0, start = 1, available = 0;
-    ASSERT_EQ(0, velka::pb_seek(handle, &tag, 0, IMTK_PB_PULL_SEEK_END, &end));
-    ASSERT_EQ(0, velka::pb_seek(handle, &tag, 0, IMTK_PB_PULL_SEEK_SET, &start));
-    EXPECT_EQ(0u, start);
-    ASSERT_EQ(0, velka::pb_available(handle, &tag, &available));
-    EXPECT_EQ(end, available);
     // An MP4 starts with its ftyp box: a 32-bit size, then "ftyp".
+    std::string tag = "unused";
     uint8_t head[8] = {};
     uint32_t bytes = 0;
     ASSERT_EQ(0, velka::pb_read(handle, &tag, head, sizeof head, &bytes));
@@ -284,53 +272,13 @@ TEST_F(PullHandleTest, PullOpenWithoutPlaybackMakesItsOwnSourceAndCloseDestroysI
 // ---------------------------------------------------------------------------
 // The pull callbacks over a scripted File.
 
-// What the engine's completion function received.
-struct Completion {
-    int32_t result;
-    IMTK_PULL_REQ_HANDLE_T request;
-    uint32_t length;
-    IMTK_PULL_REQ_HANDLE_T storedHandle;  // the out request handle at that moment
-};
-
-// Stands in for the engine's side of asynchronous reads.
-class EngineSide {
-public:
-    static void done(int32_t result, void* tag, IMTK_PULL_REQ_HANDLE_T request, uint32_t length) {
-        EngineSide* self = static_cast<EngineSide*>(tag);
-        {
-            std::lock_guard<std::mutex> lock(self->mutex_);
-            self->completions_.push_back({result, request, length, self->outHandle});
-        }
-        self->changed_.notify_all();
-    }
-
-    std::vector<Completion> completions() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return completions_;
-    }
-
-    bool waitForCompletions(size_t count, int timeoutMs = kEventWaitMs) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                                 [&] { return completions_.size() >= count; });
-    }
-
-    // Written by pb_read_async; read by done() on the completing thread.
-    IMTK_PULL_REQ_HANDLE_T outHandle = nullptr;
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<Completion> completions_;
-};
-
 // A File whose answers the test scripts.
 class ScriptedFile : public File {
 public:
     enum class AsyncMode {
         kHold,           // accept; the test completes it later
         kRefuse,         // return null
-        kCompleteFirst,  // complete on another thread before readAsync returns
+        kCompleteFirst,  // complete 40 bytes on another thread before readAsync returns
     };
 
     ScriptedFile() : File("scripted://") {}
@@ -340,12 +288,11 @@ public:
 
     int open() override { return 0; }
     int close() override { return 0; }
-
+    // The first min(count, readResult) bytes of "ABCDEFGHIJ", or readResult when negative.
     int read(char* buffer, uint32_t count) override {
         if (readResult < 0) return readResult;
-        uint32_t n = std::min<uint32_t>(count, static_cast<uint32_t>(data.size() - position_));
-        std::memcpy(buffer, data.data() + position_, n);
-        position_ += n;
+        const uint32_t n = std::min(count, static_cast<uint32_t>(readResult));
+        std::memcpy(buffer, "ABCDEFGHIJ", n);
         return static_cast<int>(n);
     }
 
@@ -353,27 +300,15 @@ public:
         if (asyncMode == AsyncMode::kRefuse) return nullptr;
         pending_ = &callback;
         if (asyncMode == AsyncMode::kCompleteFirst) {
-            std::mutex m;
-            std::condition_variable cv;
-            bool calling = false;
-            threads_.emplace_back([&, cb = pending_, length = earlyLength] {
-                {
-                    // Notified under the lock: readAsync's locals live until
-                    // it can take the lock again.
-                    std::lock_guard<std::mutex> lock(m);
-                    calling = true;
-                    cv.notify_all();
-                }
-                cb->complete(velka::kStatusOk, length);
-            });
-            std::unique_lock<std::mutex> lock(m);
-            cv.wait(lock, [&] { return calling; });
-            lock.unlock();
+            completeHeld(velka::kStatusOk, 40);
             // The completion is under way. It must not reach the engine
             // before this request's handle is known; give it a moment to
             // (wrongly) do so. A correct pull source never does, whatever
             // the timing.
-            completedBeforeReturn = engine->waitForCompletions(1, 200);
+            std::unique_lock<std::mutex> lock(mutex_);
+            changed_.wait(lock, [this] { return started_ == threads_.size(); });
+            completedBeforeReturn = changed_.wait_for(
+                lock, std::chrono::milliseconds(200), [this] { return done_ == threads_.size(); });
         }
         return &token_;
     }
@@ -382,7 +317,11 @@ public:
     void completeHeld(VelkaStatus status, uint32_t length) {
         AsyncCallback* cb = pending_;
         pending_ = nullptr;
-        threads_.emplace_back([cb, status, length] { cb->complete(status, length); });
+        threads_.emplace_back([this, cb, status, length] {
+            count(&started_);
+            cb->complete(status, length);
+            count(&done_);
+        });
     }
 
     int cancel(void* request) override {
@@ -398,75 +337,93 @@ public:
     int64_t seek(int64_t offset, Whence whence) override {
         lastOffset = offset;
         lastWhence = whence;
-        if (seekResult != kNoOverride) return seekResult;
-        int64_t base = whence == kSeekSet ? 0 : whence == kSeekCurrent ? position_ : length();
-        position_ = base + offset;
-        return position_;
+        return seekResult;
     }
-    int64_t tell() override { return position_; }
-    int64_t length() override { return static_cast<int64_t>(data.size()); }
-    int64_t available() override {
-        return availableResult != kNoOverride ? availableResult : length() - position_;
-    }
+    int64_t tell() override { return 0; }
+    int64_t length() override { return 0; }
+    int64_t available() override { return availableResult; }
     int cachePercent() override { return 100; }
     int error() override { return 0; }
 
     void* handle() { return &token_; }
     IMTK_PULL_HANDLE_T pullHandle() { return reinterpret_cast<IMTK_PULL_HANDLE_T>(this); }
 
-    static constexpr int64_t kNoOverride = INT64_MIN;
-
-    std::string data = "ABCDEFGHIJ";
     int readResult = 0;
     AsyncMode asyncMode = AsyncMode::kHold;
-    uint32_t earlyLength = 0;
-    EngineSide* engine = nullptr;
     bool completedBeforeReturn = false;
     int cancelResult = 0;
     void* lastCancel = nullptr;
-    int64_t seekResult = kNoOverride;
-    int64_t availableResult = kNoOverride;
+    int64_t seekResult = 0;
+    int64_t availableResult = 0;
     int64_t lastOffset = 0;
     Whence lastWhence = kSeekSet;
 
 private:
-    int64_t position_ = 0;
+    void count(size_t* counter) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        ++*counter;
+        changed_.notify_all();
+    }
+
     AsyncCallback* pending_ = nullptr;
-    int token_ = 0;  // its address is the request handle
-    std::vector<std::thread> threads_;
+    int token_ = 0;                     // its address is the request handle
+    std::vector<std::thread> threads_;  // on the test's thread only
+    std::mutex mutex_;                  // guards started_ and done_
+    std::condition_variable changed_;
+    size_t started_ = 0;  // completion threads that began
+    size_t done_ = 0;     // completion threads whose complete() returned
 };
 
 char kTag[] = "app tag";
 
+// What the engine's completion function received.
+struct Completion {
+    int32_t result;
+    IMTK_PULL_REQ_HANDLE_T request;
+    uint32_t length;
+    IMTK_PULL_REQ_HANDLE_T storedHandle;  // pb_read_async's out handle at that moment
+};
+
 class PullSourceTest : public ::testing::Test {
 protected:
+    // The engine's completion function; the tag is the test.
+    static void done(int32_t result, void* tag, IMTK_PULL_REQ_HANDLE_T request, uint32_t length) {
+        PullSourceTest* self = static_cast<PullSourceTest*>(tag);
+        std::lock_guard<std::mutex> lock(self->mutex_);
+        self->completions_.push_back({result, request, length, self->request_});
+        self->changed_.notify_all();
+    }
+
     IMTK_PB_CB_ERROR_CODE_T readAsync() {
-        file_.engine = &engine_;
-        return velka::pb_read_async(file_.pullHandle(), kTag, buffer_, sizeof buffer_,
-                                    &EngineSide::done, &engine_, &engine_.outHandle);
+        return velka::pb_read_async(file_.pullHandle(), kTag, buffer_, sizeof buffer_, &done, this,
+                                    &request_);
     }
 
-    // The completion the engine received last, once `count` have arrived.
+    // The last completion, once exactly `count` have arrived, for the File's request.
     Completion completion(size_t count) {
-        EXPECT_TRUE(engine_.waitForCompletions(count));
-        std::vector<Completion> got = engine_.completions();
-        EXPECT_EQ(count, got.size());
-        EXPECT_EQ(file_.handle(), got.empty() ? nullptr : got.back().request);
-        return got.empty() ? Completion{} : got.back();
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait_for(lock, std::chrono::milliseconds(kEventWaitMs),
+                          [&] { return completions_.size() >= count; });
+        EXPECT_EQ(count, completions_.size());
+        if (completions_.empty()) return {};
+        EXPECT_EQ(file_.handle(), completions_.back().request);
+        return completions_.back();
     }
 
-    EngineSide engine_;
-    ScriptedFile file_;  // after engine_: joins its completion threads first
+    std::mutex mutex_;  // guards completions_
+    std::condition_variable changed_;
+    std::vector<Completion> completions_;
+    IMTK_PULL_REQ_HANDLE_T request_ = nullptr;  // pb_read_async's out handle
     uint8_t buffer_[64] = {};
+    ScriptedFile file_;  // last: joins its completion threads before the rest goes
 };
 
 TEST_F(PullSourceTest, CompletionBeforeReadAsyncReturnsWaitsForTheRequestHandle) {
     file_.asyncMode = ScriptedFile::AsyncMode::kCompleteFirst;
-    file_.earlyLength = 40;
     ASSERT_EQ(0, readAsync());
     EXPECT_FALSE(file_.completedBeforeReturn)
         << "the engine heard of the read before it knew the request handle";
-    EXPECT_EQ(file_.handle(), engine_.outHandle);
+    EXPECT_EQ(file_.handle(), request_);
     const Completion got = completion(1);
     EXPECT_EQ(IMTK_PB_PULL_READ_DONE, got.result);
     EXPECT_EQ(file_.handle(), got.storedHandle);
@@ -491,7 +448,7 @@ TEST_F(PullSourceTest, EachCompletionStatusReachesTheEngineOnce) {
     for (const Row& row : rows) {
         SCOPED_TRACE(::testing::Message() << row.status << " " << row.length);
         ASSERT_EQ(0, readAsync());
-        EXPECT_EQ(file_.handle(), engine_.outHandle);
+        EXPECT_EQ(file_.handle(), request_);
         file_.completeHeld(row.status, row.length);
         const Completion got = completion(++count);
         EXPECT_EQ(row.result, got.result);
@@ -501,7 +458,7 @@ TEST_F(PullSourceTest, EachCompletionStatusReachesTheEngineOnce) {
 
 TEST_F(PullSourceTest, AbortGivesTheEngineOneAndZeroBytesOrFailsWhenTooLate) {
     ASSERT_EQ(0, readAsync());
-    EXPECT_EQ(0, velka::pb_abort(file_.pullHandle(), kTag, engine_.outHandle));
+    EXPECT_EQ(0, velka::pb_abort(file_.pullHandle(), kTag, request_));
     EXPECT_EQ(file_.handle(), file_.lastCancel);
     Completion got = completion(1);
     EXPECT_EQ(IMTK_PB_PULL_READ_CANCELLED, got.result);
@@ -509,7 +466,7 @@ TEST_F(PullSourceTest, AbortGivesTheEngineOneAndZeroBytesOrFailsWhenTooLate) {
 
     ASSERT_EQ(0, readAsync());
     file_.cancelResult = -1;
-    EXPECT_EQ(-1, velka::pb_abort(file_.pullHandle(), kTag, engine_.outHandle));
+    EXPECT_EQ(-1, velka::pb_abort(file_.pullHandle(), kTag, request_));
     file_.completeHeld(velka::kStatusOk, 32);
     got = completion(2);
     EXPECT_EQ(IMTK_PB_PULL_READ_DONE, got.result);
@@ -519,46 +476,40 @@ TEST_F(PullSourceTest, AbortGivesTheEngineOneAndZeroBytesOrFailsWhenTooLate) {
 TEST_F(PullSourceTest, RefusedReadFailsAndNeverCompletes) {
     file_.asyncMode = ScriptedFile::AsyncMode::kRefuse;
     EXPECT_EQ(-1, readAsync());
-    EXPECT_EQ(nullptr, engine_.outHandle);
-    EXPECT_TRUE(engine_.completions().empty());
+    EXPECT_EQ(nullptr, request_);
     // Nothing is left behind that would let the next completion overtake
-    // its own request handle.
+    // its own request handle, and only that one completes.
     file_.asyncMode = ScriptedFile::AsyncMode::kCompleteFirst;
     ASSERT_EQ(0, readAsync());
     EXPECT_FALSE(file_.completedBeforeReturn);
-    completion(1);
+    EXPECT_EQ(file_.handle(), completion(1).storedHandle);
 }
 
-TEST_F(PullSourceTest, SeekMapsTheEngineOriginsAndReportsThePosition) {
+TEST_F(PullSourceTest, SeekMapsTheEngineOriginsAndPassesThePositionOn) {
     struct Row {
         uint8_t origin;
-        int64_t offset;
-        int64_t forced;  // the File's answer, or kNoOverride
         File::Whence whence;
+        int64_t answer;  // the File's
         IMTK_PB_CB_ERROR_CODE_T result;
         uint64_t position;
     };
-    const int64_t kAsIs = ScriptedFile::kNoOverride;
     const Row rows[] = {
-        {IMTK_PB_PULL_SEEK_SET, 4, kAsIs, File::kSeekSet, 0, 4},
-        {IMTK_PB_PULL_SEEK_CUR, 3, kAsIs, File::kSeekCurrent, 0, 7},
-        {IMTK_PB_PULL_SEEK_CUR, -2, kAsIs, File::kSeekCurrent, 0, 5},
-        // Origin end and offset 0 report the length.
-        {IMTK_PB_PULL_SEEK_END, 0, kAsIs, File::kSeekEnd, 0, 10},
-        {IMTK_PB_PULL_SEEK_END, -4, kAsIs, File::kSeekEnd, 0, 6},
+        {IMTK_PB_PULL_SEEK_SET, File::kSeekSet, 4, 0, 4},
+        {IMTK_PB_PULL_SEEK_CUR, File::kSeekCurrent, 7, 0, 7},
+        {IMTK_PB_PULL_SEEK_END, File::kSeekEnd, 10, 0, 10},
         // -1 is the failure; other negative positions are passed on.
-        {IMTK_PB_PULL_SEEK_SET, 99, -1, File::kSeekSet, -1, 0},
-        {IMTK_PB_PULL_SEEK_SET, 99, -5, File::kSeekSet, 0, static_cast<uint64_t>(int64_t{-5})},
+        {IMTK_PB_PULL_SEEK_SET, File::kSeekSet, -1, -1, 0},
+        {IMTK_PB_PULL_SEEK_SET, File::kSeekSet, -5, 0, static_cast<uint64_t>(int64_t{-5})},
     };
+    int64_t offset = -3;
     for (const Row& row : rows) {
-        SCOPED_TRACE(::testing::Message() << "origin " << int{row.origin} << " offset "
-                                          << row.offset << " forced " << row.forced);
-        file_.seekResult = row.forced;
+        SCOPED_TRACE(::testing::Message() << "origin " << int{row.origin} << " " << row.answer);
+        file_.seekResult = row.answer;
         uint64_t position = 12345;
         EXPECT_EQ(row.result,
-                  velka::pb_seek(file_.pullHandle(), kTag, row.offset, row.origin, &position));
+                  velka::pb_seek(file_.pullHandle(), kTag, ++offset, row.origin, &position));
         EXPECT_EQ(row.whence, file_.lastWhence);
-        EXPECT_EQ(row.offset, file_.lastOffset);
+        EXPECT_EQ(offset, file_.lastOffset);
         EXPECT_EQ(row.position, position);
     }
 }
@@ -583,16 +534,15 @@ TEST_F(PullSourceTest, AvailableReportsTheSourceOrFails) {
 TEST_F(PullSourceTest, BlockingReadReportsBytesAndShowsNoMoreThanRequested) {
     struct Row {
         uint32_t count;
-        int readResult;
+        int readResult;  // the File's
         IMTK_PB_CB_ERROR_CODE_T result;
         uint32_t bytes;
         std::string shown;  // the data field of the log line
     };
-    // The file holds "ABCDEFGHIJ"; each row reads on from the last.
     const Row rows[] = {
-        {2, 0, 0, 2, "414200"},   // two bytes asked: the rest shows as zeros
-        {5, 0, 0, 5, "43444546"},
-        {8, 0, 0, 3, "48494a0"},  // the last three bytes
+        {2, 2, 0, 2, "414200"},  // two bytes asked: the rest shows as zeros
+        {8, 5, 0, 5, "41424344"},
+        {8, 3, 0, 3, "4142430"},  // three bytes read: the rest shows as zeros
         {8, 0, 0, 0, "0000"},     // the end: 0 bytes is a success
         {8, -1, -1, 0, "0000"},   // a failing source
     };
@@ -607,10 +557,9 @@ TEST_F(PullSourceTest, BlockingReadReportsBytesAndShowsNoMoreThanRequested) {
                   velka::pb_read(file_.pullHandle(), kTag, buffer.get(), row.count, &bytes));
         const std::string out = ::testing::internal::GetCapturedStdout();
         EXPECT_EQ(row.bytes, bytes);
-        const int readed = row.readResult < 0 ? row.readResult : static_cast<int>(row.bytes);
-        EXPECT_NE(std::string::npos, out.find(" readed " + std::to_string(readed) + " count " +
-                                              std::to_string(row.count) + " data " + row.shown +
-                                              " \n"))
+        EXPECT_NE(std::string::npos, out.find(" readed " + std::to_string(row.readResult) +
+                                              " count " + std::to_string(row.count) + " data " +
+                                              row.shown + " \n"))
             << out;
     }
 }

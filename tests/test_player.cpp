@@ -1,9 +1,14 @@
 // The player as its listeners see it, driven through the real Playback and
 // the software playback engine (results forced and notifications injected
 // through its control interface): every transition, the listeners, the
-// destructor, and commands from several threads at once.
+// destructor, commands from several threads at once, and media that ffmpeg
+// writes during the run played end to end.
 
 #include <gtest/gtest.h>
+
+extern "C" {
+#include <libavformat/avformat.h>
+}
 
 #include <atomic>
 #include <chrono>
@@ -249,24 +254,17 @@ TEST_F(PlayerTest, CloseOvertakesQueuedEvents) {
     expectTransitions({kOpening, kOpened, kClosed, kPlaying, kPaused, kPlaying});
 }
 
-std::string text(const MediaPlayer::OutputScreen& r) {
-    return std::to_string(r.x) + "," + std::to_string(r.y) + " " + std::to_string(r.width) +
-           "x" + std::to_string(r.height);
-}
-std::string text(const EngineRect& r) {
-    return text(MediaPlayer::OutputScreen{static_cast<int32_t>(r.x), static_cast<int32_t>(r.y),
-                                          static_cast<int32_t>(r.width),
-                                          static_cast<int32_t>(r.height)});
-}
-
 TEST_F(PlayerTest, DisplayPassesOnlyRectanglesOnTheScreen) {
+    auto text = [](const auto& r) {  // an OutputScreen or an EngineRect
+        return ::testing::PrintToString(std::vector<int64_t>{r.x, r.y, r.width, r.height});
+    };
     ASSERT_EQ(kStatusOk, player_->open(url_));
     for (const MediaPlayer::OutputScreen& s :
          {MediaPlayer::OutputScreen{0, 0, 1000, 1000}, {999, 999, 1, 1}, {100, 200, 300, 400}}) {
         EXPECT_EQ(kStatusOk, player_->display(s)) << text(s);
         EngineRect full = {}, output = {};
         ASSERT_TRUE(mtkpb::control::displayRectangles(&full, &output));
-        EXPECT_EQ("0,0 1000x1000", text(full));
+        EXPECT_EQ(text(EngineRect{0, 0, 1000, 1000}), text(full));
         EXPECT_EQ(text(s), text(output));
     }
     const uint64_t calls = mtkpb::control::calls(Op::kSetDisplayRectangle);
@@ -390,31 +388,28 @@ TEST_F(PlayerTest, CommandsFromSeveralThreadsNeitherDeadlockNorRace) {
     });
     player.addListener(commander);
 
-    struct Command {
-        const char* name;
-        int weight;          // how often it is drawn
-        bool engineMayFail;  // kStatusError is a possible result
-        std::function<VelkaStatus()> run;
+    // Each command with whether kStatusError may come besides kStatusOk and
+    // kStatusInvalidState; drawn so that the player is mostly open and playing.
+    using Command = std::pair<bool, std::function<VelkaStatus()>>;
+    const Command open = {true, [&] { return player.open(url); }};
+    const Command play = {true, [&] { return player.play(0); }};
+    const Command playFrom = {true, [&] { return player.play(1500); }};
+    const Command pause = {false, [&] { return player.pause(); }};
+    const Command unPause = {false, [&] { return player.unPause(); }};
+    const Command stop = {true, [&] { return player.stop(); }};
+    const Command seek = {false, [&] { return player.timeSeek(1000); }};
+    const Command display = {true, [&] { return player.display({10, 10, 900, 900}); }};
+    const Command query = {false, [&] {
+        player.currentPts();
+        player.duration();
+        player.state();
+        return kStatusOk;
+    }};
+    const Command close = {false, [&] { player.close(); return kStatusOk; }};
+    const std::vector<const Command*> deck = {
+        &open, &open, &open, &play, &play, &play, &playFrom, &pause, &pause, &pause, &unPause,
+        &unPause, &unPause, &stop, &stop, &seek, &seek, &display, &query, &query, &close,
     };
-    const Command commands[] = {
-        {"open", 3, true, [&] { return player.open(url); }},
-        {"play", 3, true, [&] { return player.play(0); }},
-        {"play 1500", 1, true, [&] { return player.play(1500); }},
-        {"pause", 3, false, [&] { return player.pause(); }},
-        {"unPause", 3, false, [&] { return player.unPause(); }},
-        {"stop", 2, true, [&] { return player.stop(); }},
-        {"timeSeek", 2, false, [&] { return player.timeSeek(1000); }},
-        {"display", 1, true, [&] { return player.display({10, 10, 900, 900}); }},
-        {"queries", 2, false, [&] {
-             player.currentPts();
-             player.duration();
-             player.state();
-             return kStatusOk;
-         }},
-        {"close", 1, false, [&] { player.close(); return kStatusOk; }},
-    };
-    std::vector<const Command*> deck;
-    for (const Command& c : commands) deck.insert(deck.end(), static_cast<size_t>(c.weight), &c);
 
     std::atomic<int> unexpected(0);
     std::vector<std::future<void>> runs;
@@ -424,10 +419,9 @@ TEST_F(PlayerTest, CommandsFromSeveralThreadsNeitherDeadlockNorRace) {
             std::uniform_int_distribution<size_t> pick(0, deck.size() - 1);
             for (int i = 0; i < 60; ++i) {
                 const Command& c = *deck[pick(random)];
-                const VelkaStatus s = c.run();
-                if (s != kStatusOk && s != kStatusInvalidState &&
-                    !(c.engineMayFail && s == kStatusError)) {
-                    std::fprintf(stderr, "%s gave %d\n", c.name, static_cast<int>(s));
+                const VelkaStatus s = c.second();
+                if (s != kStatusOk && s != kStatusInvalidState && !(c.first && s == kStatusError)) {
+                    std::fprintf(stderr, "unexpected result %d\n", static_cast<int>(s));
                     ++unexpected;
                 }
             }
@@ -471,5 +465,99 @@ TEST_F(PlayerTest, CommandsFromSeveralThreadsNeitherDeadlockNorRace) {
     player_->close();
     expectTransitions({kOpening, kOpened, kPlaying, kClosed});
 }
+
+// ---------------------------------------------------------------------------
+// End to end, through LocalFile, the pull source and the engine's demuxer.
+
+// How the engine fingerprints what it demuxed (see mtkpb_control.h), here
+// computed by reading the file directly with libavformat.
+bool directChecksum(const std::string& path, uint64_t* checksum, uint64_t* packets) {
+    AVFormatContext* format = nullptr;
+    if (avformat_open_input(&format, path.c_str(), nullptr, nullptr) < 0) return false;
+    bool ok = avformat_find_stream_info(format, nullptr) >= 0;
+    AVPacket* packet = av_packet_alloc();
+    *checksum = mtkpb::control::kFnvOffsetBasis;
+    *packets = 0;
+    while (ok && av_read_frame(format, packet) >= 0) {
+        *checksum = mtkpb::control::fnv1a64(*checksum, packet->data,
+                                            static_cast<size_t>(packet->size));
+        ++*packets;
+        av_packet_unref(packet);
+    }
+    av_packet_free(&packet);
+    avformat_close_input(&format);
+    return ok;
+}
+
+struct Clip {
+    const char* name;
+    std::string Media::*path;
+};
+
+void PrintTo(const Clip& clip, std::ostream* os) { *os << clip.name; }
+
+class EndToEndTest : public PlayerTest, public ::testing::WithParamInterface<Clip> {
+protected:
+    const std::string path_ = media().*(GetParam().path);
+};
+
+TEST_P(EndToEndTest, PlaysToTheEndWithIncreasingTimeAndEveryPacket) {
+    // Twice real time: the 6 s clip plays in about 3 s, long enough for
+    // several polls to see the time move.
+    mtkpb::control::setSpeed(2);
+    ASSERT_EQ(kStatusOk, player_->open(Media::url(path_)));
+    EXPECT_NEAR(media().durationMs, player_->duration(), 300);
+    ASSERT_EQ(kStatusOk, player_->play(0));
+    ASSERT_TRUE(log_.waitForEvent(kStopped, 60000))
+        << "never stopped: " << ::testing::PrintToString(log_.events());
+    EXPECT_EQ((Events{kOpening, kOpened, kPlaying, kEndOfStream, kStopped}), log_.transitions());
+    EXPECT_EQ(MediaPlayer::kStateStopped, player_->state());
+
+    // Time updates: before the end, each later than the one before, within the clip.
+    std::vector<int32_t> times;
+    for (const Event& e : log_.events()) {
+        if (e.id == MediaPlayer::kEventEndOfStream) break;
+        if (e.id == MediaPlayer::kEventTimeUpdate) times.push_back(e.param);
+    }
+    ASSERT_GE(times.size(), 2u) << ::testing::PrintToString(log_.events());
+    for (size_t i = 1; i < times.size(); ++i) EXPECT_LT(times[i - 1], times[i]);
+    EXPECT_GE(times.front(), 0);
+    EXPECT_LE(times.back(), media().durationMs + 200);
+
+    uint64_t checksum = 0, packets = 0;
+    ASSERT_TRUE(directChecksum(path_, &checksum, &packets));
+    const mtkpb::control::Counters counters = mtkpb::control::counters();
+    EXPECT_EQ(packets, counters.packets);
+    EXPECT_EQ(checksum, counters.packetChecksum);
+    EXPECT_EQ(0u, counters.protocolErrors);
+    EXPECT_EQ(0u, counters.readsFailed);
+}
+
+TEST_P(EndToEndTest, StartPositionAndTimeSeekLandWhereAsked) {
+    // A seek lands on the key frame at or before the second asked for.
+    auto expectAt = [this](int32_t from, int32_t below, MediaPlayer::State state) {
+        const int32_t pts = player_->currentPts();
+        EXPECT_TRUE(pts >= from && pts < below) << pts << " is not in [" << from << ", " << below;
+        EXPECT_EQ(state, player_->state());
+    };
+    ASSERT_EQ(kStatusOk, player_->open(Media::url(path_)));
+    ASSERT_EQ(kStatusOk, player_->play(3000));
+    ASSERT_TRUE(mtkpb::control::waitForNotifications(IMTK_PB_CTRL_EVENT_TIMESEEK_DONE, 1,
+                                                     kEventWaitMs));
+    expectAt(2000, 5000, MediaPlayer::kStatePlaying);
+    ASSERT_EQ(kStatusOk, player_->timeSeek(1000));
+    expectAt(400, 2500, MediaPlayer::kStatePlaying);
+    ASSERT_EQ(kStatusOk, player_->pause());
+    ASSERT_EQ(kStatusOk, player_->timeSeek(4000));
+    expectAt(3400, 4500, MediaPlayer::kStatePaused);
+    EXPECT_EQ(0u, mtkpb::control::counters().protocolErrors);
+}
+
+INSTANTIATE_TEST_SUITE_P(Containers, EndToEndTest,
+                         ::testing::Values(Clip{"Mp4IndexAtEnd", &Media::mp4},
+                                           Clip{"MpegTs", &Media::ts}),
+                         [](const ::testing::TestParamInfo<Clip>& info) {
+                             return info.param.name;
+                         });
 
 }  // namespace
