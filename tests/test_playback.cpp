@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <climits>
 #include <condition_variable>
 #include <cstring>
 #include <future>
@@ -37,6 +36,7 @@ class PlaybackTest : public EngineTest {
 protected:
     void SetUp() override {
         EngineTest::SetUp();
+        if (HasFatalFailure()) return;
         ASSERT_EQ(kStatusOk, playback().open(Media::url(media().longClip)));
         opened_ = true;
     }

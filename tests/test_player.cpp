@@ -40,6 +40,7 @@ class PlayerTest : public EngineTest {
 protected:
     void SetUp() override {
         EngineTest::SetUp();
+        if (HasFatalFailure()) return;
         player_.reset(new MediaPlayer);
         player_->addListener(log_);
         // The long clip: nothing reaches its end while a test runs.

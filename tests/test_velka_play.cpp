@@ -76,7 +76,7 @@ TEST(PlayStatusTest, EventsFoldIntoAStatusLineThatNeverWraps) {
     }
 }
 
-TEST(PlayStatusTest, TimesAndStateLinesRead) {
+TEST(PlayStatusTest, TimesReadAsMinutesOrHoursAndStateLinesNameTheState) {
     for (const auto& t : {std::make_pair(0, "0:00"), {-1, "0:00"}, {9999, "0:09"},
                           {65000, "1:05"}, {3599000, "59:59"}, {3600000, "1:00:00"},
                           {2147483647, "596:31:23"}}) {
@@ -258,7 +258,7 @@ TEST_F(VelkaPlayTest, StartPositionSkipsTheBeginning) {
     EXPECT_GE(times.back(), 5500);
 }
 
-TEST_F(VelkaPlayTest, HelpAndBadUsage) {
+TEST_F(VelkaPlayTest, HelpExitsZeroAndBadUsageExitsTwoWithTheUsage) {
     ToolRun run = velkaPlay("--help");
     EXPECT_EQ(0, run.exitCode);
     EXPECT_EQ(0u, run.out.find("Usage: velka-play")) << run.out;
