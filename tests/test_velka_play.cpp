@@ -1,6 +1,7 @@
-// velka-play as people run it: the built program on media ffmpeg made for the
-// run, without a terminal (one line per state change) and on a pseudo
-// terminal (status line, keys, the terminal given back).
+// velka-play: how events fold into its status, how its lines read and how
+// key bytes decode; then the built program on media ffmpeg made for the run,
+// without a terminal (one line per state change) and on a pseudo terminal
+// (status line, keys, the terminal given back).
 
 #include <fcntl.h>
 #include <poll.h>
@@ -22,6 +23,8 @@
 #include <string>
 #include <vector>
 
+#include "PlayStatus.h"
+#include "PlayTerminal.h"
 #include "support/PlayerTestSupport.h"
 
 #ifndef VELKA_PLAY_PATH
@@ -30,8 +33,95 @@
 
 namespace {
 
+using velka::tools::Key;
+using velka::tools::PlayStatus;
+using velka::tools::statusLine;
+using velka_test::MediaPlayer;
 using velka_test::media;
+using velka_test::stateEvent;
 using Clock = std::chrono::steady_clock;
+
+const std::string::size_type npos = std::string::npos;
+
+// ---------------------------------------------------------------------------
+// The status and the keys
+
+TEST(PlayStatusTest, EventsFoldIntoAStatusLineThatNeverWraps) {
+    PlayStatus s;
+    s.durationMs = 12000;
+    EXPECT_TRUE(s.apply(stateEvent(MediaPlayer::kStateOpening)));
+    EXPECT_FALSE(s.apply({MediaPlayer::kEventBuffering, 35}));
+    EXPECT_EQ("opening   buffering 35%", statusLine(s, 80));
+    EXPECT_TRUE(s.apply(stateEvent(MediaPlayer::kStatePlaying)));
+    EXPECT_FALSE(s.apply({MediaPlayer::kEventTimeUpdate, 3000}));
+    // Buffering shows only during the open or seek it came in.
+    EXPECT_EQ("playing 0:03 / 0:12 [#####---------------]  25%", statusLine(s, 80));
+    s.apply(stateEvent(MediaPlayer::kStateSeeking));
+    EXPECT_EQ(npos, statusLine(s, 80).find("buffering")) << "the old report is gone";
+    s.apply({MediaPlayer::kEventBuffering, 90});
+    EXPECT_NE(npos, statusLine(s, 80).find("  buffering 90%"));
+    EXPECT_FALSE(s.apply({MediaPlayer::kEventError, 5}));
+    EXPECT_TRUE(s.apply(stateEvent(MediaPlayer::kStateStopped)));
+    EXPECT_EQ("stopped 0:03 / 0:12 [#####---------------]  25%  error 5", statusLine(s, 80));
+    // The end of the stream shows the whole duration.
+    s.apply({MediaPlayer::kEventTimeUpdate, 11700});
+    EXPECT_FALSE(s.apply({MediaPlayer::kEventEndOfStream, 0}));
+    EXPECT_EQ(12000, s.positionMs);
+    EXPECT_NE(npos, statusLine(s, 80).find("100%  end of stream  error 5"));
+    // The bar takes what the terminal leaves, 10 to 40 cells; the line never wraps.
+    EXPECT_NE(npos, statusLine(s, 200).find("[" + std::string(40, '#') + "]"));
+    EXPECT_NE(npos, statusLine(s, 70).find("[" + std::string(10, '#') + "]"));
+    for (uint32_t columns : {0u, 1u, 20u, 40u, 80u}) {
+        EXPECT_LE(statusLine(s, columns).size(), columns > 0 ? columns - 1 : 0) << columns;
+    }
+}
+
+TEST(PlayStatusTest, TimesReadAsMinutesOrHoursAndStateLinesNameTheState) {
+    for (const auto& t : {std::make_pair(0, "0:00"), {-1, "0:00"}, {9999, "0:09"},
+                          {65000, "1:05"}, {3599000, "59:59"}, {3600000, "1:00:00"},
+                          {2147483647, "596:31:23"}}) {
+        EXPECT_EQ(t.second, velka::tools::formatTime(t.first));
+    }
+    struct Row {
+        MediaPlayer::State state;
+        int32_t positionMs, durationMs;
+        const char* line;
+    };
+    for (const Row& row : {Row{MediaPlayer::kStateOpening, 0, 0, "opening"},
+                           {MediaPlayer::kStateClosed, 2500, 0, "closed"},  // never opened
+                           {MediaPlayer::kStateClosed, 2500, 6000, "closed 0:02 / 0:06"},
+                           {MediaPlayer::kStateSeeking, 2500, 0, "seeking 0:02 / -:--"}}) {
+        PlayStatus s;
+        s.state = row.state;
+        s.positionMs = row.positionMs;
+        s.durationMs = row.durationMs;
+        EXPECT_EQ(row.line, velka::tools::stateLine(s));
+    }
+}
+
+TEST(KeyDecoderTest, SpaceQAndBothArrowFormsDecodeAndOtherKeysAreIgnored) {
+    const std::pair<std::string, std::vector<Key>> rows[] = {
+        {" qQ", {Key::kPause, Key::kQuit, Key::kQuit}},
+        {"\033[C\033[D\033OC\033OD", {Key::kForward, Key::kBack, Key::kForward, Key::kBack}},
+        // Up, down, F5; a modified right arrow (ESC [ 1 ; 5 C) counts.
+        {"\033[A\033[B\033[15~x\r\n\033[1;5C", {Key::kForward}},
+        // A lone escape lets the next key through.
+        {"\033q", {Key::kQuit}},
+        {"\033\033 ", {Key::kPause}},
+    };
+    for (const auto& row : rows) {
+        velka::tools::KeyDecoder decoder;  // fed a byte at a time, as reads may split them
+        std::vector<Key> keys;
+        for (char c : row.first) {
+            const Key key = decoder.feed(static_cast<uint8_t>(c));
+            if (key != Key::kNone) keys.push_back(key);
+        }
+        EXPECT_EQ(row.second, keys) << ::testing::PrintToString(row.first);
+    }
+}
+
+// ---------------------------------------------------------------------------
+// The program
 
 // Bound on one run of the program; the runs here take a few seconds.
 constexpr int kRunTimeoutSeconds = 60;
@@ -44,10 +134,10 @@ std::string readAll(const std::string& path) {
     return out.str();
 }
 
-std::vector<std::string> lines(const std::string& text) {
+std::vector<std::string> lines(const std::string& text, char end = '\n') {
     std::vector<std::string> out;
     std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) out.push_back(line);
+    for (std::string line; std::getline(in, line, end);) out.push_back(line);
     return out;
 }
 
@@ -61,16 +151,6 @@ std::vector<std::string> stateWords(const std::string& out) {
         words.push_back(rest == "end of stream" ? rest : rest.substr(0, rest.find(' ')));
     }
     return words;
-}
-
-// The positions, in ms, of the engine's time reports in a log.
-std::vector<int> reportedTimes(const std::string& log) {
-    std::vector<int> times;
-    const std::string tag = "IMTK_PB_CTRL_EVENT_CUR_TIME_UPDATE ";
-    for (const std::string& line : lines(log)) {
-        if (line.compare(0, tag.size(), tag) == 0) times.push_back(std::stoi(line.substr(tag.size())));
-    }
-    return times;
 }
 
 const std::vector<std::string> kPlayedToTheEnd = {"opening", "opened",  "playing",
@@ -92,8 +172,7 @@ protected:
     }
     void TearDown() override {
         if (!dir_.empty()) {
-            std::string cmd = "rm -rf '" + dir_ + "'";
-            EXPECT_EQ(0, system(cmd.c_str()));
+            EXPECT_EQ(0, system(("rm -rf '" + dir_ + "'").c_str()));
         }
     }
 
@@ -111,53 +190,51 @@ protected:
         return run;
     }
 
+    std::string log(const std::string& name = "velka-play.log") {
+        return readAll(dir_ + "/" + name);
+    }
+
     std::string dir_;
 };
 
-TEST_F(VelkaPlayTest, PlainPathPlaysToTheEndAndTheLibrarysLinesGoToTheLog) {
+TEST_F(VelkaPlayTest, PlainPathAndFileUrlPlayToTheEndWithTheLibrarysLinesInTheLog) {
     ASSERT_EQ(0, system(("cp '" + media().mp4 + "' '" + dir_ + "/clip.mp4'").c_str()));
-    const ToolRun run = velkaPlay("--speed 0 clip.mp4");
+    ToolRun run = velkaPlay("--speed 0 clip.mp4");
     EXPECT_EQ(0, run.exitCode) << run.out << run.err;
     EXPECT_EQ(kPlayedToTheEnd, stateWords(run.out)) << run.out;
-    EXPECT_NE(std::string::npos, run.out.find("stopped 0:06 / 0:06")) << run.out;
+    EXPECT_NE(npos, run.out.find("stopped 0:06 / 0:06")) << run.out;
     EXPECT_EQ("", run.err);
-    // The library's own lines are in the default log, none on the screen.
-    const std::string log = readAll(dir_ + "/velka-play.log");
-    EXPECT_NE(std::string::npos, log.find("Rpc init OK")) << "the lines printed at load";
-    EXPECT_NE(std::string::npos, log.find("create tempfile file://" + dir_ + "/clip.mp4\n"));
-    EXPECT_EQ(std::string::npos, run.out.find("MediaPlayerImpl"));
-}
+    EXPECT_EQ(npos, run.out.find("MediaPlayerImpl"));
+    EXPECT_NE(npos, log().find("Rpc init OK")) << "the lines printed at load";
+    EXPECT_NE(npos, log().find("create tempfile file://" + dir_ + "/clip.mp4\n"));
 
-TEST_F(VelkaPlayTest, FileUrlPlaysToTheEndWithTheLogWhereAsked) {
-    const ToolRun run = velkaPlay("--speed 0 --log elsewhere.log file://" + media().mp4);
+    run = velkaPlay("--speed 0 --log elsewhere.log file://" + media().mp4);
     EXPECT_EQ(0, run.exitCode) << run.out << run.err;
     EXPECT_EQ(kPlayedToTheEnd, stateWords(run.out)) << run.out;
-    EXPECT_NE(std::string::npos,
-              readAll(dir_ + "/elsewhere.log").find("create tempfile file://" + media().mp4));
-    EXPECT_NE(0, access((dir_ + "/velka-play.log").c_str(), F_OK));
+    EXPECT_NE(npos, log("elsewhere.log").find("create tempfile file://" + media().mp4 + "\n"));
+    EXPECT_EQ(npos, log().find("create tempfile file://" + media().mp4)) << "in the default log";
 }
 
-TEST_F(VelkaPlayTest, OtherUrlsGoThroughTheDownloadEngine) {
-    const ToolRun run = velkaPlay("--speed 0 dta-test://" + media().mp4);
-    EXPECT_EQ(0, run.exitCode) << run.out << run.err;
-    EXPECT_EQ(kPlayedToTheEnd, stateWords(run.out)) << run.out;
-    EXPECT_NE(std::string::npos, readAll(dir_ + "/velka-play.log").find("dta file"));
+TEST_F(VelkaPlayTest, QuietRunOfADownloadUrlWritesNothingAndPlaysToTheEnd) {
+    const ToolRun run = velkaPlay("--quiet --speed 0 dta-test://" + media().mp4);
+    EXPECT_EQ(0, run.exitCode) << run.err;
+    EXPECT_EQ("", run.out);
+    EXPECT_EQ(npos, run.err.find("velka-play")) << run.err;
+    EXPECT_NE(npos, log().find("dta file")) << "other URLs go through the download engine";
+    EXPECT_NE(npos, log().find("IMTK_PB_CTRL_EVENT_EOS"));
 }
 
 TEST_F(VelkaPlayTest, MissingFileGivesOneLineNamingTheUrlAndTheCode) {
-    const ToolRun run = velkaPlay("--speed 0 missing.mp4");
-    EXPECT_EQ(1, run.exitCode);
-    EXPECT_EQ((std::vector<std::string>{"velka-play: file://" + dir_ +
-                                        "/missing.mp4: cannot open (error code 1)"}),
-              lines(run.err));
-}
-
-TEST_F(VelkaPlayTest, MediaTheEngineCannotReadFailsToOpen) {
-    const ToolRun run = velkaPlay("--speed 0 " + media().garbage);
-    EXPECT_EQ(1, run.exitCode);
-    EXPECT_EQ((std::vector<std::string>{"velka-play: file://" + media().garbage +
-                                        ": cannot open (error code 1)"}),
-              lines(run.err));
+    for (const std::string quiet : {"", "--quiet "}) {
+        const ToolRun run = velkaPlay(quiet + "--speed 0 missing.mp4");
+        EXPECT_EQ(1, run.exitCode) << quiet;
+        EXPECT_EQ((std::vector<std::string>{"velka-play: file://" + dir_ +
+                                            "/missing.mp4: cannot open (error code 1)"}),
+                  lines(run.err));
+        if (!quiet.empty()) {
+            EXPECT_EQ("", run.out);
+        }
+    }
 }
 
 TEST_F(VelkaPlayTest, StartPositionSkipsTheBeginning) {
@@ -166,28 +243,22 @@ TEST_F(VelkaPlayTest, StartPositionSkipsTheBeginning) {
     const ToolRun run = velkaPlay("--speed 2 --start 4000 " + media().mp4);
     EXPECT_EQ(0, run.exitCode) << run.out << run.err;
     EXPECT_EQ(kPlayedToTheEnd, stateWords(run.out)) << run.out;
-    EXPECT_NE(std::string::npos, run.out.find("velka-play: opened 0:04 / 0:06")) << run.out;
-    const std::vector<int> times = reportedTimes(readAll(dir_ + "/velka-play.log"));
-    ASSERT_FALSE(times.empty());
-    for (int t : times) {
-        // Seeks land on the key frame at or before the second asked for.
-        EXPECT_FALSE(t > 1000 && t < 3000) << "reported " << t << " ms";
+    EXPECT_NE(npos, run.out.find("velka-play: opened 0:04 / 0:06")) << run.out;
+    // The engine's time reports: seeks land on the key frame at or before
+    // the second asked for.
+    std::vector<int> times;
+    const std::string tag = "IMTK_PB_CTRL_EVENT_CUR_TIME_UPDATE ";
+    for (const std::string& line : lines(log())) {
+        if (line.compare(0, tag.size(), tag) == 0) {
+            times.push_back(std::stoi(line.substr(tag.size())));
+        }
     }
+    ASSERT_FALSE(times.empty());
+    for (int t : times) EXPECT_FALSE(t > 1000 && t < 3000) << "reported " << t << " ms";
     EXPECT_GE(times.back(), 5500);
 }
 
-TEST_F(VelkaPlayTest, QuietWritesNothingButErrors) {
-    ToolRun run = velkaPlay("--quiet --speed 0 " + media().mp4);
-    EXPECT_EQ(0, run.exitCode);
-    EXPECT_EQ("", run.out);
-    EXPECT_EQ("", run.err);
-    run = velkaPlay("--quiet --speed 0 missing.mp4");
-    EXPECT_EQ(1, run.exitCode);
-    EXPECT_EQ("", run.out);
-    EXPECT_EQ(1u, lines(run.err).size()) << run.err;
-}
-
-TEST_F(VelkaPlayTest, HelpAndBadUsage) {
+TEST_F(VelkaPlayTest, HelpExitsZeroAndBadUsageExitsTwoWithTheUsage) {
     ToolRun run = velkaPlay("--help");
     EXPECT_EQ(0, run.exitCode);
     EXPECT_EQ(0u, run.out.find("Usage: velka-play")) << run.out;
@@ -199,7 +270,7 @@ TEST_F(VelkaPlayTest, HelpAndBadUsage) {
         run = velkaPlay(args);
         EXPECT_EQ(2, run.exitCode) << args;
         EXPECT_EQ(0u, run.err.find("velka-play: ")) << args << ": " << run.err;
-        EXPECT_NE(std::string::npos, run.err.find("Usage: velka-play")) << args;
+        EXPECT_NE(npos, run.err.find("Usage: velka-play")) << args;
         EXPECT_EQ("", run.out) << args;
     }
 
@@ -210,92 +281,94 @@ TEST_F(VelkaPlayTest, HelpAndBadUsage) {
               lines(run.err));
 }
 
-// Waits until `done` holds for the text read so far from `fd`, or `fd`
-// ends, or kWait passes. Returns whether `done` held.
-bool readUntil(int fd, std::string* text, const std::function<bool(const std::string&)>& done) {
-    const Clock::time_point deadline = Clock::now() + kWait;
-    while (!done(*text)) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        if (left <= 0) return false;
-        struct pollfd p = {fd, POLLIN, 0};
-        if (poll(&p, 1, static_cast<int>(left)) <= 0) continue;
-        char buffer[4096];
-        const ssize_t n = read(fd, buffer, sizeof buffer);
-        if (n <= 0) return done(*text);  // EIO: the program has gone
-        text->append(buffer, static_cast<size_t>(n));
-    }
-    return true;
-}
-
-// Exit code of `pid` (128 + N after signal N); waits at most kWait, then
-// kills it and gives -1.
-int waitExit(pid_t pid) {
-    const Clock::time_point deadline = Clock::now() + kWait;
-    int status = 0;
-    while (waitpid(pid, &status, WNOHANG) == 0) {
-        if (Clock::now() > deadline) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
-            return -1;
-        }
-        struct timespec tick = {0, 20 * 1000 * 1000};
-        nanosleep(&tick, nullptr);
-    }
-    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-// "seen `first`, then later `second`" in the screen text.
-bool inOrder(const std::string& text, const std::string& first, const std::string& second) {
-    const size_t at = text.find(first);
-    return at != std::string::npos && text.find(second, at + first.size()) != std::string::npos;
-}
-
 // velka-play on a pseudo terminal: standard input, output and error are the
 // terminal, as when a person runs it.
 class VelkaPlayTerminalTest : public VelkaPlayTest {
 protected:
     void TearDown() override {
-        if (master_ != -1) close(master_);
-        if (pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
+        if (pid_ > 0) kill(pid_, SIGKILL);  // a test that failed half-way
+        finish();
         VelkaPlayTest::TearDown();
     }
 
-    void start(const std::vector<std::string>& args) {
-        std::vector<char*> argv;
-        std::string program = VELKA_PLAY_PATH;
-        argv.push_back(&program[0]);
-        std::vector<std::string> copies = args;
-        for (std::string& a : copies) argv.push_back(&a[0]);
+    // Starts velka-play with `args` and `setting` ("NAME=value") added to the environment.
+    void start(const std::vector<std::string>& args, std::string setting = "") {
+        std::vector<std::string> words = {VELKA_PLAY_PATH};
+        words.insert(words.end(), args.begin(), args.end());
+        std::vector<char*> argv, envp;
+        for (std::string& w : words) argv.push_back(&w[0]);
         argv.push_back(nullptr);
+        for (char** e = environ; *e != nullptr; ++e) envp.push_back(*e);
+        if (!setting.empty()) envp.push_back(&setting[0]);
+        envp.push_back(nullptr);
         struct winsize size = {24, 100, 0, 0};
+        screen_.clear();
         pid_ = forkpty(&master_, nullptr, nullptr, &size);
         ASSERT_NE(-1, pid_);
         if (pid_ == 0) {
-            if (chdir(dir_.c_str()) == 0) execv(argv[0], argv.data());
+            if (chdir(dir_.c_str()) == 0) execve(argv[0], argv.data(), envp.data());
             _exit(127);
         }
     }
 
+    // Waits until `done` holds for the screen so far, or the program closes
+    // the terminal, or kWait passes. Returns whether `done` held.
     bool see(const std::function<bool(const std::string&)>& done) {
-        return readUntil(master_, &screen_, done);
+        const Clock::time_point deadline = Clock::now() + kWait;
+        while (!done(screen_)) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                  deadline - Clock::now()).count();
+            if (left <= 0) return false;
+            struct pollfd p = {master_, POLLIN, 0};
+            if (poll(&p, 1, static_cast<int>(left)) <= 0) continue;
+            char buffer[4096];
+            const ssize_t n = read(master_, buffer, sizeof buffer);
+            if (n <= 0) return done(screen_);  // EIO: the program has gone
+            screen_.append(buffer, static_cast<size_t>(n));
+        }
+        return true;
     }
     bool see(const std::string& text) {
-        return see([&](const std::string& s) { return s.find(text) != std::string::npos; });
+        return see([&](const std::string& s) { return s.find(text) != npos; });
     }
-    // Everything the program writes until it closes the terminal.
-    void readToEnd() {
-        see([](const std::string&) { return false; });
+    // "`first`, then later `second`" on the screen from `from` on.
+    bool seeInOrder(const std::string& first, const std::string& second, size_t from = 0) {
+        return see([&](const std::string& s) {
+            const size_t at = s.find(first, from);
+            return at != npos && s.find(second, at + first.size()) != npos;
+        });
     }
     void key(const std::string& bytes) {
         ASSERT_EQ(static_cast<ssize_t>(bytes.size()), write(master_, bytes.data(), bytes.size()));
     }
 
-    // Whether the terminal is back in line mode with echo.
+    // Reads the screen to its end; the exit code (128 + N after signal N),
+    // or -1 when the program is still running after kWait and is killed.
+    int finish() {
+        if (pid_ <= 0) return -1;
+        see([](const std::string&) { return false; });
+        const Clock::time_point deadline = Clock::now() + kWait;
+        int status = 0;
+        while (waitpid(pid_, &status, WNOHANG) == 0) {
+            if (Clock::now() > deadline) {
+                kill(pid_, SIGKILL);
+                waitpid(pid_, &status, 0);
+                status = -1;
+                break;
+            }
+            struct timespec tick = {0, 20 * 1000 * 1000};
+            nanosleep(&tick, nullptr);
+        }
+        pid_ = -1;
+        restored_ = terminalRestored();
+        close(master_);
+        master_ = -1;
+        if (status == -1) return -1;
+        if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+    // Whether the terminal is in line mode with echo.
     bool terminalRestored() {
         struct termios mode;
         if (tcgetattr(master_, &mode) != 0) return false;
@@ -305,23 +378,22 @@ protected:
     pid_t pid_ = -1;
     int master_ = -1;
     std::string screen_;
+    bool restored_ = false;  // the terminal mode finish() found
 };
 
 TEST_F(VelkaPlayTerminalTest, PlaysToTheEndWithAStatusLineRedrawnInPlace) {
     start({"--speed", "0", media().mp4});
-    readToEnd();
-    EXPECT_EQ(0, waitExit(pid_));
-    pid_ = -1;
+    EXPECT_EQ(0, finish());
     // The header, then the status line redrawn in place and ended by a newline.
     EXPECT_EQ(0u, screen_.find("velka-play: file://" + media().mp4)) << screen_;
-    EXPECT_NE(std::string::npos, screen_.find("\rplaying ")) << screen_;
+    EXPECT_NE(npos, screen_.find("\rplaying ")) << screen_;
     const size_t last = screen_.rfind('\r', screen_.size() - 3);
-    ASSERT_NE(std::string::npos, last);
+    ASSERT_NE(npos, last);
     const std::string finalLine = screen_.substr(last);
-    EXPECT_NE(std::string::npos, finalLine.find("0:06 / 0:06 [")) << finalLine;
-    EXPECT_NE(std::string::npos, finalLine.find("100%  end of stream")) << finalLine;
+    EXPECT_NE(npos, finalLine.find("0:06 / 0:06 [")) << finalLine;
+    EXPECT_NE(npos, finalLine.find("100%  end of stream")) << finalLine;
     EXPECT_EQ("\r\n", screen_.substr(screen_.size() - 2));
-    EXPECT_EQ(std::string::npos, screen_.find("MediaPlayerImpl"));
+    EXPECT_EQ(npos, screen_.find("MediaPlayerImpl"));
 }
 
 TEST_F(VelkaPlayTerminalTest, SpacePausesAndResumesArrowsSeekAndQQuits) {
@@ -330,77 +402,39 @@ TEST_F(VelkaPlayTerminalTest, SpacePausesAndResumesArrowsSeekAndQQuits) {
     key(" ");
     ASSERT_TRUE(see("\rpaused ")) << screen_;
     key(" ");
-    ASSERT_TRUE(see([](const std::string& s) { return inOrder(s, "\rpaused ", "\rplaying "); }))
-        << screen_;
+    ASSERT_TRUE(seeInOrder("\rpaused ", "\rplaying ")) << screen_;
     key("\033[C");  // right: 10 s on, from the first seconds
-    ASSERT_TRUE(see([](const std::string& s) { return inOrder(s, "\rseeking ", "\rplaying 0:1"); }))
-        << screen_;
-    const size_t mark = screen_.size();
+    ASSERT_TRUE(seeInOrder("\rseeking ", "\rplaying 0:1")) << screen_;
     key("\033OD");  // left, as sent in application cursor mode: 10 s back
-    ASSERT_TRUE(see([mark](const std::string& s) {
-        return inOrder(s.substr(mark), "\rseeking ", "\rplaying 0:0");
-    })) << screen_;
+    ASSERT_TRUE(seeInOrder("\rseeking ", "\rplaying 0:0", screen_.size())) << screen_;
     key("q");
-    readToEnd();
-    EXPECT_EQ(0, waitExit(pid_));
-    pid_ = -1;
-    EXPECT_NE(std::string::npos, screen_.find("\rclosed ")) << screen_;
-    EXPECT_TRUE(terminalRestored());
+    EXPECT_EQ(0, finish());
+    EXPECT_NE(npos, screen_.find("\rclosed ")) << screen_;
+    EXPECT_TRUE(restored_);
 }
 
-TEST_F(VelkaPlayTerminalTest, CtrlCQuitsCleanlyAndGivesTheTerminalBack) {
-    start({media().longClip});
-    ASSERT_TRUE(see("\rplaying ")) << screen_;
-    EXPECT_FALSE(terminalRestored()) << "keys are read without line mode while playing";
-    key("\003");
-    readToEnd();
-    EXPECT_EQ(128 + SIGINT, waitExit(pid_));
-    pid_ = -1;
-    EXPECT_TRUE(terminalRestored());
-    // Stopped and closed on the way out.
-    const std::string log = readAll(dir_ + "/velka-play.log");
-    EXPECT_NE(std::string::npos, log.find("MediaPlayerImpl stop state 2")) << log;
-    EXPECT_NE(std::string::npos, log.find("IMtkPb_Ctrl_Close end 0")) << log;
-}
-
-// The NUL-separated environment of a running process.
-std::vector<std::string> environmentOf(pid_t pid) {
-    std::vector<std::string> entries;
-    std::istringstream in(readAll("/proc/" + std::to_string(pid) + "/environ"));
-    for (std::string entry; std::getline(in, entry, '\0');) entries.push_back(entry);
-    return entries;
-}
-
-TEST_F(VelkaPlayTest, TerminateSignalQuitsCleanlyAndSpeedReachesTheEnvironment) {
-    const std::string out = dir_ + "/stdout";
-    const pid_t pid = fork();
-    ASSERT_NE(-1, pid);
-    if (pid == 0) {
-        const int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        const int none = open("/dev/null", O_RDONLY);
-        if (fd == -1 || none == -1 || chdir(dir_.c_str()) != 0) _exit(127);
-        dup2(none, STDIN_FILENO);
-        dup2(fd, STDOUT_FILENO);
-        setenv("MTKPB_SPEED", "9", 1);  // --speed wins
-        execl(VELKA_PLAY_PATH, VELKA_PLAY_PATH, "--speed", "3", media().longClip.c_str(),
-              static_cast<char*>(nullptr));
-        _exit(127);
+TEST_F(VelkaPlayTerminalTest, QuitSignalsStopAndCloseAndGiveTheTerminalBack) {
+    for (int signo : {SIGINT, SIGTERM}) {
+        SCOPED_TRACE(signo);
+        // --speed wins over the environment and reaches the engine through
+        // the environment it reads when it loads.
+        start({"--speed", "3", media().longClip}, "MTKPB_SPEED=9");
+        ASSERT_TRUE(see("\rplaying ")) << screen_;
+        const std::vector<std::string> env =
+            lines(readAll("/proc/" + std::to_string(pid_) + "/environ"), '\0');
+        EXPECT_EQ(1, std::count(env.begin(), env.end(), "MTKPB_SPEED=3"));
+        EXPECT_EQ(0, std::count(env.begin(), env.end(), "MTKPB_SPEED=9"));
+        EXPECT_FALSE(terminalRestored()) << "keys are read without line mode while playing";
+        if (signo == SIGINT) {
+            key("\003");  // Ctrl-C: the terminal raises SIGINT
+        } else {
+            kill(pid_, SIGTERM);
+        }
+        EXPECT_EQ(128 + signo, finish());
+        EXPECT_TRUE(restored_);
+        EXPECT_NE(npos, log().find("MediaPlayerImpl stop state 2")) << log();
+        EXPECT_NE(npos, log().find("IMtkPb_Ctrl_Close end 0")) << log();
     }
-    const Clock::time_point deadline = Clock::now() + kWait;
-    while (readAll(out).find("velka-play: playing") == std::string::npos &&
-           Clock::now() < deadline) {
-        struct timespec tick = {0, 20 * 1000 * 1000};
-        nanosleep(&tick, nullptr);
-    }
-    // The software engine reads its speed factor from there when it loads.
-    const std::vector<std::string> env = environmentOf(pid);
-    EXPECT_EQ(1, std::count(env.begin(), env.end(), "MTKPB_SPEED=3"));
-    EXPECT_EQ(0, std::count(env.begin(), env.end(), "MTKPB_SPEED=9"));
-
-    kill(pid, SIGTERM);
-    EXPECT_EQ(128 + SIGTERM, waitExit(pid));
-    EXPECT_EQ((std::vector<std::string>{"opening", "opened", "playing", "stopped", "closed"}),
-              stateWords(readAll(out)));
 }
 
 }  // namespace
