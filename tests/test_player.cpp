@@ -376,12 +376,11 @@ TEST_F(PlayerTest, DestructorReturnsWithinAboutHalfASecond) {
 
 // ---------------------------------------------------------------------------
 // Commands from several threads at once, with listeners that come and go and
-// one that issues commands itself: every thread ends (no deadlock), every
-// result is one the command may give, and Playback stays usable. Meant to
-// run under ThreadSanitizer too.
+// one that issues commands itself while they run: every thread ends (no
+// deadlock), every result is one the command may give, and Playback stays
+// usable. Meant to run under ThreadSanitizer too.
 
 TEST_F(PlayerTest, CommandsFromSeveralThreadsNeitherDeadlockNorRace) {
-    // As fast as the data comes: the clip ends now and then during the run.
     mtkpb::control::setSpeed(0);
     const std::string url = Media::url(media().mp4);
     MediaPlayer& player = *player_;
@@ -410,9 +409,14 @@ TEST_F(PlayerTest, CommandsFromSeveralThreadsNeitherDeadlockNorRace) {
         return kStatusOk;
     }};
     const Command close = {false, [&] { player.close(); return kStatusOk; }};
+    // The engine reports the end while commands run.
+    const Command end = {false, [] {
+        mtkpb::control::inject(IMTK_PB_CTRL_EVENT_EOS, 0);
+        return kStatusOk;
+    }};
     const std::vector<const Command*> deck = {
         &open, &open, &open, &play, &play, &play, &playFrom, &pause, &pause, &pause, &unPause,
-        &unPause, &unPause, &stop, &stop, &seek, &seek, &display, &query, &query, &close,
+        &unPause, &unPause, &stop, &stop, &seek, &seek, &display, &query, &query, &close, &end,
     };
 
     std::atomic<int> unexpected(0);
@@ -421,7 +425,9 @@ TEST_F(PlayerTest, CommandsFromSeveralThreadsNeitherDeadlockNorRace) {
         runs.push_back(std::async(std::launch::async, [&, t] {
             std::mt19937 random(1234u + t);
             std::uniform_int_distribution<size_t> pick(0, deck.size() - 1);
-            for (int i = 0; i < 60; ++i) {
+            // On until the listeners have had events to answer: the dispatch
+            // thread first polls after 500 ms.
+            for (int i = 0; i < 5000 && (i < 60 || commander.events().size() < 40); ++i) {
                 const Command& c = *deck[pick(random)];
                 const VelkaStatus s = c.second();
                 if (s != kStatusOk && s != kStatusInvalidState && !(c.first && s == kStatusError)) {
@@ -433,7 +439,8 @@ TEST_F(PlayerTest, CommandsFromSeveralThreadsNeitherDeadlockNorRace) {
     }
     runs.push_back(std::async(std::launch::async, [&] {
         std::vector<std::unique_ptr<EventLog>> passing;
-        for (size_t i = 0; i < 60; ++i) {
+        // Stops after an odd round, which removes the pair it completes.
+        for (size_t i = 0; i < 4000 && (i % 2 == 1 || commander.events().size() < 40); ++i) {
             passing.emplace_back(new EventLog);
             player.addListener(*passing.back());
             if (i % 2 == 1) {
