@@ -3,7 +3,6 @@
 // without a terminal (one line per state change) and on a pseudo terminal
 // (status line, keys, the terminal given back).
 
-#include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
