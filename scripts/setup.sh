@@ -13,6 +13,7 @@ packages=(
   libcurl4-openssl-dev
   libavformat-dev libavcodec-dev libavutil-dev ffmpeg
   iproute2
+  nginx-light
 )
 
 missing=()

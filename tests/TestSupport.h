@@ -4,6 +4,7 @@
 // What the suites share: bounded waits, generated files, captured standard
 // output, and recorders for asynchronous reads.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -44,6 +46,62 @@ inline std::string capturedStdout(const std::function<void()>& call) {
     fflush(stdout);
     return testing::internal::GetCapturedStdout();
 }
+
+// Sends standard output (descriptor 1, where the library prints) to a file
+// while it lives, so that a test can read what was printed so far. When the
+// test has failed, the last lines go to standard error on the way out.
+class StdoutTap {
+public:
+    StdoutTap() {
+        char pattern[] = "/tmp/velka-stdout-XXXXXX";
+        const int fd = mkstemp(pattern);
+        path_ = pattern;
+        fflush(stdout);
+        saved_ = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
+        dup2(fd, STDOUT_FILENO);
+        close(fd);
+    }
+    ~StdoutTap() {
+        const std::string printed = text();
+        dup2(saved_, STDOUT_FILENO);
+        close(saved_);
+        unlink(path_.c_str());
+        if (!::testing::Test::HasFailure()) return;
+        // The failures were printed into the tap too: each with a few lines
+        // after it, then the last lines.
+        for (size_t at = printed.find(": Failure\n"); at != std::string::npos;
+             at = printed.find(": Failure\n", at + 1)) {
+            const size_t begin = printed.rfind('\n', at) + 1;
+            size_t end = begin;
+            for (int n = 0; n < 8 && end != std::string::npos; ++n) end = printed.find('\n', end + 1);
+            fprintf(stderr, "%s\n", printed.substr(begin, end - begin).c_str());
+        }
+        const size_t from = printed.size() > 3000 ? printed.size() - 3000 : 0;
+        fprintf(stderr, "--- last lines printed ---\n%s\n", printed.c_str() + from);
+    }
+    StdoutTap(const StdoutTap&) = delete;
+    StdoutTap& operator=(const StdoutTap&) = delete;
+
+    // Everything printed since the tap was set.
+    std::string text() const {
+        fflush(stdout);
+        std::ifstream in(path_, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+    size_t count(const std::string& needle, size_t from = 0) const {
+        const std::string all = text();
+        size_t n = 0;
+        for (size_t at = all.find(needle, from); at != std::string::npos;
+             at = all.find(needle, at + needle.size())) {
+            ++n;
+        }
+        return n;
+    }
+
+private:
+    std::string path_;
+    int saved_ = -1;
+};
 
 // Bytes that differ from offset to offset, so a read from the wrong position
 // never compares equal.

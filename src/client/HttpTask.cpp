@@ -436,7 +436,9 @@ void HttpTask::dealAsyncs() {
     Mutex::Autolock lock(mutex_);
     while (!requests_.empty()) {
         AsyncRequest* request = requests_.front();
-        if (request->cancelled) {
+        // A released task's transfer may fail on its way out (its progress
+        // callback aborts it): its requests are cancelled, not failed.
+        if (request->cancelled || removed_) {
             puts("cancel request");
             notifyComplete(request, kStatusCancelled, 0);
             continue;

@@ -1,0 +1,481 @@
+// HttpFile and its worker against a real nginx on 127.0.0.1: chained reads
+// through a full ring in one request, a seeded run of seeks and reads checked
+// against a model of the ring and nginx's access log, waits for short gaps,
+// the end of the stream and the tail cache, queue order and cancel, several
+// files on the one worker, failing opens and the precondition assertions.
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "TestSupport.h"
+#include "support/NginxServer.h"
+#include "velka/HttpFile.h"
+
+namespace {
+
+using testing_support::ChainedReader;
+using testing_support::Completion;
+using testing_support::CompletionLog;
+using testing_support::kWait;
+using testing_support::NginxServer;
+using testing_support::patternBytes;
+using testing_support::StdoutTap;
+using velka::File;
+using velka::HttpFile;
+using velka::VelkaStatus;
+
+constexpr int64_t kMiB = 1024 * 1024;
+constexpr int64_t kRingBytes = 16 * kMiB;
+
+std::vector<char> slice(const std::vector<char>& bytes, int64_t offset, int64_t count) {
+    const size_t begin = static_cast<size_t>(std::min<int64_t>(offset, bytes.size()));
+    const size_t end = static_cast<size_t>(std::min<int64_t>(offset + count, bytes.size()));
+    return std::vector<char>(bytes.begin() + begin, bytes.begin() + end);
+}
+
+// One asynchronous read, waited for.
+class OneRead : public File::AsyncCallback {
+public:
+    explicit OneRead(uint32_t size) : buffer(size) {}
+    void complete(VelkaStatus s, uint32_t length) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        status = s;
+        count = length;
+        ++completions;
+        done_.notify_all();
+    }
+    // False when the request was refused or did not complete in time.
+    bool run(File& file) {
+        if (file.readAsync(buffer.data(), static_cast<uint32_t>(buffer.size()), *this) == nullptr) {
+            return false;
+        }
+        std::unique_lock<std::mutex> lock(mutex_);
+        return done_.wait_for(lock, kWait, [this] { return completions > 0; });
+    }
+    std::vector<char> data() const { return std::vector<char>(buffer.begin(), buffer.begin() + count); }
+
+    std::vector<char> buffer;
+    VelkaStatus status = velka::kStatusError;
+    uint32_t count = 0;
+    int completions = 0;
+
+private:
+    std::mutex mutex_;
+    std::condition_variable done_;
+};
+
+class HttpFileTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string why;
+        ASSERT_TRUE(server_.start(&why)) << why;
+    }
+
+    // An opened HttpFile for `path` on the server; closed with the fixture.
+    HttpFile& openFile(const std::string& path, int64_t expectedLength) {
+        files_.emplace_back(new HttpFile(server_.url(path)));
+        EXPECT_EQ(0, files_.back()->open()) << path;
+        EXPECT_EQ(expectedLength, files_.back()->length()) << path;
+        return *files_.back();
+    }
+
+    // The figure of the last "pause count N" line printed after `from`, -1
+    // when there is none.
+    int lastPauseCount(size_t from) const {
+        const std::string text = tap_.text();
+        const size_t at = text.rfind("pause count ");
+        if (at == std::string::npos || at < from) return -1;
+        return atoi(text.c_str() + at + 12);
+    }
+
+    // Waits until the download of `file` (the only one) has paused on a full
+    // ring or ended, reading single bytes from `*pos` on (checked against
+    // `bytes`) to wake the worker, whose walk reports a paused transfer. True
+    // when the transfer ended.
+    bool waitQuiet(HttpFile& file, const std::vector<char>& bytes, int64_t* pos,
+                   size_t taskEndsBefore) {
+        const size_t mark = tap_.text().size();
+        for (int i = 0; i < 5000; ++i) {
+            // At the end every byte has come, so the transfer has ended.
+            if (*pos == static_cast<int64_t>(bytes.size())) return true;
+            if (tap_.count("--------Task end") > taskEndsBefore) return true;
+            if (lastPauseCount(mark) == 1) return false;
+            char byte = 0;
+            EXPECT_EQ(1, file.read(&byte, 1));
+            EXPECT_EQ(bytes[static_cast<size_t>(*pos)], byte) << "at " << *pos;
+            ++*pos;
+        }
+        ADD_FAILURE() << "the download neither paused nor ended";
+        return false;
+    }
+
+    NginxServer server_;
+    StdoutTap tap_;
+    std::vector<std::unique_ptr<HttpFile>> files_;
+};
+
+TEST_F(HttpFileTest, ChainedReadsThroughAFullRingArriveByteExactInOneRequest) {
+    const std::vector<char> bytes = patternBytes(40 * kMiB + 4321, 8);
+    server_.serve("big", bytes);
+    HttpFile& file = openFile("big", static_cast<int64_t>(bytes.size()));
+
+    // With no request the download fills the ring and pauses.
+    int64_t pos = 0;
+    ASSERT_FALSE(waitQuiet(file, bytes, &pos, 0));
+    ChainedReader reader(file, 256 * 1024);
+    ASSERT_TRUE(reader.run());
+    ASSERT_EQ(bytes.size() - static_cast<size_t>(pos), reader.data.size());
+    EXPECT_TRUE(std::equal(reader.data.begin(), reader.data.end(), bytes.begin() + pos));
+    ASSERT_FALSE(reader.statuses.empty());
+    EXPECT_EQ(velka::kStatusEndOfFile, reader.statuses.back());
+    for (size_t i = 0; i + 1 < reader.statuses.size(); ++i) {
+        EXPECT_EQ(velka::kStatusOk, reader.statuses[i]) << "read " << i;
+    }
+    EXPECT_GT(tap_.count("task unpaused"), 0u);
+
+    const auto requests = server_.waitForRequests(1);
+    ASSERT_EQ(1u, requests.size());
+    EXPECT_EQ("-", requests[0].range);
+    EXPECT_EQ(200, requests[0].status);
+    EXPECT_EQ(static_cast<int64_t>(bytes.size()), requests[0].bodyBytes);
+}
+
+// Before each seek the download is left to go quiet (ring full and paused, or
+// the transfer ended), so that the model knows what the ring holds to within
+// kSlack: a step back inside the ring and a skip forward cost nothing, a step
+// back past it or a seek beyond the downloaded bytes costs one open-ended
+// range request from the new position.
+TEST_F(HttpFileTest, SeededSeeksAndReadsCostRequestsOnlyWhereTheRingCannotServe) {
+    const std::vector<char> bytes = patternBytes(40 * kMiB + 777, 9);
+    const int64_t size = static_cast<int64_t>(bytes.size());
+    server_.serve("model", bytes);
+    HttpFile& file = openFile("model", size);
+
+    // A refused block (at most 16 KiB) plus single-byte reads; the margin
+    // keeps every seek clear of what the model cannot know.
+    constexpr int64_t kSlack = 64 * 1024;
+    constexpr int64_t kMargin = 256 * 1024;
+    enum Kind { kBackInRing, kBackPastRing, kSkip, kBeyondDownload, kKinds };
+    const char* const kindNames[] = {"back in ring", "back past ring", "skip", "beyond download"};
+    int kindCounts[kKinds] = {};
+
+    std::mt19937_64 rng(20261123);
+    auto uniform = [&](int64_t lo, int64_t hi) {
+        return std::uniform_int_distribution<int64_t>(lo, hi)(rng);
+    };
+    int64_t pos = 0;      // the reader's position; the ring starts there once quiet
+    int64_t resetAt = 0;  // where the ring's current download began
+    size_t taskEnds = 0;  // task-end lines before the current download
+    std::vector<std::string> expectedRanges = {"-"};
+
+    for (int op = 0; op < 40; ++op) {
+        SCOPED_TRACE("operation " + std::to_string(op) + " at " + std::to_string(pos));
+        const bool ended = waitQuiet(file, bytes, &pos, taskEnds);
+        ASSERT_FALSE(HasFailure());
+        // What the ring holds: [pos, downloaded), and `back` read bytes before pos.
+        const int64_t downloadedMin = ended ? size : std::min(size, pos + kRingBytes - kSlack);
+        const int64_t downloadedMax = ended ? size : std::min(size, pos + kRingBytes);
+        int64_t backMax = kSlack;
+        if (ended) {
+            const bool firstRound = size - resetAt < kRingBytes && pos - resetAt < kRingBytes;
+            backMax = firstRound ? pos - resetAt : kRingBytes - (size - pos);
+        }
+        std::vector<Kind> possible;
+        if (ended && backMax > 0) possible.push_back(kBackInRing);
+        if (pos >= backMax + kMargin) possible.push_back(kBackPastRing);
+        if (downloadedMin > pos) possible.push_back(kSkip);
+        if (!ended && downloadedMax + 1 < size) possible.push_back(kBeyondDownload);
+        ASSERT_FALSE(possible.empty());
+        const Kind kind = possible[static_cast<size_t>(uniform(0, possible.size() - 1))];
+        ++kindCounts[kind];
+
+        int64_t target = 0;
+        std::string line;
+        bool restarts = false;
+        switch (kind) {
+            case kBackInRing:
+                target = pos - uniform(1, backMax);
+                line = "back seek in buffer ok " + std::to_string(pos) + " " + std::to_string(target);
+                break;
+            case kBackPastRing:
+                target = pos - uniform(backMax + kMargin, pos);
+                line = "back seek in buffer fail, reset request";
+                restarts = true;
+                break;
+            case kSkip:
+                target = uniform(pos + 1, downloadedMin);
+                line = "skip " + std::to_string(target) + ", pos ";
+                break;
+            default:
+                target = uniform(downloadedMax + 1, size - 1);
+                line = "reseek forward " + std::to_string(target) + ", pos ";
+                restarts = true;
+                break;
+        }
+        const size_t mark = tap_.text().size();
+        const size_t endsBeforeSeek = tap_.count("--------Task end");
+        ASSERT_EQ(target, file.seek(target, File::kSeekSet));
+        OneRead read(static_cast<uint32_t>(uniform(1, kMiB)));
+        ASSERT_TRUE(read.run(file)) << kindNames[kind];
+        const int64_t expected = std::min<int64_t>(read.buffer.size(), size - target);
+        EXPECT_EQ(expected == static_cast<int64_t>(read.buffer.size()) ? velka::kStatusOk
+                                                                       : velka::kStatusEndOfFile,
+                  read.status);
+        ASSERT_EQ(expected, read.count) << kindNames[kind];
+        EXPECT_TRUE(read.data() == slice(bytes, target, expected)) << kindNames[kind];
+        EXPECT_EQ(1u, tap_.count(line, mark)) << kindNames[kind] << ": " << line;
+        if (restarts) {
+            expectedRanges.push_back(target == 0 ? "-" : "bytes=" + std::to_string(target) + "-");
+            taskEnds = endsBeforeSeek;
+            resetAt = target;
+        }
+        pos = target + expected;
+    }
+    for (int k = 0; k < kKinds; ++k) {
+        EXPECT_GE(kindCounts[k], 2) << kindNames[k] << " too rare for this seed";
+    }
+
+    // Every request ends once the file is closed.
+    files_.clear();
+    auto requests = server_.waitForRequests(expectedRanges.size());
+    std::vector<std::string> ranges;
+    for (const auto& r : requests) ranges.push_back(r.range);
+    std::sort(ranges.begin(), ranges.end());
+    std::sort(expectedRanges.begin(), expectedRanges.end());
+    EXPECT_EQ(expectedRanges, ranges);
+}
+
+// The slow location sends 256 KiB a second: a seek a little ahead of the
+// download waits for the gap, a farther one restarts with a range.
+TEST_F(HttpFileTest, SeekAheadOfTheDownloadWaitsForAShortGapAndRestartsForALongOne) {
+    const std::vector<char> bytes = patternBytes(4 * kMiB, 10);
+    server_.serve("gap", bytes);
+    HttpFile& file = openFile("slow/gap", static_cast<int64_t>(bytes.size()));
+    for (const int64_t target : {int64_t(100 * 1024), 3 * kMiB}) {
+        ASSERT_EQ(target, file.seek(target, File::kSeekSet));
+        OneRead read(1000);
+        ASSERT_TRUE(read.run(file));
+        EXPECT_EQ(velka::kStatusOk, read.status);
+        EXPECT_TRUE(read.data() == slice(bytes, target, 1000)) << target;
+    }
+    const std::string text = tap_.text();
+    EXPECT_NE(std::string::npos, text.find("seek forward 102400, pos ")) << "no wait for the gap";
+    EXPECT_EQ(1u, tap_.count("reseek forward "));
+    files_.clear();
+    const auto requests = server_.waitForRequests(2);
+    ASSERT_EQ(2u, requests.size());
+    EXPECT_EQ("bytes=3145728-", requests[0].range == "-" ? requests[1].range : requests[0].range);
+}
+
+struct EndCase {
+    const char* name;
+    const char* path;
+    int64_t size;
+    bool tail;  // the last 32 KiB come from the tail cache
+};
+
+void PrintTo(const EndCase& c, std::ostream* os) { *os << c.name; }
+
+class HttpFileEndTest : public HttpFileTest, public ::testing::WithParamInterface<EndCase> {};
+
+// Reads that reach the end: from the ring they end with kStatusEndOfFile; from
+// the tail cache (".rmvb" URLs of more than 32 KiB) they complete with
+// kStatusOk, without moving the main download (which, for a file larger
+// than the ring, stands paused at its 16 MiB).
+TEST_P(HttpFileEndTest, ReadsAtTheEndOfTheStream) {
+    const EndCase c = GetParam();
+    const std::vector<char> bytes = patternBytes(static_cast<size_t>(c.size), 11);
+    server_.serve(c.path, bytes);
+    HttpFile& file = openFile(c.path, c.size);
+    EXPECT_EQ(c.tail ? 1u : 0u, tap_.count("create tail cache"));
+
+    const VelkaStatus atEnd = c.tail ? velka::kStatusOk : velka::kStatusEndOfFile;
+    ASSERT_EQ(c.size - 1000, file.seek(-1000, File::kSeekEnd));
+    OneRead beforeEnd(4096);
+    ASSERT_TRUE(beforeEnd.run(file));
+    EXPECT_EQ(atEnd, beforeEnd.status);
+    ASSERT_EQ(1000u, beforeEnd.count);
+    EXPECT_TRUE(beforeEnd.data() == slice(bytes, c.size - 1000, 1000));
+    EXPECT_EQ(c.size, file.tell());
+    OneRead exactlyAtEnd(4096);
+    ASSERT_TRUE(exactlyAtEnd.run(file));
+    EXPECT_EQ(atEnd, exactlyAtEnd.status);
+    EXPECT_EQ(0u, exactlyAtEnd.count);
+    // The tail path prints its last line after the completion.
+    EXPECT_TRUE(testing_support::waitUntil(
+        [&] { return tap_.count("get from tail cache end") == (c.tail ? 2u : 0u); }));
+
+    files_.clear();
+    const auto requests = server_.waitForRequests(c.tail ? 2 : 1);
+    ASSERT_EQ(c.tail ? 2u : 1u, requests.size());
+    for (const auto& r : requests) {
+        const bool tailFetch = r.range != "-";
+        EXPECT_EQ(tailFetch ? "bytes=" + std::to_string(c.size - 32768) + "-" : "-", r.range);
+        EXPECT_EQ(tailFetch ? 206 : 200, r.status);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Files, HttpFileEndTest,
+    ::testing::Values(EndCase{"Plain", "end.bin", 100000, false},
+                      EndCase{"RmvbLargerThanTheRing", "clip.rmvb", 20 * kMiB + 5, true},
+                      EndCase{"RmvbOfOnly32KiB", "small.rmvb", 32768, false},
+                      EndCase{"RmvbAnywhereInTheUrl", "clip.rmvb.d", 100000, true}),
+    [](const ::testing::TestParamInfo<EndCase>& info) { return info.param.name; });
+
+// Without a Content-Length there is no tail cache and no seeking; the stream
+// is read as it comes and ends with kStatusEndOfFile once the transfer has.
+TEST_F(HttpFileTest, UnknownLengthIsReadToItsEndAndRefusesSeeks) {
+    const std::vector<char> bytes = patternBytes(3 * kMiB + 99, 12);
+    server_.serve("live.rmvb", bytes);
+    HttpFile& file = openFile("chunked/live.rmvb", -1);
+    EXPECT_EQ(0u, tap_.count("create tail cache"));
+    EXPECT_EQ(-1, file.seek(10, File::kSeekEnd));
+    EXPECT_EQ(-1, file.seek(10, File::kSeekCurrent));
+    EXPECT_EQ(0, file.seek(10, File::kSeekSet));
+    EXPECT_EQ(0, file.tell());
+    ChainedReader reader(file, 100 * 1000);
+    ASSERT_TRUE(reader.run());
+    EXPECT_TRUE(reader.data == bytes);
+    EXPECT_EQ(velka::kStatusEndOfFile, reader.statuses.back());
+}
+
+// Requests wait for the slow location's bytes: a cancelled one completes
+// with kStatusCancelled when it reaches the front, in its place in the queue.
+TEST_F(HttpFileTest, RequestsCompleteInQueueOrderAndCancelledOnesAsCancelled) {
+    const std::vector<char> bytes = patternBytes(kMiB, 13);
+    server_.serve("queue", bytes);
+    HttpFile& file = openFile("slow/queue", kMiB);
+    CompletionLog log;
+    std::vector<CompletionLog::Callback> callbacks;
+    for (int tag = 0; tag < 4; ++tag) callbacks.emplace_back(log, tag);
+    std::vector<std::vector<char>> buffers(4, std::vector<char>(32 * 1024));
+    std::vector<void*> handles;
+    for (int tag = 0; tag < 4; ++tag) {
+        handles.push_back(file.readAsync(buffers[tag].data(), 32 * 1024, callbacks[tag]));
+        ASSERT_NE(nullptr, handles.back());
+    }
+    EXPECT_EQ(0, file.cancel(handles[2]));
+    ASSERT_TRUE(log.waitFor(4));
+    const std::vector<Completion> all = log.all();
+    ASSERT_EQ(4u, all.size());
+    const VelkaStatus expected[] = {velka::kStatusOk, velka::kStatusOk, velka::kStatusCancelled,
+                                    velka::kStatusOk};
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(i, all[i].tag);
+        EXPECT_EQ(expected[i], all[i].status) << i;
+        EXPECT_EQ(i == 2 ? 0u : 32u * 1024, all[i].length) << i;
+    }
+    // The cancelled request took no bytes: the fourth continues the second.
+    EXPECT_TRUE(buffers[0] == slice(bytes, 0, 32 * 1024));
+    EXPECT_TRUE(buffers[1] == slice(bytes, 32 * 1024, 32 * 1024));
+    EXPECT_TRUE(buffers[3] == slice(bytes, 64 * 1024, 32 * 1024));
+    // Completed requests are no longer there to cancel.
+    EXPECT_EQ(-1, file.cancel(handles[2]));
+    EXPECT_EQ(-1, file.cancel(handles[0]));
+    // The synchronous read returns what arrived.
+    std::vector<char> sync(1000);
+    EXPECT_EQ(1000, file.read(sync.data(), 1000));
+    EXPECT_TRUE(sync == slice(bytes, 96 * 1024, 1000));
+    EXPECT_EQ(96 * 1024 + 1000, file.tell());
+}
+
+// Three files stream at once on the one worker while a fourth, waiting on the
+// slow location, is closed: its queued request completes as cancelled before
+// close() returns, and the others stay byte-exact.
+TEST_F(HttpFileTest, SeveralFilesShareTheWorkerAndClosingOneLeavesTheOthers) {
+    std::vector<std::vector<char>> contents;
+    std::vector<HttpFile*> streams;
+    for (int i = 0; i < 3; ++i) {
+        contents.push_back(patternBytes(20 * kMiB + static_cast<size_t>(i), 20 + i));
+        server_.serve("stream" + std::to_string(i), contents.back());
+        streams.push_back(&openFile("stream" + std::to_string(i), 20 * kMiB + i));
+    }
+    server_.serve("closed", patternBytes(4 * kMiB, 30));
+    std::unique_ptr<HttpFile> closing(new HttpFile(server_.url("slow/closed")));
+    ASSERT_EQ(0, closing->open());
+
+    std::vector<std::unique_ptr<ChainedReader>> readers;
+    std::vector<std::thread> threads;
+    std::vector<int> ok(3, 0);
+    for (int i = 0; i < 3; ++i) {
+        readers.emplace_back(new ChainedReader(*streams[i], 64 * 1024));
+        threads.emplace_back([&, i] { ok[i] = readers[i]->run(); });
+    }
+    CompletionLog log;
+    CompletionLog::Callback callback(log, 1);
+    std::vector<char> buffer(2 * kMiB);
+    ASSERT_NE(nullptr, closing->readAsync(buffer.data(), 2 * kMiB, callback));
+    EXPECT_EQ(0, closing->close());
+    const std::vector<Completion> cancelled = log.all();
+    ASSERT_EQ(1u, cancelled.size()) << "close() returned before the queued request completed";
+    EXPECT_EQ(velka::kStatusCancelled, cancelled[0].status);
+    EXPECT_EQ(0, closing->close());
+    closing.reset();
+
+    for (auto& t : threads) t.join();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(ok[i]) << "stream " << i;
+        EXPECT_TRUE(readers[i]->data == contents[i]) << "stream " << i;
+    }
+    EXPECT_EQ(1u, log.all().size());
+}
+
+TEST_F(HttpFileTest, OpenFailsForErrorsEmptyResponsesOtherSchemesAndClosedPorts) {
+    server_.serve("present", patternBytes(1000, 14));
+    const std::string base = "127.0.0.1:" + std::to_string(server_.port());
+    const std::string urls[] = {
+        server_.url("missing"),   // 404 with a body: the body is refused
+        server_.url("empty"),     // 204: the response ends without a body
+        "ftp://" + base + "/present",
+        "file:///etc/hostname",
+        "http://127.0.0.1:1/present",  // nothing listens there
+    };
+    for (const std::string& url : urls) {
+        SCOPED_TRACE(url);
+        const size_t mark = tap_.text().size();
+        HttpFile file(url);
+        EXPECT_EQ(-1, file.open());
+        EXPECT_EQ(1u, tap_.count("HttpFile::open fail 1", mark));
+        EXPECT_EQ(1u, tap_.count("get task info end", mark));
+        // The task info of a failed task is published once, not at every pass.
+        EXPECT_EQ(1u, tap_.count("notify task info fail", mark));
+        EXPECT_EQ(0, file.close());
+        EXPECT_EQ(0, file.cachePercent());
+    }
+}
+
+TEST(HttpFileDeathTest, OperationsOnAFileThatIsNotOpenStopAtTheAssertion) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    HttpFile file("http://127.0.0.1:1/never-opened");
+    char byte;
+    CompletionLog log;
+    CompletionLog::Callback callback(log, 0);
+    EXPECT_DEATH(file.read(&byte, 1), "task_ != __null");
+    EXPECT_DEATH(file.readAsync(&byte, 1, callback), "task_ != __null");
+    EXPECT_DEATH(file.cancel(&byte), "task_ != __null");
+    EXPECT_DEATH(file.seek(0, File::kSeekSet), "task_ != __null");
+    EXPECT_DEATH(file.tell(), "task_ != __null");
+    EXPECT_DEATH(file.length(), "task_ != __null");
+    EXPECT_DEATH(file.available(), "task_ != __null");
+}
+
+// Forked, not re-run: a re-run would start a second server that the dying
+// child leaves behind.
+TEST_F(HttpFileTest, CancelOfANullRequestStopsAtTheAssertion) {
+    GTEST_FLAG_SET(death_test_style, "fast");
+    server_.serve("small", patternBytes(1000, 15));
+    HttpFile& file = openFile("small", 1000);
+    EXPECT_DEATH(file.cancel(nullptr), "asyncReq != __null");
+}
+
+}  // namespace
