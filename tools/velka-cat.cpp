@@ -21,11 +21,13 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Md5.h"
 #include "velka/File.h"
 #include "velka/FileFactory.h"
+#include "velka/PpsFile.h"
 
 namespace {
 
@@ -38,6 +40,9 @@ constexpr uint32_t kDefaultBlock = 64 * 1024;
 constexpr uint32_t kMaxBlock = 256u << 20;  // one buffer of the block size is allocated
 // A source that delivers nothing for this long is taken as hung.
 constexpr std::chrono::seconds kStallTimeout(120);
+// A source that has not got the next bytes yet is asked again after this: the
+// peer-to-peer engine's pieces arrive every few milliseconds at useful rates.
+constexpr std::chrono::milliseconds kNotYetPause(20);
 // Progress redraw: in place on a terminal; a line now and then into a log.
 constexpr std::chrono::milliseconds kTerminalRedraw(100);
 constexpr std::chrono::seconds kLogRedraw(2);
@@ -53,7 +58,9 @@ const char kUsage[] =
     "read issued when the one before completes) and prints the byte count, the\n"
     "throughput and the MD5 digest of what was read. URL is file://PATH or a\n"
     "plain path, taken as a local file; any other URL is read through the\n"
-    "download engine (the engine built in this tree serves dta-test://PATH).\n"
+    "download engine (the engine built in this tree serves dta-test://PATH);\n"
+    "pps-test://PATH and pps-test://http://HOST:PORT/PATH are read from the\n"
+    "peer-to-peer engine, with its buffering percentage shown while it waits.\n"
     "\n"
     "  --block N    bytes per read, default 65536; a k or m suffix counts KiB or MiB\n"
     "  --seek OFF   seek to OFF and read from there to the end (OFF < 0 counts back\n"
@@ -221,7 +228,11 @@ std::string toUrl(const std::string& arg) {
 // The one place where a URL becomes an open source; null when it cannot be
 // opened. The library chooses the source, as it does for playback.
 std::unique_ptr<File> openSource(const std::string& arg) {
-    std::unique_ptr<File> file(velka::FileFactory::createFile(toUrl(arg)));
+    const std::string url = toUrl(arg);
+    // The peer-to-peer source is never chosen by the factory: hosts build it.
+    std::unique_ptr<File> file(url.compare(0, 11, "pps-test://") == 0
+                                   ? new velka::PpsFile(url)
+                                   : velka::FileFactory::createFile(url));
     if (file->open() != 0) return nullptr;
     return file;
 }
@@ -230,10 +241,14 @@ std::unique_ptr<File> openSource(const std::string& arg) {
 // issued from inside complete(), the way the playback engine pulls data.
 // complete() runs on the source's thread, one call at a time since only one
 // request is ever outstanding.
+//
+// With `notYet`, a success without a byte before the end means "not arrived
+// yet" (the peer-to-peer source): the chain pauses as starved, and the
+// waiting thread starts it again.
 class ChainReader : public File::AsyncCallback {
 public:
-    ChainReader(File& file, uint32_t block, Md5* md5)
-        : file_(file), buffer_(block), md5_(md5) {}
+    ChainReader(File& file, uint32_t block, Md5* md5, bool notYet = false)
+        : file_(file), buffer_(block), md5_(md5), notYet_(notYet) {}
 
     // False when the source refused the first request.
     bool start() {
@@ -257,6 +272,12 @@ public:
             return;
         }
         if (length == 0) {
+            if (notYet_ && file_.available() > 0) {
+                std::lock_guard<std::mutex> lock(mutex_);
+                starved_ = true;
+                cond_.notify_all();
+                return;
+            }
             // Success without a byte: the source has nothing more to give (the
             // download engine answers so at its end). Asking again would spin.
             finish(velka::kStatusEndOfFile, false);
@@ -273,8 +294,18 @@ public:
     // True once the segment has finished; waits at most `timeout`.
     bool waitFor(std::chrono::milliseconds timeout) {
         std::unique_lock<std::mutex> lock(mutex_);
-        return cond_.wait_for(lock, timeout, [this] { return done_; });
+        return cond_.wait_for(lock, timeout, [this] { return done_ || starved_; });
     }
+
+    // True (once) when the chain paused for bytes not yet arrived.
+    bool takeStarved() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const bool starved = starved_;
+        starved_ = false;
+        return starved;
+    }
+
+    int cachePercent() { return file_.cachePercent(); }
 
     uint64_t bytes() const { return bytes_.load(); }
     // These two after waitFor() gave true.
@@ -299,10 +330,12 @@ private:
     File& file_;
     std::vector<char> buffer_;        // one request's bytes; reused by the next
     Md5* md5_;                        // fed from complete() only
+    const bool notYet_;
     std::atomic<uint64_t> bytes_{0};  // read by the progress display
-    std::mutex mutex_;                // guards done_, status_, refused_
+    std::mutex mutex_;                // guards done_, starved_, status_, refused_
     std::condition_variable cond_;
     bool done_ = false;
+    bool starved_ = false;
     VelkaStatus status_ = velka::kStatusOk;
     bool refused_ = false;
 };
@@ -324,6 +357,19 @@ public:
         if (!enabled_ || now - last_ < interval()) return;
         last_ = now;
         draw(bytes, now);
+    }
+
+    // The source's buffering percentage while it waits for bytes; shown when
+    // it changes.
+    void buffering(int percent) {
+        if (!enabled_ || percent == lastPercent_) return;
+        lastPercent_ = percent;
+        if (terminal_) {
+            fprintf(stderr, "\rbuffering %d%%\033[K", percent);
+        } else {
+            fprintf(stderr, "velka-cat: buffering %d%%\n", percent);
+        }
+        fflush(stderr);
     }
 
     void finish(uint64_t bytes) {
@@ -357,6 +403,7 @@ private:
     uint64_t total_;
     Clock::time_point start_;
     Clock::time_point last_;
+    int lastPercent_ = -1;
 };
 
 // Waits for a running segment while keeping the progress line fresh. False
@@ -366,7 +413,13 @@ bool waitSegment(ChainReader& reader, Progress& progress, uint64_t before) {
     const auto wait = std::min(tick, std::chrono::milliseconds(100));
     uint64_t seen = reader.bytes();
     Clock::time_point lastChange = Clock::now();
-    while (!reader.waitFor(wait)) {
+    for (;;) {
+        if (reader.waitFor(wait)) {
+            if (!reader.takeStarved()) return true;
+            progress.buffering(reader.cachePercent());
+            std::this_thread::sleep_for(kNotYetPause);
+            reader.start();
+        }
         const uint64_t now = reader.bytes();
         if (now != seen) {
             seen = now;
@@ -376,7 +429,6 @@ bool waitSegment(ChainReader& reader, Progress& progress, uint64_t before) {
         }
         progress.update(before + now);
     }
-    return true;
 }
 
 int catSource(const Options& o) {
@@ -401,6 +453,8 @@ int catSource(const Options& o) {
         if (start >= 0 && start < length) total += static_cast<uint64_t>(length - start);
     }
 
+    // The peer-to-peer source answers "not yet" with a success of 0 bytes.
+    const bool notYet = dynamic_cast<velka::PpsFile*>(file.get()) != nullptr;
     Md5 md5;
     Progress progress(!o.quiet, total);
     const Clock::time_point started = Clock::now();
@@ -412,7 +466,7 @@ int catSource(const Options& o) {
                     o.url.c_str());
             return 1;
         }
-        ChainReader reader(*file, o.block, &md5);
+        ChainReader reader(*file, o.block, &md5, notYet);
         reader.start();
         if (!waitSegment(reader, progress, bytes)) {
             progress.finish(bytes + reader.bytes());
