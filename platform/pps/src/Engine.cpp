@@ -164,6 +164,8 @@ public:
         task->source = std::move(source);
         task->active = true;
         task->thread = std::thread(&Engine::download, this, task);
+        // Named here rather than by the thread, so that the name is there on return.
+        pthread_setname_np(task->thread.native_handle(), "ems-download");
         return EMS_OK;
     }
 
@@ -303,6 +305,7 @@ private:
         if (!eventThread_.joinable()) {
             eventsEnding_ = false;
             eventThread_ = std::thread(&Engine::deliverEvents, this);
+            pthread_setname_np(eventThread_.native_handle(), "ems-events");
         }
         changed_.notify_all();
         return ++queued_;
@@ -316,7 +319,6 @@ private:
     // Runs on the event thread: one event at a time, in order, no lock held
     // while the listener runs.
     void deliverEvents() {
-        pthread_setname_np(pthread_self(), "ems-events");
         std::unique_lock<std::mutex> lock(mutex_);
         for (;;) {
             changed_.wait(lock, [this] { return eventsEnding_ || !events_.empty(); });
@@ -363,7 +365,6 @@ private:
     // Runs on the task's download thread until the store is full, the task
     // is stopped or the stream cannot be read.
     void download(std::shared_ptr<Task> task) {
-        pthread_setname_np(pthread_self(), "ems-download");
         std::vector<char> piece(kPieceBytes);
         std::unique_lock<std::mutex> lock(mutex_);
         reportStartup(*task);
