@@ -318,34 +318,36 @@ TEST_F(PpsFileTest, EveryEngineEventPrintsItsLineAndHasItsEffect) {
         {INT32_MAX, "unknown event.", kNone},
     };
     PpsFile& file = *files_.back();
-    for (const Row& row : rows) {
-        for (int task : {3, -1}) {
-            SCOPED_TRACE(::testing::Message() << "type " << row.type << " task " << task);
-            const int cacheBefore = file.cachePercent();
-            const int errorBefore = file.error();
-            const int stops = control::calls(control::kStopTask);
-            bool delivered = false;
-            const std::string out = testing_support::capturedStdout(
-                [&] { delivered = control::injectEvent(task, row.type, 37, kWaitMs); });
-            ASSERT_TRUE(delivered);
-            EXPECT_EQ(std::string("[ems_callback]: ") + row.line + "\n", out);
-            const bool applies = task >= 0;
-            const int cache = !applies ? cacheBefore
-                              : row.effect == kCache ? 37
-                              : row.effect == kFull  ? 100
-                                                     : cacheBefore;
-            const int error = !applies ? errorBefore
-                              : row.effect == kError2 ? 2
-                              : row.effect == kError4 ? 4
-                                                      : errorBefore;
-            const bool stopped =
-                applies && (row.effect == kStop || row.effect == kError2 || row.effect == kError4);
-            EXPECT_EQ(cache, file.cachePercent());
-            EXPECT_EQ(error, file.error());
-            EXPECT_EQ(stopped ? 1 : 0, control::calls(control::kStopTask) - stops);
-            if (stopped) {
+    // The error code is never reset: each row is tried after each of the two
+    // codes, so that it shows whether the row sets one.
+    auto check = [&](const Row& row, int task) {
+        const int cacheBefore = file.cachePercent();
+        const int errorBefore = file.error();
+        const int stops = control::calls(control::kStopTask);
+        bool delivered = false;
+        const std::string out = testing_support::capturedStdout(
+            [&] { delivered = control::injectEvent(task, row.type, 37, kWaitMs); });
+        ASSERT_TRUE(delivered);
+        EXPECT_EQ(std::string("[ems_callback]: ") + row.line + "\n", out);
+        const bool applies = task >= 0;
+        const Effect effect = applies ? row.effect : kNone;
+        EXPECT_EQ(effect == kCache ? 37 : effect == kFull ? 100 : cacheBefore, file.cachePercent());
+        EXPECT_EQ(effect == kError2 ? 2 : effect == kError4 ? 4 : errorBefore, file.error());
+        const bool stopped = effect == kStop || effect == kError2 || effect == kError4;
+        EXPECT_EQ(stopped ? 1 : 0, control::calls(control::kStopTask) - stops);
+        if (stopped) {
             EXPECT_EQ(task, control::lastTaskIndex(control::kStopTask));
         }
+    };
+    for (const Row& row : rows) {
+        for (int32_t primer : {0, 27}) {
+            for (int task : {3, -1}) {
+                SCOPED_TRACE(::testing::Message() << "type " << row.type << " task " << task
+                                                  << " after event " << primer);
+                testing_support::capturedStdout(
+                    [&] { EXPECT_TRUE(control::injectEvent(3, primer, 0, kWaitMs)); });
+                check(row, task);
+            }
         }
     }
     EXPECT_EQ(0, file.close()) << "a file without a task";
