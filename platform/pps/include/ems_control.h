@@ -37,8 +37,7 @@ void reset();
 // `call` does nothing from now on and returns `result` (it is still counted).
 void failCall(Call call, int result);
 
-// Bytes per second the downloads of all tasks share between them; 0 =
-// unlimited. The environment variable EMS_DOWNLOAD_RATE sets it when the
+// Bytes per second of each task's download; 0 = unlimited. The environment variable EMS_DOWNLOAD_RATE sets it when the
 // engine is loaded (and for reset()), so that programs can be run against a
 // slow engine.
 void setDownloadRate(uint64_t bytesPerSecond);
