@@ -1,7 +1,8 @@
 // velka-cat: reads a source through the library the way the playback engine
 // does (each asynchronous read issued from the completion of the one before)
 // and prints how many bytes came, how fast, and their MD5 digest. With
-// --bench it measures those reads against a plain pread loop instead.
+// --bench it measures those reads against a plain pread loop (a local file)
+// or a plain libcurl transfer (an HTTP URL) instead.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -24,9 +25,12 @@
 #include <thread>
 #include <vector>
 
+#include <curl/curl.h>
+
 #include "Md5.h"
 #include "velka/File.h"
 #include "velka/FileFactory.h"
+#include "velka/HttpFile.h"
 #include "velka/PpsFile.h"
 
 namespace {
@@ -51,30 +55,35 @@ constexpr uint64_t kBenchFileBytes = 256ull << 20;
 constexpr int kBenchRuns = 3;
 
 const char kUsage[] =
-    "Usage: velka-cat [--block N] [--seek OFF]... [--quiet] [--log FILE] URL\n"
+    "Usage: velka-cat [--block N] [--seek OFF]... [--factory] [--quiet] [--log FILE] URL\n"
     "       velka-cat --bench [--log FILE] [URL]\n"
     "\n"
     "Reads URL through the velka library with chained asynchronous reads (each\n"
     "read issued when the one before completes) and prints the byte count, the\n"
     "throughput and the MD5 digest of what was read. URL is file://PATH or a\n"
-    "plain path, taken as a local file; any other URL is read through the\n"
-    "download engine (the engine built in this tree serves dta-test://PATH);\n"
-    "pps-test://PATH and pps-test://http://HOST:PORT/PATH are read from the\n"
-    "peer-to-peer engine, with its buffering percentage shown while it waits.\n"
+    "plain path, taken as a local file; http:// and https:// URLs are read\n"
+    "through the library's HTTP source (HttpFile); pps-test://PATH and\n"
+    "pps-test://http://HOST:PORT/PATH are read from the peer-to-peer engine\n"
+    "(PpsFile), with its buffering percentage shown while it waits; any other\n"
+    "URL is read through the download engine (the engine built in this tree\n"
+    "serves dta-test://PATH).\n"
     "\n"
     "  --block N    bytes per read, default 65536; a k or m suffix counts KiB or MiB\n"
     "  --seek OFF   seek to OFF and read from there to the end (OFF < 0 counts back\n"
     "               from the end). Repeat for more segments: they are read in the\n"
     "               order given and the digest covers them one after another, as\n"
     "               if concatenated. Without --seek the whole source is read.\n"
+    "  --factory    read http:// and https:// URLs the way the player does, through\n"
+    "               FileFactory (the download engine), instead of HttpFile\n"
     "  --quiet      no progress bar on standard error\n"
     "  --log FILE   write the library's own diagnostic lines (one or more per read)\n"
     "               to FILE; '-' leaves them on standard output. By default they\n"
     "               are discarded.\n"
     "  --bench      measure instead: chained asynchronous reads of 64 KiB and\n"
     "               256 KiB against a plain pread loop over the same warm local\n"
-    "               file, best of 3 runs each. Without URL a 256 MiB file is\n"
-    "               generated in /tmp and removed afterwards.\n"
+    "               file, or against a plain libcurl transfer of the same HTTP\n"
+    "               URL, runs interleaved, best of 3 each. Without URL a 256 MiB\n"
+    "               file is generated in /tmp and removed afterwards.\n"
     "  --help       this text\n"
     "\n"
     "Results go to standard output, one per line, prefixed \"velka-cat: \":\n"
@@ -89,6 +98,7 @@ struct Options {
     std::vector<int64_t> seeks;
     bool quiet = false;
     bool bench = false;
+    bool factory = false;  // http(s) through FileFactory instead of HttpFile
     bool logToStdout = false;
     std::string logPath;  // empty: discard the library's lines
     std::string url;
@@ -175,6 +185,8 @@ int parseOptions(int argc, char** argv, Options* o) {
             o->quiet = true;
         } else if (arg == "--bench") {
             o->bench = true;
+        } else if (arg == "--factory") {
+            o->factory = true;
         } else if (arg.size() > 1 && arg[0] == '-') {
             fprintf(stderr, "velka-cat: unknown or incomplete option %s\n%s", arg.c_str(), kUsage);
             return 2;
@@ -225,13 +237,23 @@ std::string toUrl(const std::string& arg) {
     return std::string("file://") + cwd + "/" + arg;
 }
 
+bool isHttpUrl(const std::string& url) {
+    return url.compare(0, 7, "http://") == 0 || url.compare(0, 8, "https://") == 0;
+}
+
 // The one place where a URL becomes an open source; null when it cannot be
-// opened. The library chooses the source, as it does for playback.
-std::unique_ptr<File> openSource(const std::string& arg) {
+// opened. HTTP URLs get the library's HTTP source unless `viaFactory`; for
+// everything else the library chooses the source, as it does for playback.
+std::unique_ptr<File> openSource(const std::string& arg, bool viaFactory) {
     const std::string url = toUrl(arg);
     // The peer-to-peer source is never chosen by the factory: hosts build it.
-    std::unique_ptr<File> file(url.compare(0, 11, "pps-test://") == 0
-                                   ? new velka::PpsFile(url)
+    if (url.compare(0, 11, "pps-test://") == 0) {
+        std::unique_ptr<File> pps(new velka::PpsFile(url));
+        if (pps->open() != 0) return nullptr;
+        return pps;
+    }
+    std::unique_ptr<File> file(isHttpUrl(url) && !viaFactory
+                                   ? new velka::HttpFile(url)
                                    : velka::FileFactory::createFile(url));
     if (file->open() != 0) return nullptr;
     return file;
@@ -432,7 +454,7 @@ bool waitSegment(ChainReader& reader, Progress& progress, uint64_t before) {
 }
 
 int catSource(const Options& o) {
-    std::unique_ptr<File> file = openSource(o.url);
+    std::unique_ptr<File> file = openSource(o.url, o.factory);
     if (!file) {
         fprintf(stderr, "velka-cat: cannot open %s\n", o.url.c_str());
         return 1;
@@ -538,12 +560,13 @@ double timePread(const std::string& path, uint32_t block, uint64_t* bytesOut) {
     return secs;
 }
 
-// Seconds for one pass of chained asynchronous reads; -1 on failure.
+// Seconds for one pass of chained asynchronous reads, the open included; -1
+// on failure.
 double timeChained(const std::string& url, uint32_t block, uint64_t* bytesOut) {
-    std::unique_ptr<File> file = openSource(url);
+    const Clock::time_point start = Clock::now();
+    std::unique_ptr<File> file = openSource(url, false);
     if (!file) return -1;
     ChainReader reader(*file, block, nullptr);
-    const Clock::time_point start = Clock::now();
     reader.start();
     Progress silent(false, 0);
     if (!waitSegment(reader, silent, 0)) {
@@ -555,6 +578,62 @@ double timeChained(const std::string& url, uint32_t block, uint64_t* bytesOut) {
     const bool ok = reader.status() == velka::kStatusEndOfFile;
     file->close();
     return ok ? secs : -1;
+}
+
+size_t discardBody(char* /*data*/, size_t size, size_t count, void* bytes) {
+    *static_cast<uint64_t*>(bytes) += size * count;
+    return size * count;
+}
+
+// Seconds for one plain libcurl transfer of `url` whose body is counted and
+// dropped; -1 on failure.
+double timeCurl(const std::string& url, uint64_t* bytesOut) {
+    CURL* curl = curl_easy_init();
+    if (curl == nullptr) return -1;
+    uint64_t bytes = 0;
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &discardBody);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &bytes);
+    curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
+    const Clock::time_point start = Clock::now();
+    const CURLcode ret = curl_easy_perform(curl);
+    const double secs = seconds(Clock::now() - start);
+    long status = 0;
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    curl_easy_cleanup(curl);
+    *bytesOut = bytes;
+    return ret == CURLE_OK && status == 200 ? secs : -1;
+}
+
+// HttpFile's chained reads against one plain libcurl transfer of the same URL.
+int benchHttp(const std::string& url) {
+    result("bench %s: HttpFile chained reads (open included) against a plain libcurl "
+           "transfer, runs interleaved, best of %d",
+           url.c_str(), kBenchRuns);
+    for (uint32_t block : {64u * 1024, 256u * 1024}) {
+        double bestChained = -1, bestCurl = -1;
+        uint64_t size = 0;
+        for (int run = 0; run < kBenchRuns; ++run) {
+            uint64_t chainedBytes = 0, curlBytes = 0;
+            const double chained = timeChained(url, block, &chainedBytes);
+            const double plain = timeCurl(url, &curlBytes);
+            if (chained < 0 || plain < 0 || chainedBytes != curlBytes || curlBytes == 0) {
+                fprintf(stderr, "velka-cat: reading %s failed during the benchmark\n",
+                        url.c_str());
+                return 1;
+            }
+            size = curlBytes;
+            if (bestChained < 0 || chained < bestChained) bestChained = chained;
+            if (bestCurl < 0 || plain < bestCurl) bestCurl = plain;
+        }
+        const double chainedRate = megabytesPerSecond(size, bestChained);
+        const double curlRate = megabytesPerSecond(size, bestCurl);
+        result("%4" PRIu32 " KiB  HttpFile chained %8.1f MB/s  libcurl transfer %8.1f MB/s  "
+               "ratio %.2f  (%" PRIu64 " bytes)",
+               block / 1024, chainedRate, curlRate, curlRate > 0 ? chainedRate / curlRate : 0.0,
+               size);
+    }
+    return 0;
 }
 
 int bench(const Options& o) {
@@ -579,8 +658,10 @@ int bench(const Options& o) {
         }
     } else {
         const std::string url = toUrl(o.url);
+        if (isHttpUrl(url)) return benchHttp(url);
         if (url.find("file://") != 0) {
-            fprintf(stderr, "velka-cat: --bench reads local files only, not %s\n", o.url.c_str());
+            fprintf(stderr, "velka-cat: --bench reads local files and HTTP URLs, not %s\n",
+                    o.url.c_str());
             return 2;
         }
         path = url.substr(7);

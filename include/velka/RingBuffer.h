@@ -1,6 +1,7 @@
 #ifndef VELKA_RINGBUFFER_H
 #define VELKA_RINGBUFFER_H
 
+#include <atomic>
 #include <cstdint>
 
 namespace velka {
@@ -17,7 +18,9 @@ namespace velka {
 // writeCount_ (both modulo 2^32).
 //
 // No locking: all changes come from one thread (the HTTP worker). Another
-// thread may call length(); a momentarily stale answer is harmless there.
+// thread may call length(); a momentarily stale answer is harmless there. The
+// counters are relaxed atomics for that one reader: plain loads and stores on
+// every target, no ordering.
 class RingBuffer {
 public:
     // No storage yet; allocate() attaches some.
@@ -46,8 +49,8 @@ public:
     // nothing and returns 0, which callers read as a refusal.
     unsigned int backwardSeek(unsigned int n);
 
-    unsigned int length() const { return writeCount_ - readCount_; }
-    unsigned int space() const { return readCount_ + size_ - writeCount_; }
+    unsigned int length() const { return writes() - reads(); }
+    unsigned int space() const { return reads() + size_ - writes(); }
     unsigned int size() const { return size_; }
     bool isFull() const { return length() == size_; }
 
@@ -62,10 +65,15 @@ protected:
     void setCounters(uint32_t readCount, uint32_t writeCount);
 
 private:
+    uint32_t reads() const { return readCount_.load(std::memory_order_relaxed); }
+    uint32_t writes() const { return writeCount_.load(std::memory_order_relaxed); }
+    void setReads(uint32_t n) { readCount_.store(n, std::memory_order_relaxed); }
+    void setWrites(uint32_t n) { writeCount_.store(n, std::memory_order_relaxed); }
+
     char* buffer_;      // size_ bytes; null until storage is attached
     bool ownsBuffer_;   // buffer_ came from allocate() and is freed here
-    uint32_t readCount_;   // bytes consumed since reset, minus those given back
-    uint32_t writeCount_;  // bytes written since reset
+    std::atomic<uint32_t> readCount_;   // bytes consumed since reset, minus those given back
+    std::atomic<uint32_t> writeCount_;  // bytes written since reset
     uint32_t size_;        // capacity, a power of two; 0 without storage
 };
 

@@ -37,7 +37,7 @@ unsigned int RingBuffer::write(char* data, unsigned int n) {
     const uint32_t room = space();
     const uint32_t count = n < room ? n : room;
     if (count == 0) return 0;
-    const uint32_t pos = writeCount_ & (size_ - 1);
+    const uint32_t pos = writes() & (size_ - 1);
     const uint32_t first = size_ - pos;  // room up to the end of the storage
     if (first >= count) {
         memcpy(buffer_ + pos, data, count);
@@ -45,7 +45,7 @@ unsigned int RingBuffer::write(char* data, unsigned int n) {
         memcpy(buffer_ + pos, data, first);
         memcpy(buffer_, data + first, count - first);
     }
-    writeCount_ += count;
+    setWrites(writes() + count);
     return count;
 }
 
@@ -53,7 +53,7 @@ unsigned int RingBuffer::read(char* dest, unsigned int n) {
     const uint32_t held = length();
     const uint32_t count = n < held ? n : held;
     if (count == 0) return 0;
-    const uint32_t pos = readCount_ & (size_ - 1);
+    const uint32_t pos = reads() & (size_ - 1);
     const uint32_t first = size_ - pos;  // bytes up to the end of the storage
     if (first >= count) {
         memcpy(dest, buffer_ + pos, count);
@@ -61,14 +61,14 @@ unsigned int RingBuffer::read(char* dest, unsigned int n) {
         memcpy(dest, buffer_ + pos, first);
         memcpy(dest + first, buffer_, count - first);
     }
-    readCount_ += count;
+    setReads(reads() + count);
     return count;
 }
 
 unsigned int RingBuffer::skip(unsigned int n) {
     const uint32_t held = length();
     const uint32_t count = n < held ? n : held;
-    readCount_ += count;
+    setReads(reads() + count);
     return count;
 }
 
@@ -80,24 +80,24 @@ unsigned int RingBuffer::backwardSeek(unsigned int n) {
     // proves a first round; a readCount_ still near 2^32 shows that, hence the
     // second test.
     uint32_t limit;
-    if (writeCount_ < size_ && readCount_ < size_) {
-        limit = readCount_;
+    if (writes() < size_ && reads() < size_) {
+        limit = reads();
     } else {
         limit = space();
     }
     if (n == 0 || n > limit) return 0;
-    readCount_ -= n;
+    setReads(reads() - n);
     return n;
 }
 
 void RingBuffer::reset() {
-    readCount_ = 0;
-    writeCount_ = 0;
+    setReads(0);
+    setWrites(0);
 }
 
 void RingBuffer::setCounters(uint32_t readCount, uint32_t writeCount) {
-    readCount_ = readCount;
-    writeCount_ = writeCount;
+    setReads(readCount);
+    setWrites(writeCount);
 }
 
 }  // namespace velka

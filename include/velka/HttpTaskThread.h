@@ -1,0 +1,58 @@
+#ifndef VELKA_HTTPTASKTHREAD_H
+#define VELKA_HTTPTASKTHREAD_H
+
+#include <vector>
+
+#include "velka/Mutex.h"
+#include "velka/NonCopyable.h"
+#include "velka/Semaphore.h"
+#include "velka/Thread.h"
+
+namespace velka {
+
+class HttpTask;
+
+// The one worker of the HTTP source. It owns the libcurl multi handle and, in
+// one loop on the thread "HttpTaskThread", serves the queued reads of every
+// HttpTask, starts new transfers, resumes paused ones once their ring has room,
+// lets libcurl move data, retries transfers that failed after the stream's
+// length was known, publishes task info and destroys the tasks their owners
+// released. It waits on wakeup_ when there is nothing to do.
+//
+// Built by the first HttpTask, destroyed at process exit.
+//
+// Lock order: tasksLock_, then a task's mutex_, then pendingLock_. Completion
+// callbacks run on the worker with the first two held.
+class HttpTaskThread : public Thread::Runnable, private NonCopyable {
+public:
+    // The singleton, built and started on the first call; safe from any thread.
+    static HttpTaskThread* instance();
+
+    // The worker loop; runs on "HttpTaskThread".
+    void run() override;
+
+private:
+    friend class HttpTask;
+
+    HttpTaskThread();
+    // At process exit: stops the loop and releases the multi handle.
+    ~HttpTaskThread();
+
+    // One libcurl pass over every transfer, then a select() on their sockets
+    // for at most libcurl's own time-out (100 ms when it has none). On the worker.
+    int performAndSelect(void* multi);
+    // Takes `task` out of tasks_ (at `index`) and destroys it, its queued
+    // requests completed as cancelled first. On the worker, tasksLock_ held.
+    void dropTask(size_t index);
+
+    int pending_;          // accepted, not yet completed requests of all tasks
+    Thread* thread_;       // runs run(); owned
+    std::vector<HttpTask*> tasks_;  // live tasks in creation order
+    Mutex tasksLock_;      // guards tasks_; held while serving, walking and publishing
+    Mutex pendingLock_;    // guards pending_
+    Semaphore wakeup_;     // wakes the loop: new task, new request, release, exit
+};
+
+}  // namespace velka
+
+#endif  // VELKA_HTTPTASKTHREAD_H

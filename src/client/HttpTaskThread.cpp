@@ -1,0 +1,206 @@
+#include <sys/select.h>
+
+#include <cstdio>
+
+#include "HttpTask.h"
+#include "velka/HttpTaskThread.h"
+
+namespace velka {
+
+std::atomic<bool> workerRunning_(false);
+int pausedCount_ = 0;
+CURLM* multiHandle_ = nullptr;
+int runningCount_ = 0;
+std::atomic<HttpTaskThread*> worker_(nullptr);
+
+namespace {
+
+// A paused transfer is resumed only with more than this free in its ring, so
+// that not every small read resumes it.
+constexpr unsigned int kResumeFreeBytes = 32 * 1024;
+// select() limit when libcurl names none, and the nap when it has no socket.
+constexpr int kIdlePassMs = 100;
+constexpr long kMaxConnects = 32;
+
+// Held for the whole of HttpTaskThread::instance(); built at load.
+Mutex instanceMutex_;
+
+thread_local bool onWorker_ = false;
+
+}  // namespace
+
+void initCurl() {
+    // A function-local static: initialised once, other callers wait for it.
+    static const CURLcode ret = curl_global_init(CURL_GLOBAL_ALL);
+    (void)ret;
+}
+
+bool onHttpWorker() { return onWorker_; }
+
+HttpTaskThread* HttpTaskThread::instance() {
+    Mutex::Autolock lock(instanceMutex_);
+    static HttpTaskThread taskSingleton;
+    return &taskSingleton;
+}
+
+HttpTaskThread::HttpTaskThread() : pending_(0), thread_(nullptr), wakeup_(0) {
+    puts("---HttpTaskThread ----");
+    initCurl();
+    multiHandle_ = curl_multi_init();
+    curl_multi_setopt(multiHandle_, CURLMOPT_MAXCONNECTS, kMaxConnects);
+    thread_ = new Thread(*this, false, "HttpTaskThread", 40, 2048);
+    // Set before the thread starts rather than when the loop starts: a
+    // tear-down that comes before the new thread first runs must still end it.
+    workerRunning_ = true;
+    thread_->start();
+}
+
+// At process exit. Tasks still owned by an open HttpFile stay as they are.
+HttpTaskThread::~HttpTaskThread() {
+    workerRunning_ = false;  // running transfers abort at their next progress report
+    wakeup_.post();
+    delete thread_;  // waits for run() to return
+    curl_multi_cleanup(multiHandle_);
+    multiHandle_ = nullptr;
+}
+
+void HttpTaskThread::run() {
+    onWorker_ = true;
+    puts("http task thread start");
+    while (workerRunning_) {
+        // Serve, then walk the tasks: start, resume, drop.
+        {
+            Mutex::Autolock lock(tasksLock_);
+            // By index: a completion may add to tasks_ (recursive lock).
+            for (size_t i = 0; i < tasks_.size(); ++i) tasks_[i]->dealAsyncs();
+            for (size_t i = 0; i < tasks_.size();) {
+                HttpTask* task = tasks_[i];
+                if (task->inMulti_) {
+                    if (task->removed_) {
+                        printf("task removed %p\n", static_cast<void*>(task));
+                        task->inMulti_ = false;
+                        curl_multi_remove_handle(multiHandle_, task->curl_);
+                        dropTask(i);
+                        continue;
+                    }
+                    if (task->paused_) {
+                        const unsigned int space = task->ring_->space();
+                        if (space > kResumeFreeBytes) {
+                            printf("task unpaused %p left %d\n", static_cast<void*>(task),
+                                   static_cast<int>(space));
+                            task->paused_ = false;
+                            pausedCount_ -= 1;
+                            // May hand over the kept block at once (write_cb).
+                            curl_easy_pause(task->curl_, CURLPAUSE_CONT);
+                        }
+                        printf("curl running count %d pause count %d\n", runningCount_,
+                               pausedCount_);
+                    }
+                } else if (task->removed_) {
+                    printf("task removed 2 %p\n", static_cast<void*>(task));
+                    dropTask(i);
+                    continue;
+                } else if (task->length_ == 0 && !task->infoPublished_) {
+                    // Not started yet. A task whose first response failed or
+                    // ended empty is not started again: its open fails.
+                    if (curl_multi_add_handle(multiHandle_, task->curl_) == CURLM_OK) {
+                        puts("task start add ok");
+                        task->inMulti_ = true;
+                    }
+                }
+                ++i;
+            }
+        }
+
+        performAndSelect(multiHandle_);
+
+        // Finished transfers, without a lock.
+        int queued = 0;
+        while (CURLMsg* message = curl_multi_info_read(multiHandle_, &queued)) {
+            if (message->msg != CURLMSG_DONE) continue;
+            CURL* curl = message->easy_handle;
+            const CURLcode code = message->data.result;
+            char* privateData = nullptr;
+            curl_easy_getinfo(curl, CURLINFO_PRIVATE, &privateData);
+            HttpTask* task = reinterpret_cast<HttpTask*>(privateData);
+            if (code == CURLE_WRITE_ERROR) {
+                task->error_ = CURLE_WRITE_ERROR;  // the task refused the response status
+            } else if (code != CURLE_OK) {
+                if (task->length_ > 0 && task->retries_ <= 1 && !task->removed_ &&
+                    workerRunning_) {
+                    // From where the download stood, with a range.
+                    task->retries_ += 1;
+                    task->continueDownload();
+                    continue;
+                }
+                task->error_ = code;
+            }
+            printf("--------Task end ----------- %p\n", static_cast<void*>(task));
+            curl_multi_remove_handle(multiHandle_, curl);
+            task->inMulti_ = false;
+            task->ended_ = true;
+            task->notifyTaskInfo();
+        }
+
+        bool idle;
+        {
+            Mutex::Autolock lock(tasksLock_);
+            for (HttpTask* task : tasks_) task->notifyTaskInfo();
+            Mutex::Autolock pendingLock(pendingLock_);
+            // Nothing to serve and every transfer paused (or none running).
+            idle = pending_ == 0 && runningCount_ == pausedCount_;
+        }
+        if (idle) wakeup_.wait();
+    }
+
+    // Leaving at process exit: tasks already released are still destroyed, so
+    // that their requests complete and nothing of them is left behind.
+    Mutex::Autolock lock(tasksLock_);
+    for (size_t i = 0; i < tasks_.size();) {
+        HttpTask* task = tasks_[i];
+        if (!task->removed_) {
+            ++i;
+            continue;
+        }
+        if (task->inMulti_) curl_multi_remove_handle(multiHandle_, task->curl_);
+        dropTask(i);
+    }
+}
+
+void HttpTaskThread::dropTask(size_t index) {
+    HttpTask* task = tasks_[index];
+    tasks_.erase(tasks_.begin() + static_cast<std::ptrdiff_t>(index));
+    if (task->paused_) pausedCount_ -= 1;
+    // Every accepted request completes once, also for a task its owner let go.
+    task->cancelAll();
+    delete task;
+}
+
+int HttpTaskThread::performAndSelect(void* multiArg) {
+    CURLM* multi = static_cast<CURLM*>(multiArg);
+    while (curl_multi_perform(multi, &runningCount_) == CURLM_CALL_MULTI_PERFORM) {
+    }
+    if (runningCount_ == 0) return 0;
+
+    fd_set readSet, writeSet, exceptSet;
+    FD_ZERO(&readSet);
+    FD_ZERO(&writeSet);
+    FD_ZERO(&exceptSet);
+    int maxFd = 0;
+    curl_multi_fdset(multi, &readSet, &writeSet, &exceptSet, &maxFd);
+    if (maxFd == -1) {
+        Thread::sleep(kIdlePassMs);
+        return runningCount_;
+    }
+    long timeoutMs = 0;
+    curl_multi_timeout(multi, &timeoutMs);
+    if (timeoutMs == -1) timeoutMs = kIdlePassMs;
+    struct timeval limit;
+    limit.tv_sec = timeoutMs / 1000;
+    limit.tv_usec = (timeoutMs % 1000) * 1000;
+    const int ret = select(maxFd + 1, &readSet, &writeSet, &exceptSet, &limit);
+    if (ret < 0) printf("Select multiple IO failed %d\n", ret);
+    return runningCount_;
+}
+
+}  // namespace velka
