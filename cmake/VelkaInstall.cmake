@@ -1,7 +1,7 @@
 # Install rules, all in one place: the library with its public headers, the
 # platform libraries with theirs, the programs, a CMake package
-# (find_package(velka) gives velka::velka, velka::mtkpb and velka::bctidta)
-# and pkg-config files (velka.pc, mtkpb.pc, bctidta.pc). Both packages find
+# (find_package(velka) gives velka::velka, velka::mtkpb, velka::bctidta and
+# velka::ems) and pkg-config files (velka.pc, mtkpb.pc, bctidta.pc, ems.pc). Both packages find
 # their prefix from where they are installed, so `cmake --install build
 # --prefix DIR` works for any DIR.
 
@@ -16,7 +16,7 @@ set_target_properties(velka PROPERTIES INSTALL_RPATH "$ORIGIN")
 set_target_properties(velka-play velka-cat PROPERTIES
   INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 
-install(TARGETS velka mtkpb bctidta EXPORT velkaTargets
+install(TARGETS velka mtkpb bctidta ems EXPORT velkaTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS velka-play velka-cat RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
@@ -28,6 +28,8 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/platform/mtkpb/include/
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mtkpb)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/platform/dta/include/
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/bctidta)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/platform/pps/include/
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ems)
 
 install(EXPORT velkaTargets NAMESPACE velka:: DESTINATION ${VELKA_CMAKE_DIR})
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/velkaConfig.cmake.in
@@ -52,6 +54,10 @@ set(VELKA_PC_NAME bctidta)
 set(VELKA_PC_DESCRIPTION "Download engine (stand-in for the box's CBctiDta)")
 set(VELKA_PC_INCLUDE bctidta)
 configure_file(${CMAKE_CURRENT_LIST_DIR}/platform.pc.in ${PROJECT_BINARY_DIR}/bctidta.pc @ONLY)
+set(VELKA_PC_NAME ems)
+set(VELKA_PC_DESCRIPTION "Peer-to-peer streaming engine (stand-in for the box's ems_ engine)")
+set(VELKA_PC_INCLUDE ems)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/platform.pc.in ${PROJECT_BINARY_DIR}/ems.pc @ONLY)
 
 install(FILES ${PROJECT_BINARY_DIR}/velka.pc ${PROJECT_BINARY_DIR}/mtkpb.pc
-  ${PROJECT_BINARY_DIR}/bctidta.pc DESTINATION ${VELKA_PKGCONFIG_DIR})
+  ${PROJECT_BINARY_DIR}/bctidta.pc ${PROJECT_BINARY_DIR}/ems.pc DESTINATION ${VELKA_PKGCONFIG_DIR})

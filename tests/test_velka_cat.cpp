@@ -172,6 +172,23 @@ TEST_F(VelkaCatTest, SeekSegmentsAreHashedInOrder) {
     EXPECT_EQ(md5sum(dir_.write("joined.bin", joined)), result(run.out, "md5"));
 }
 
+// Through the peer-to-peer engine at a limited rate, velka-cat overtakes the
+// download, waits with the buffering percentage shown, and still digests
+// every byte.
+TEST_F(VelkaCatTest, PeerToPeerUrlAtALimitedRateIsReadByteExact) {
+    const std::string path = dir_.write("pps.bin", patternBytes(kSeveralMiB / 3, 11));
+    setenv("EMS_DOWNLOAD_RATE", "4000000", 1);  // a quarter of a second for the file
+    const ToolRun run = velkaCat("'pps-test://" + path + "'");
+    unsetenv("EMS_DOWNLOAD_RATE");
+    ASSERT_EQ(0, run.exitCode) << run.err;
+    EXPECT_EQ(md5sum(path), result(run.out, "md5"));
+    EXPECT_EQ(std::to_string(kSeveralMiB / 3), result(run.out, "bytes"));
+    EXPECT_NE(std::string::npos, run.err.find("velka-cat: buffering ")) << run.err;
+
+    const ToolRun missing = velkaCat("--quiet 'pps-test://" + dir_.file("missing.bin") + "'");
+    EXPECT_EQ(1, missing.exitCode);
+}
+
 TEST_F(VelkaCatTest, LogOptionReceivesTheLibraryLines) {
     const std::string path = dir_.write("log.bin", patternBytes(1000, 7));
     const ToolRun run = velkaCat("--quiet --log library.log '" + path + "'");

@@ -22,6 +22,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <curl/curl.h>
@@ -30,6 +31,7 @@
 #include "velka/File.h"
 #include "velka/FileFactory.h"
 #include "velka/HttpFile.h"
+#include "velka/PpsFile.h"
 
 namespace {
 
@@ -42,6 +44,9 @@ constexpr uint32_t kDefaultBlock = 64 * 1024;
 constexpr uint32_t kMaxBlock = 256u << 20;  // one buffer of the block size is allocated
 // A source that delivers nothing for this long is taken as hung.
 constexpr std::chrono::seconds kStallTimeout(120);
+// A source that has not got the next bytes yet is asked again after this: the
+// peer-to-peer engine's pieces arrive every few milliseconds at useful rates.
+constexpr std::chrono::milliseconds kNotYetPause(20);
 // Progress redraw: in place on a terminal; a line now and then into a log.
 constexpr std::chrono::milliseconds kTerminalRedraw(100);
 constexpr std::chrono::seconds kLogRedraw(2);
@@ -57,9 +62,11 @@ const char kUsage[] =
     "read issued when the one before completes) and prints the byte count, the\n"
     "throughput and the MD5 digest of what was read. URL is file://PATH or a\n"
     "plain path, taken as a local file; http:// and https:// URLs are read\n"
-    "through the library's HTTP source (HttpFile); any other URL is read\n"
-    "through the download engine (the engine built in this tree serves\n"
-    "dta-test://PATH).\n"
+    "through the library's HTTP source (HttpFile); pps-test://PATH and\n"
+    "pps-test://http://HOST:PORT/PATH are read from the peer-to-peer engine\n"
+    "(PpsFile), with its buffering percentage shown while it waits; any other\n"
+    "URL is read through the download engine (the engine built in this tree\n"
+    "serves dta-test://PATH).\n"
     "\n"
     "  --block N    bytes per read, default 65536; a k or m suffix counts KiB or MiB\n"
     "  --seek OFF   seek to OFF and read from there to the end (OFF < 0 counts back\n"
@@ -239,6 +246,12 @@ bool isHttpUrl(const std::string& url) {
 // everything else the library chooses the source, as it does for playback.
 std::unique_ptr<File> openSource(const std::string& arg, bool viaFactory) {
     const std::string url = toUrl(arg);
+    // The peer-to-peer source is never chosen by the factory: hosts build it.
+    if (url.compare(0, 11, "pps-test://") == 0) {
+        std::unique_ptr<File> pps(new velka::PpsFile(url));
+        if (pps->open() != 0) return nullptr;
+        return pps;
+    }
     std::unique_ptr<File> file(isHttpUrl(url) && !viaFactory
                                    ? new velka::HttpFile(url)
                                    : velka::FileFactory::createFile(url));
@@ -250,10 +263,14 @@ std::unique_ptr<File> openSource(const std::string& arg, bool viaFactory) {
 // issued from inside complete(), the way the playback engine pulls data.
 // complete() runs on the source's thread, one call at a time since only one
 // request is ever outstanding.
+//
+// With `notYet`, a success without a byte before the end means "not arrived
+// yet" (the peer-to-peer source): the chain pauses as starved, and the
+// waiting thread starts it again.
 class ChainReader : public File::AsyncCallback {
 public:
-    ChainReader(File& file, uint32_t block, Md5* md5)
-        : file_(file), buffer_(block), md5_(md5) {}
+    ChainReader(File& file, uint32_t block, Md5* md5, bool notYet = false)
+        : file_(file), buffer_(block), md5_(md5), notYet_(notYet) {}
 
     // False when the source refused the first request.
     bool start() {
@@ -277,6 +294,12 @@ public:
             return;
         }
         if (length == 0) {
+            if (notYet_ && file_.available() > 0) {
+                std::lock_guard<std::mutex> lock(mutex_);
+                starved_ = true;
+                cond_.notify_all();
+                return;
+            }
             // Success without a byte: the source has nothing more to give (the
             // download engine answers so at its end). Asking again would spin.
             finish(velka::kStatusEndOfFile, false);
@@ -293,8 +316,18 @@ public:
     // True once the segment has finished; waits at most `timeout`.
     bool waitFor(std::chrono::milliseconds timeout) {
         std::unique_lock<std::mutex> lock(mutex_);
-        return cond_.wait_for(lock, timeout, [this] { return done_; });
+        return cond_.wait_for(lock, timeout, [this] { return done_ || starved_; });
     }
+
+    // True (once) when the chain paused for bytes not yet arrived.
+    bool takeStarved() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const bool starved = starved_;
+        starved_ = false;
+        return starved;
+    }
+
+    int cachePercent() { return file_.cachePercent(); }
 
     uint64_t bytes() const { return bytes_.load(); }
     // These two after waitFor() gave true.
@@ -319,10 +352,12 @@ private:
     File& file_;
     std::vector<char> buffer_;        // one request's bytes; reused by the next
     Md5* md5_;                        // fed from complete() only
+    const bool notYet_;
     std::atomic<uint64_t> bytes_{0};  // read by the progress display
-    std::mutex mutex_;                // guards done_, status_, refused_
+    std::mutex mutex_;                // guards done_, starved_, status_, refused_
     std::condition_variable cond_;
     bool done_ = false;
+    bool starved_ = false;
     VelkaStatus status_ = velka::kStatusOk;
     bool refused_ = false;
 };
@@ -344,6 +379,19 @@ public:
         if (!enabled_ || now - last_ < interval()) return;
         last_ = now;
         draw(bytes, now);
+    }
+
+    // The source's buffering percentage while it waits for bytes; shown when
+    // it changes.
+    void buffering(int percent) {
+        if (!enabled_ || percent == lastPercent_) return;
+        lastPercent_ = percent;
+        if (terminal_) {
+            fprintf(stderr, "\rbuffering %d%%\033[K", percent);
+        } else {
+            fprintf(stderr, "velka-cat: buffering %d%%\n", percent);
+        }
+        fflush(stderr);
     }
 
     void finish(uint64_t bytes) {
@@ -377,6 +425,7 @@ private:
     uint64_t total_;
     Clock::time_point start_;
     Clock::time_point last_;
+    int lastPercent_ = -1;
 };
 
 // Waits for a running segment while keeping the progress line fresh. False
@@ -386,7 +435,13 @@ bool waitSegment(ChainReader& reader, Progress& progress, uint64_t before) {
     const auto wait = std::min(tick, std::chrono::milliseconds(100));
     uint64_t seen = reader.bytes();
     Clock::time_point lastChange = Clock::now();
-    while (!reader.waitFor(wait)) {
+    for (;;) {
+        if (reader.waitFor(wait)) {
+            if (!reader.takeStarved()) return true;
+            progress.buffering(reader.cachePercent());
+            std::this_thread::sleep_for(kNotYetPause);
+            reader.start();
+        }
         const uint64_t now = reader.bytes();
         if (now != seen) {
             seen = now;
@@ -396,7 +451,6 @@ bool waitSegment(ChainReader& reader, Progress& progress, uint64_t before) {
         }
         progress.update(before + now);
     }
-    return true;
 }
 
 int catSource(const Options& o) {
@@ -421,6 +475,8 @@ int catSource(const Options& o) {
         if (start >= 0 && start < length) total += static_cast<uint64_t>(length - start);
     }
 
+    // The peer-to-peer source answers "not yet" with a success of 0 bytes.
+    const bool notYet = dynamic_cast<velka::PpsFile*>(file.get()) != nullptr;
     Md5 md5;
     Progress progress(!o.quiet, total);
     const Clock::time_point started = Clock::now();
@@ -432,7 +488,7 @@ int catSource(const Options& o) {
                     o.url.c_str());
             return 1;
         }
-        ChainReader reader(*file, o.block, &md5);
+        ChainReader reader(*file, o.block, &md5, notYet);
         reader.start();
         if (!waitSegment(reader, progress, bytes)) {
             progress.finish(bytes + reader.bytes());

@@ -1,0 +1,408 @@
+#include "velka/PpsFile.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+
+#include "ems.h"
+#include "velka/Assert.h"
+#include "velka/Semaphore.h"
+#include "velka/Thread.h"
+
+namespace velka {
+
+// The engine's event listener; runs on the engine's threads.
+int ems_event_handler(int taskIndex, ems_event event);
+
+// One queued asynchronous read. Its address is the request handle; the worker
+// frees it after completing it.
+struct PpsAsyncRequest {
+    PpsFile* file;  // not owned
+    char* buffer;   // not owned
+    uint32_t length;
+    bool cancelled;  // written under the worker's mutex_ while queued
+    File::AsyncCallback* callback;  // not owned; completed exactly once
+};
+
+// The one worker of all PpsFiles: serves their asynchronous reads one at a
+// time, oldest first, and owns the engine's start-up and tear-down. Built on
+// first use, destroyed at process exit.
+class PpsTaskThread : public Thread::Runnable {
+public:
+    static PpsTaskThread* instance();
+
+    // Runs on "PpsTaskThread".
+    void run() override;
+
+private:
+    friend class PpsFile;
+
+    PpsTaskThread();
+    ~PpsTaskThread();
+
+    // On the worker, with the file's mutex_ held: one engine read for `request`.
+    VelkaStatus serve(PpsAsyncRequest* request, uint32_t* count);
+
+    std::atomic<bool> running_;  // cleared at tear-down
+    int initResult_;             // the engine's ems_init result; non-zero = unusable
+    Thread* thread_;             // owned
+    Mutex mutex_;                // guards requests_
+    Semaphore wakeup_;           // posted once per queued request and once at tear-down
+    std::deque<PpsAsyncRequest*> requests_;  // oldest first
+};
+
+// The task status record as the engine fills it: 24 bytes, the total length
+// at bytes 8-15.
+typedef ems_task_status PpsTaskStatus;
+static_assert(sizeof(PpsTaskStatus) == 24, "the engine fills 24 bytes");
+static_assert(__builtin_offsetof(PpsTaskStatus, total_length) == 8, "total length at byte 8");
+
+namespace {
+
+// Where the engine works; its configuration is copied in when the worker is built.
+const char kWorkDir[] = "/tmp/velka";
+
+// The worker thread: below playback, which it feeds only through the engine's
+// pull callbacks.
+const int kWorkerPriority = 40;
+const int kWorkerStackBytes = 2048;
+
+// What every read passes the engine in its last argument; the engine's
+// meaning of it is its own.
+const int64_t kReadHint = 15;
+
+// Written by the event listener on the engine's threads, read without a lock
+// by every PpsFile: the last buffering percentage (close() resets it) and the
+// last error code (never reset).
+std::atomic<int> ppsCachePercent_(0);
+std::atomic<int> ppsErrorCode_(0);
+
+// Held for the whole of PpsTaskThread::instance(); built at load.
+Mutex instanceMutex_;
+
+// What an engine event does besides its line.
+enum EventEffect {
+    kEffectNone,
+    kEffectCachePercent,  // ppsCachePercent_ = the event's parameter
+    kEffectCacheFull,     // ppsCachePercent_ = 100
+    kEffectStop,          // stop the event's task
+    kEffectStopError2,    // ppsErrorCode_ = 2, stop the event's task
+    kEffectStopError4,    // ppsErrorCode_ = 4, stop the event's task
+};
+
+struct EventRow {
+    const char* text;           // after "[ems_callback]: "
+    const char* percentSuffix;  // non-null: the line is text, the parameter, "%", this
+    EventEffect effect;
+};
+
+// Indexed by the event type. Several lines end in a blank, as the engine's
+// own documentation words them.
+const EventRow kEventRows[] = {
+    {"server connecting timeout.", nullptr, kEffectStopError2},  // 0
+    {"can not find server. ", nullptr, kEffectNone},
+    {"no response from server. ", nullptr, kEffectNone},
+    {"server invalid. ", nullptr, kEffectNone},
+    {"client version too low. ", nullptr, kEffectNone},
+    {"client name error.", nullptr, kEffectNone},  // 5
+    {"url not found.", nullptr, kEffectNone},
+    {"service does not exist.", nullptr, kEffectNone},
+    {"out of service area.", nullptr, kEffectNone},
+    {"loading media info error.", nullptr, kEffectNone},
+    {"index info error.", nullptr, kEffectNone},  // 10
+    {"no index.", nullptr, kEffectNone},
+    {"no media found.", nullptr, kEffectNone},
+    {"multi instance running.", nullptr, kEffectNone},
+    {"preparing media info ", ".", kEffectNone},
+    {"requesting media info ", ".", kEffectNone},  // 15
+    {"requesting index info ", ".", kEffectNone},
+    {"playing.", nullptr, kEffectNone},
+    {"buffering ", "...", kEffectCachePercent},
+    {"connecting to server...", nullptr, kEffectNone},
+    {"media is ready.", nullptr, kEffectNone},  // 20
+    {"parsing server info.", nullptr, kEffectNone},
+    {"get media info successfully.", nullptr, kEffectNone},
+    {"buffing done.", nullptr, kEffectCacheFull},
+    {"prepare media.", nullptr, kEffectNone},
+    {"access storage failed.", nullptr, kEffectNone},  // 25
+    {"Quit progress!", nullptr, kEffectStop},
+    {"Wait data timeout!", nullptr, kEffectStopError4},
+    {"updating ", "...", kEffectNone},
+    {"updating failed", nullptr, kEffectStopError2},
+    {"updating successed", nullptr, kEffectNone},  // 30
+};
+const int kEventTypes = static_cast<int>(sizeof kEventRows / sizeof kEventRows[0]);
+static_assert(sizeof kEventRows / sizeof kEventRows[0] == 31, "event types 0 to 30");
+
+}  // namespace
+
+int ems_event_handler(int taskIndex, ems_event event) {
+    const int type = event.type;
+    if (type < 0 || type >= kEventTypes) {
+        puts("[ems_callback]: unknown event.");
+        return 0;
+    }
+    const EventRow& row = kEventRows[type];
+    if (row.percentSuffix != nullptr) {
+        printf("[ems_callback]: %s%d%%%s\n", row.text, event.param, row.percentSuffix);
+    } else {
+        printf("[ems_callback]: %s\n", row.text);
+    }
+    // An event of no particular task changes nothing.
+    if (taskIndex < 0) return 0;
+    switch (row.effect) {
+        case kEffectNone:
+            break;
+        case kEffectCachePercent:
+            ppsCachePercent_ = event.param;
+            break;
+        case kEffectCacheFull:
+            ppsCachePercent_ = 100;
+            break;
+        case kEffectStopError2:
+        case kEffectStopError4:
+            ppsErrorCode_ = row.effect == kEffectStopError2 ? 2 : 4;
+            ems_stop_task(taskIndex);
+            break;
+        case kEffectStop:
+            ems_stop_task(taskIndex);
+            break;
+    }
+    return 0;
+}
+
+PpsTaskThread* PpsTaskThread::instance() {
+    Mutex::Autolock lock(instanceMutex_);
+    static PpsTaskThread ppsTaskThread;
+    return &ppsTaskThread;
+}
+
+PpsTaskThread::PpsTaskThread() : running_(false), initResult_(0), thread_(nullptr), wakeup_(0) {
+    // The engine finds its configuration in its working directory. Both
+    // commands may fail (the directory exists, the box has no configuration);
+    // the engine decides what it can do without.
+    int ret = system("mkdir /tmp/velka");
+    (void)ret;
+    ret = system("cp -f /3rd/velka/ems.conf /tmp/velka");
+    (void)ret;
+
+    initResult_ = ems_init(kWorkDir);
+    ems_event_listener_func(ems_event_handler);
+
+    thread_ = new Thread(*this, false, "PpsTaskThread", kWorkerPriority, kWorkerStackBytes);
+    // Set before the thread starts rather than by run(): a tear-down that
+    // comes before the new thread is first scheduled must still end it.
+    running_ = true;
+    thread_->start();
+}
+
+// At process exit. Requests still queued are neither completed nor freed.
+PpsTaskThread::~PpsTaskThread() {
+    running_ = false;
+    wakeup_.post();
+    delete thread_;  // waits for run() to return
+    ems_uninit();
+    int ret = system("rm -fr /tmp/velka");
+    (void)ret;
+}
+
+void PpsTaskThread::run() {
+    // When the engine failed to initialise it serves nothing. Its requests
+    // still complete, in order, each with kStatusError (kStatusCancelled when
+    // cancelled) and without an engine call, so that no caller waits for a
+    // completion that never comes.
+    const bool engineUsable = initResult_ == 0;
+
+    while (running_) {
+        PpsAsyncRequest* request = nullptr;
+        {
+            Mutex::Autolock lock(mutex_);
+            if (!requests_.empty()) {
+                request = requests_.front();
+                requests_.pop_front();
+            }
+        }
+        if (request == nullptr) {
+            wakeup_.wait();
+            continue;
+        }
+
+        VelkaStatus status;
+        uint32_t count = 0;
+        if (request->cancelled) {
+            status = kStatusCancelled;
+        } else if (!engineUsable) {
+            status = kStatusError;
+        } else {
+            Mutex::Autolock lock(request->file->mutex_);
+            status = serve(request, &count);
+        }
+        // No lock held: the callback may queue the next read at once.
+        request->callback->complete(status, count);
+        delete request;
+    }
+}
+
+VelkaStatus PpsTaskThread::serve(PpsAsyncRequest* request, uint32_t* count) {
+    PpsFile* file = request->file;
+    if (file->position_ == file->length_) return kStatusEndOfFile;
+
+    const int taskIndex = file->taskIndex_;
+    int64_t hint = kReadHint;
+    const int ret = ems_readdata(taskIndex, request->buffer, request->length, file->position_, &hint);
+    printf("task index %d data %p leng %d ret %d\n", taskIndex,
+           static_cast<void*>(request->buffer), static_cast<int>(request->length), ret);
+    if (ret < 0) return kStatusError;
+    // 0: that part has not arrived yet; the caller asks again later.
+    file->position_ += ret;
+    *count = static_cast<uint32_t>(ret);
+    return kStatusOk;
+}
+
+PpsFile::PpsFile(const std::string& url)
+    : File(url), position_(0), length_(-1), taskIndex_(-1), error_(0) {}
+
+PpsFile::~PpsFile() {}
+
+int PpsFile::open() {
+    PpsTaskThread::instance();
+    const int taskIndex = ems_add_task(url_.c_str(), 0, 0);
+    if (taskIndex < 0) {
+        puts("------Add task failed!");
+        return -1;
+    }
+    printf("open task index %d\n", taskIndex);
+    if (ems_start_task(taskIndex, 0) < 0) {
+        printf("------Can not start task %d!\n", taskIndex);
+        // A task that did not start is not left behind.
+        ems_stop_task(taskIndex);
+        ems_del_task(taskIndex);
+        return -1;
+    }
+    taskIndex_ = taskIndex;
+
+    PpsTaskStatus status;
+    memset(&status, 0, sizeof status);
+    if (ems_get_task_status(taskIndex, &status) == 0) {
+        length_ = status.total_length;
+    } else {
+        puts("------Can not get task info!");
+    }
+    printf("file length %lld\n", static_cast<long long>(length_));
+    return 0;
+}
+
+int PpsFile::close() {
+    printf("close task index %d\n", taskIndex_.load());
+    Mutex::Autolock lock(mutex_);
+    const int taskIndex = taskIndex_;
+    if (taskIndex != -1) {
+        ems_stop_task(taskIndex);
+        ems_del_task(taskIndex);
+        taskIndex_ = -1;
+    }
+    ppsCachePercent_ = 0;
+    return 0;
+}
+
+int PpsFile::read(char* buffer, uint32_t length) {
+    VELKA_ASSERT(taskIndex_ != -1);
+    Mutex::Autolock lock(mutex_);
+    if (position_ == length_) return 0;
+    int64_t hint = kReadHint;
+    // 0 when that part has not arrived yet: the engine never waits.
+    const int ret = ems_readdata(taskIndex_, buffer, length, position_, &hint);
+    if (ret > 0) position_ += ret;
+    return ret;
+}
+
+void* PpsFile::readAsync(char* buffer, uint32_t length, AsyncCallback& callback) {
+    VELKA_ASSERT(taskIndex_ != -1);
+    PpsAsyncRequest* request = new PpsAsyncRequest{this, buffer, length, false, &callback};
+    PpsTaskThread* worker = PpsTaskThread::instance();
+    {
+        Mutex::Autolock lock(worker->mutex_);
+        worker->requests_.push_back(request);
+    }
+    worker->wakeup_.post();
+    // The request may already be completed and freed; only its address is returned.
+    return request;
+}
+
+int PpsFile::cancel(void* request) {
+    Mutex::Autolock lock(mutex_);
+    VELKA_ASSERT(taskIndex_ != -1);
+    PpsTaskThread* worker = PpsTaskThread::instance();
+    Mutex::Autolock queueLock(worker->mutex_);
+    for (PpsAsyncRequest* queued : worker->requests_) {
+        if (queued == request) {
+            // It stays queued; the worker completes it with kStatusCancelled.
+            queued->cancelled = true;
+            return 0;
+        }
+    }
+    // Taken by the worker or already completed: it completes normally.
+    return -1;
+}
+
+// The result always lies within 0 and length_ (the end itself included). The
+// engine is not told: every read carries its position.
+int64_t PpsFile::seek(int64_t offset, Whence whence) {
+    Mutex::Autolock lock(mutex_);
+    VELKA_ASSERT(taskIndex_ != -1);
+    const int64_t length = length_;
+    int64_t target;
+    if (whence == kSeekSet) {
+        if (offset > 0) {
+            target = offset > length ? length : offset;
+        } else {
+            target = 0;
+        }
+    } else if (whence == kSeekCurrent) {
+        if (offset > 0) {
+            int64_t sum;
+            const bool overflow = __builtin_add_overflow(position_, offset, &sum);
+            target = overflow || sum > length ? length : sum;
+        } else {
+            // position_ is negative only after a seek in a stream of unknown length.
+            if (__builtin_add_overflow(position_, offset, &target) || target < 0) target = 0;
+        }
+    } else {  // kSeekEnd, and every other origin
+        if (offset > 0) {
+            target = length;
+        } else {
+            target = offset < -length ? 0 : length + offset;
+        }
+    }
+    position_ = target;
+    return target;
+}
+
+int64_t PpsFile::tell() {
+    Mutex::Autolock lock(mutex_);
+    VELKA_ASSERT(taskIndex_ != -1);
+    return position_;
+}
+
+int64_t PpsFile::length() {
+    Mutex::Autolock lock(mutex_);
+    VELKA_ASSERT(taskIndex_ != -1);
+    return length_;
+}
+
+int64_t PpsFile::available() {
+    Mutex::Autolock lock(mutex_);
+    VELKA_ASSERT(taskIndex_ != -1);
+    return length_ - position_;
+}
+
+int PpsFile::cachePercent() { return ppsCachePercent_; }
+
+int PpsFile::error() {
+    error_ = ppsErrorCode_.load();
+    return error_;
+}
+
+}  // namespace velka

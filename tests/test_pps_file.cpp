@@ -1,0 +1,479 @@
+// PpsFile and its worker against the peer-to-peer engine stand-in: the event
+// listener's table, open and its failures, chained asynchronous reads that
+// meet parts not yet downloaded, the seek table, the cancel rules and queue
+// order across files, and in a child process the engine that fails to
+// initialise.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <climits>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "TestSupport.h"
+#include "ems_control.h"
+#include "velka/PpsFile.h"
+
+namespace {
+
+namespace control = ems::control;
+using testing_support::Completion;
+using testing_support::CompletionLog;
+using testing_support::kWait;
+using testing_support::kWaitMs;
+using testing_support::TempDataFile;
+using velka::File;
+using velka::PpsFile;
+
+std::string ppsUrl(const TempDataFile& data) { return "pps-test://" + data.path(); }
+
+class PpsFileTest : public ::testing::Test {
+protected:
+    void SetUp() override { control::reset(); }
+    void TearDown() override {
+        for (auto& file : files_) file->close();
+        control::reset();
+    }
+
+    // An opened PpsFile for `data`; closed with the fixture.
+    PpsFile& openFile(const TempDataFile& data) {
+        files_.emplace_back(new PpsFile(ppsUrl(data)));
+        EXPECT_EQ(0, files_.back()->open());
+        EXPECT_EQ(data.size(), files_.back()->length());
+        return *files_.back();
+    }
+
+    std::vector<std::unique_ptr<PpsFile>> files_;
+};
+
+// Reads a file to its end with chained asynchronous reads. A read that meets a
+// part not yet downloaded (kStatusOk with 0 bytes) is issued again by the
+// test thread a millisecond later, as velka-cat does.
+class PatientReader : public File::AsyncCallback {
+public:
+    PatientReader(File& file, uint32_t block) : file_(file), buffer_(block) {}
+
+    // False when a request was refused, the chain stalled for kWaitMs, or it
+    // kept meeting missing parts for too long.
+    bool run() {
+        for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
+            if (!issue()) return false;
+            std::unique_lock<std::mutex> lock(mutex_);
+            if (!changed_.wait_for(lock, kWait, [this] { return state_ != kReading; })) return false;
+            if (state_ == kDone) return !refused_;
+            state_ = kReading;
+            lock.unlock();
+            usleep(1000);
+        }
+        return false;
+    }
+
+    void complete(velka::VelkaStatus status, uint32_t length) override {
+        std::unique_lock<std::mutex> lock(mutex_);
+        statuses.push_back(status);
+        data.insert(data.end(), buffer_.begin(), buffer_.begin() + std::min<size_t>(length, buffer_.size()));
+        if (status == velka::kStatusOk && length > 0) {
+            lock.unlock();
+            // The next request may complete before readAsync() returns.
+            if (issue()) return;
+            lock.lock();
+            refused_ = true;
+        } else if (status == velka::kStatusOk) {
+            ++notYet;
+            state_ = kStarved;
+            changed_.notify_all();
+            return;
+        }
+        state_ = kDone;
+        changed_.notify_all();
+    }
+
+    // Read only after run().
+    std::vector<velka::VelkaStatus> statuses;
+    std::vector<char> data;
+    int notYet = 0;  // reads that met a part not yet downloaded
+
+private:
+    static constexpr int kMaxAttempts = 20000;
+    enum State { kReading, kStarved, kDone };
+
+    bool issue() {
+        return file_.readAsync(buffer_.data(), static_cast<uint32_t>(buffer_.size()), *this) !=
+               nullptr;
+    }
+
+    File& file_;
+    std::vector<char> buffer_;
+    std::mutex mutex_;  // guards all but file_ and buffer_
+    std::condition_variable changed_;
+    State state_ = kReading;
+    bool refused_ = false;
+};
+
+TEST_F(PpsFileTest, ChainedReadsAtALimitedRateMeetMissingPartsAndDeliverTheFileByteExact) {
+    control::setDownloadRate(512 * 1024);  // a piece every 32 ms: about a second for the file
+    TempDataFile data(500 * 1024 + 333, 21);
+    PpsFile& file = openFile(data);
+
+    PatientReader reader(file, 20000);
+    ASSERT_TRUE(reader.run());
+    EXPECT_GT(reader.notYet, 0) << "the reads never overtook the download";
+    EXPECT_EQ(data.bytes(), reader.data);
+    EXPECT_EQ(velka::kStatusEndOfFile, reader.statuses.back());
+    EXPECT_EQ(reader.statuses.size() - 1,
+              size_t(std::count(reader.statuses.begin(), reader.statuses.end(), velka::kStatusOk)));
+    EXPECT_EQ(data.size(), file.tell());
+    EXPECT_EQ(0, file.available());
+    EXPECT_EQ(15, control::lastRead().hint);
+}
+
+TEST_F(PpsFileTest, SeekTableClampsToTheLengthAndReadsCarryThePosition) {
+    const int64_t L = 1000;
+    TempDataFile data(L, 61);
+    PpsFile& file = openFile(data);
+    ASSERT_TRUE(control::waitForDownloadsIdle(kWaitMs));
+    struct Case {
+        int whence;
+        int64_t offset;
+        int64_t expected;
+    } const cases[] = {
+        {File::kSeekSet, 0, 0},
+        {File::kSeekSet, -5, 0},
+        {File::kSeekSet, 500, 500},
+        {File::kSeekSet, L, L},
+        {File::kSeekSet, L + 10, L},
+        {File::kSeekCurrent, 100, 700},
+        {File::kSeekCurrent, 0, 600},
+        {File::kSeekCurrent, L - 600, L},
+        {File::kSeekCurrent, L - 599, L},
+        {File::kSeekCurrent, INT64_MAX, L},
+        {File::kSeekCurrent, -100, 500},
+        {File::kSeekCurrent, -600, 0},
+        {File::kSeekCurrent, -601, 0},
+        {File::kSeekEnd, 0, L},
+        {File::kSeekEnd, 1, L},
+        {File::kSeekEnd, -10, L - 10},
+        {File::kSeekEnd, -L, 0},
+        {File::kSeekEnd, -L - 1, 0},
+        {File::kSeekEnd, INT64_MIN, 0},
+        {7, 0, L},  // any other origin counts from the end
+        {7, -3, L - 3},
+    };
+    std::vector<char> buffer(16);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(::testing::Message() << "whence " << c.whence << " offset " << c.offset);
+        ASSERT_EQ(600, file.seek(600, File::kSeekSet));  // every case starts at 600
+        const int readsBefore = control::calls(control::kReadData);
+        EXPECT_EQ(c.expected, file.seek(c.offset, static_cast<File::Whence>(c.whence)));
+        EXPECT_EQ(c.expected, file.tell());
+        EXPECT_EQ(L - c.expected, file.available());
+        EXPECT_EQ(readsBefore, control::calls(control::kReadData)) << "a seek reached the engine";
+        const int n = file.read(buffer.data(), 16);
+        if (c.expected == L) {
+            EXPECT_EQ(0, n);
+            EXPECT_EQ(readsBefore, control::calls(control::kReadData)) << "a read at the end did";
+        } else {
+            ASSERT_EQ(std::min<int64_t>(16, L - c.expected), n);
+            EXPECT_EQ(c.expected, control::lastRead().position);
+            EXPECT_EQ(data.slice(c.expected, n), std::vector<char>(buffer.begin(), buffer.begin() + n));
+            EXPECT_EQ(c.expected + n, file.tell());
+        }
+    }
+
+    // An asynchronous read at the end completes without the engine too.
+    ASSERT_EQ(L, file.seek(0, File::kSeekEnd));
+    const int readsBefore = control::calls(control::kReadData);
+    CompletionLog log;
+    CompletionLog::Callback callback(log, 1);
+    ASSERT_NE(nullptr, file.readAsync(buffer.data(), 16, callback));
+    ASSERT_TRUE(log.waitFor(1));
+    EXPECT_EQ(velka::kStatusEndOfFile, log.all()[0].status);
+    EXPECT_EQ(0u, log.all()[0].length);
+    EXPECT_EQ(readsBefore, control::calls(control::kReadData));
+}
+
+// Parts not yet downloaded read as 0 bytes and leave the position; an engine
+// read error fails the read and leaves it too.
+TEST_F(PpsFileTest, MissingPartsReadAsNothingAndErrorsKeepThePosition) {
+    control::pauseDownloads(true);
+    TempDataFile data(100000, 62);
+    PpsFile& file = openFile(data);
+    std::vector<char> buffer(300);
+    CompletionLog log;
+    CompletionLog::Callback notYet(log, 1), failed(log, 2), arrived(log, 3);
+    EXPECT_EQ(0, file.read(buffer.data(), 300));
+    ASSERT_NE(nullptr, file.readAsync(buffer.data(), 300, notYet));
+    ASSERT_TRUE(log.waitFor(1));
+    EXPECT_EQ(0, file.tell());
+
+    control::failCall(control::kReadData, -3);
+    EXPECT_EQ(-3, file.read(buffer.data(), 300));
+    ASSERT_NE(nullptr, file.readAsync(buffer.data(), 300, failed));
+    ASSERT_TRUE(log.waitFor(2));
+    EXPECT_EQ(0, file.tell());
+
+    control::reset();
+    ASSERT_TRUE(control::waitForDownloadsIdle(kWaitMs));
+    ASSERT_NE(nullptr, file.readAsync(buffer.data(), 300, arrived));
+    ASSERT_TRUE(log.waitFor(3));
+    const std::vector<Completion> c = log.all();
+    EXPECT_TRUE(c[0].status == velka::kStatusOk && c[0].length == 0);
+    EXPECT_TRUE(c[1].status == velka::kStatusError && c[1].length == 0);
+    EXPECT_TRUE(c[2].status == velka::kStatusOk && c[2].length == 300);
+    EXPECT_EQ(data.slice(0, 300), buffer);
+    EXPECT_EQ(300, file.tell());
+}
+
+TEST_F(PpsFileTest, OpenFailuresLeaveNoTaskBehind) {
+    TempDataFile data(5000, 71);
+    struct Case {
+        const char* name;
+        control::Call failing;  // kCallCount: none
+        bool missingFile;
+        int opened;
+        int64_t length;
+        int started, stopped, deleted;  // engine calls open() made
+        const char* line;               // what open() printed about it
+    } const cases[] = {
+        {"missing file", control::kCallCount, true, -1, -1, 1, 1, 1, "------Can not start task "},
+        {"add fails", control::kAddTask, false, -1, -1, 0, 0, 0, "------Add task failed!\n"},
+        {"start fails", control::kStartTask, false, -1, -1, 1, 1, 1, "------Can not start task "},
+        {"status fails", control::kGetTaskStatus, false, 0, -1, 1, 0, 0,
+         "------Can not get task info!\nfile length -1\n"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        control::reset();
+        if (c.failing != control::kCallCount) control::failCall(c.failing, -7);
+        PpsFile file(c.missingFile ? "pps-test:///nonexistent/velka/none.ts" : ppsUrl(data));
+        const int tasks = control::taskCount();
+        const int start = control::calls(control::kStartTask);
+        const int stop = control::calls(control::kStopTask);
+        const int del = control::calls(control::kDelTask);
+        int opened = 0;
+        const std::string out = testing_support::capturedStdout([&] { opened = file.open(); });
+        EXPECT_EQ(c.opened, opened);
+        EXPECT_THAT(out, ::testing::HasSubstr(c.line));
+        EXPECT_EQ(c.started, control::calls(control::kStartTask) - start);
+        EXPECT_EQ(c.stopped, control::calls(control::kStopTask) - stop);
+        EXPECT_EQ(c.deleted, control::calls(control::kDelTask) - del);
+        EXPECT_EQ(tasks + (c.opened == 0 ? 1 : 0), control::taskCount());
+        if (opened == 0) {
+            EXPECT_EQ(c.length, file.length());
+            file.close();
+            EXPECT_EQ(tasks, control::taskCount());
+        }
+    }
+}
+
+TEST_F(PpsFileTest, EveryEngineEventPrintsItsLineAndHasItsEffect) {
+    TempDataFile data(1000, 72);
+    openFile(data).close();  // the worker is built and listens; no task is left
+    ASSERT_TRUE(control::waitForDownloadsIdle(kWaitMs));
+    enum Effect { kNone, kCache, kFull, kStop, kError2, kError4 };
+    struct Row {
+        int32_t type;
+        const char* line;  // with the parameter 37
+        Effect effect;
+    } const rows[] = {
+        {0, "server connecting timeout.", kError2},
+        {1, "can not find server. ", kNone},
+        {2, "no response from server. ", kNone},
+        {3, "server invalid. ", kNone},
+        {4, "client version too low. ", kNone},
+        {5, "client name error.", kNone},
+        {6, "url not found.", kNone},
+        {7, "service does not exist.", kNone},
+        {8, "out of service area.", kNone},
+        {9, "loading media info error.", kNone},
+        {10, "index info error.", kNone},
+        {11, "no index.", kNone},
+        {12, "no media found.", kNone},
+        {13, "multi instance running.", kNone},
+        {14, "preparing media info 37%.", kNone},
+        {15, "requesting media info 37%.", kNone},
+        {16, "requesting index info 37%.", kNone},
+        {17, "playing.", kNone},
+        {18, "buffering 37%...", kCache},
+        {19, "connecting to server...", kNone},
+        {20, "media is ready.", kNone},
+        {21, "parsing server info.", kNone},
+        {22, "get media info successfully.", kNone},
+        {23, "buffing done.", kFull},
+        {24, "prepare media.", kNone},
+        {25, "access storage failed.", kNone},
+        {26, "Quit progress!", kStop},
+        {27, "Wait data timeout!", kError4},
+        {28, "updating 37%...", kNone},
+        {29, "updating failed", kError2},
+        {30, "updating successed", kNone},
+        {31, "unknown event.", kNone},
+        {-1, "unknown event.", kNone},
+        {INT32_MAX, "unknown event.", kNone},
+    };
+    PpsFile& file = *files_.back();
+    // The error code is never reset: each row is tried after each of the two
+    // codes, so that it shows whether the row sets one.
+    auto check = [&](const Row& row, int task) {
+        const int cacheBefore = file.cachePercent();
+        const int errorBefore = file.error();
+        const int stops = control::calls(control::kStopTask);
+        bool delivered = false;
+        const std::string out = testing_support::capturedStdout(
+            [&] { delivered = control::injectEvent(task, row.type, 37, kWaitMs); });
+        ASSERT_TRUE(delivered);
+        EXPECT_EQ(std::string("[ems_callback]: ") + row.line + "\n", out);
+        const bool applies = task >= 0;
+        const Effect effect = applies ? row.effect : kNone;
+        EXPECT_EQ(effect == kCache ? 37 : effect == kFull ? 100 : cacheBefore, file.cachePercent());
+        EXPECT_EQ(effect == kError2 ? 2 : effect == kError4 ? 4 : errorBefore, file.error());
+        const bool stopped = effect == kStop || effect == kError2 || effect == kError4;
+        EXPECT_EQ(stopped ? 1 : 0, control::calls(control::kStopTask) - stops);
+        if (stopped) {
+            EXPECT_EQ(task, control::lastTaskIndex(control::kStopTask));
+        }
+    };
+    for (const Row& row : rows) {
+        for (int32_t primer : {0, 27}) {
+            for (int task : {3, -1}) {
+                SCOPED_TRACE(::testing::Message() << "type " << row.type << " task " << task
+                                                  << " after event " << primer);
+                testing_support::capturedStdout(
+                    [&] { EXPECT_TRUE(control::injectEvent(3, primer, 0, kWaitMs)); });
+                check(row, task);
+            }
+        }
+    }
+    EXPECT_EQ(0, file.close()) << "a file without a task";
+    EXPECT_EQ(0, file.cachePercent());
+}
+
+// The worker is held inside the completion of A's first read while the rest
+// is queued; the requests of both files complete in queue order, once each.
+TEST_F(PpsFileTest, RequestsOfTwoFilesCompleteInQueueOrderAndOnlyQueuedOnesCancel) {
+    TempDataFile a(30000, 51), b(30000, 52);
+    PpsFile& fileA = openFile(a);
+    PpsFile& fileB = openFile(b);
+    ASSERT_TRUE(control::waitForDownloadsIdle(kWaitMs));
+    struct Request {
+        PpsFile* file;
+        const TempDataFile* data;
+        int64_t offset;
+        uint32_t length;
+        bool cancelled;
+    } const requests[] = {
+        {&fileA, &a, 0, 1000, false},   {&fileB, &b, 0, 3000, false},
+        {&fileA, &a, 1000, 2000, true}, {&fileB, &b, 3000, 500, false},
+        {&fileA, &a, 1000, 7, false},   {&fileB, &b, 3500, 100, true},
+    };
+    constexpr int kCount = 6;
+    CompletionLog log(true);
+    std::vector<std::unique_ptr<CompletionLog::Callback>> callbacks;
+    std::vector<std::vector<char>> buffers;
+    std::vector<void*> handles;
+    for (int i = 0; i < kCount; ++i) {
+        callbacks.emplace_back(new CompletionLog::Callback(log, i));
+        buffers.emplace_back(requests[i].length);
+        handles.push_back(
+            requests[i].file->readAsync(buffers[i].data(), requests[i].length, *callbacks[i]));
+        ASSERT_NE(nullptr, handles[i]);
+        if (i == 0) {
+            ASSERT_TRUE(log.waitFor(1));
+        }
+    }
+    for (int i = 1; i < kCount; ++i) {
+        if (requests[i].cancelled) {
+            EXPECT_EQ(0, requests[i].file->cancel(handles[i]));
+            EXPECT_EQ(0, requests[i].file->cancel(handles[i])) << "a second cancel while queued";
+        }
+    }
+    EXPECT_EQ(-1, fileA.cancel(handles[0])) << "the worker has taken it";
+    const int readsBefore = control::calls(control::kReadData);
+    log.open();
+    ASSERT_TRUE(log.waitFor(kCount));
+    // The worker serves in order: a second completion of any request would
+    // have come before the last one's.
+    ASSERT_EQ(size_t(kCount), log.all().size());
+
+    const std::vector<Completion> completions = log.all();
+    for (int i = 0; i < kCount; ++i) {
+        SCOPED_TRACE(i);
+        const Request& r = requests[i];
+        EXPECT_EQ(i, completions[i].tag);
+        EXPECT_EQ(r.cancelled ? velka::kStatusCancelled : velka::kStatusOk, completions[i].status);
+        EXPECT_EQ(r.cancelled ? 0 : r.length, completions[i].length);
+        if (!r.cancelled) {
+            EXPECT_EQ(r.data->slice(r.offset, r.length), buffers[i]);
+        }
+    }
+    EXPECT_EQ(3, control::calls(control::kReadData) - readsBefore) << "cancelled ones reached the engine";
+    EXPECT_EQ(1007, fileA.tell());
+    EXPECT_EQ(3500, fileB.tell());
+    EXPECT_EQ(1, control::calls(control::kInit)) << "one worker for both files";
+}
+
+TEST(PpsFileDeathTest, PositionedOperationsNeedATask) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    PpsFile file("pps-test:///whatever");
+    char buffer[10];
+    CompletionLog log;
+    CompletionLog::Callback callback(log, 1);
+    const char kText[] = "Assertion `taskIndex_ != -1' failed";
+    EXPECT_DEATH(file.read(buffer, sizeof buffer), kText);
+    EXPECT_DEATH(file.readAsync(buffer, sizeof buffer, callback), kText);
+    EXPECT_DEATH(file.cancel(buffer), kText);
+    EXPECT_DEATH(file.seek(0, File::kSeekSet), kText);
+    EXPECT_DEATH(file.available(), kText);
+}
+
+// In a child process that starts without a worker: an engine that fails to
+// initialise. The worker serves no request through it, yet every queued
+// request still completes, in order. Its report is its last words on
+// standard error.
+std::string readWithoutEngine() {
+    control::failCall(control::kInit, -1);
+    TempDataFile data(10000, 81);
+    PpsFile file(ppsUrl(data));
+    if (file.open() != 0) return "open failed";
+    std::vector<char> first(100), second(100), third(100);
+    std::string report;
+    {
+        CompletionLog log(true);
+        CompletionLog::Callback c1(log, 1), c2(log, 2), c3(log, 3);
+        if (file.readAsync(first.data(), 100, c1) == nullptr || !log.waitFor(1)) return "no first";
+        void* cancelled = file.readAsync(second.data(), 100, c2);
+        if (file.readAsync(third.data(), 100, c3) == nullptr) return "no third";
+        report += "cancel=" + std::to_string(file.cancel(cancelled));
+        log.open();
+        if (!log.waitFor(3)) return "not all completed";
+        for (const Completion& c : log.all()) {
+            report += " " + std::to_string(c.tag) + ":" + std::to_string(c.status) + ":" +
+                      std::to_string(c.length);
+        }
+    }
+    report += " tell=" + std::to_string(file.tell()) +
+              " init=" + std::to_string(control::calls(control::kInit)) +
+              " engineReads=" + std::to_string(control::calls(control::kReadData));
+    file.close();
+    return report;
+}
+
+TEST(PpsFileDeathTest, QueuedReadsCompleteInOrderWhenTheEngineFailedToInitialise) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    // kStatusError is 1, kStatusCancelled 11.
+    EXPECT_EXIT(
+        {
+            fprintf(stderr, "report: %s\n", readWithoutEngine().c_str());
+            exit(0);
+        },
+        ::testing::ExitedWithCode(0),
+        "report: cancel=0 1:1:0 2:11:0 3:1:0 tell=0 init=1 engineReads=0");
+}
+
+}  // namespace
