@@ -197,9 +197,10 @@ public:
         if (kind == kDtaInfoTransfer) {
             DtaTransferInfo record;
             std::memset(&record, 0, sizeof(record));
+            const bool lengthHidden = detail::settings().lengthHidden;
             std::lock_guard<std::mutex> lock(task->mutex);
             record.readPosition = task->readPos;
-            record.totalLength = task->totalLength;
+            record.totalLength = lengthHidden ? -1 : task->totalLength;
             record.bufferedBytes = task->buffered();
             record.bufferPercent = bufferPercent(*task);
             std::memcpy(info, &record, sizeof(record));
