@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "TestSupport.h"
+#include "support/RandomReadRun.h"
 #include "bctidta_control.h"
 #include "velka/DtaFile.h"
 
@@ -365,6 +366,42 @@ TEST_F(DtaFileTest, ReadsFollowTheSeeksAndAFailedReadKeepsThePosition) {
     ASSERT_TRUE(log.waitFor(3));
     EXPECT_EQ(velka::kStatusOk, log.all()[2].status);
     EXPECT_EQ(data.slice(423, 300), buffer);
+}
+
+// The seek table's positions, all within [0, length]; a read at the end gives
+// kStatusEndOfFile and 0 bytes, a short one at the end kStatusOk.
+TEST_F(DtaFileTest, SeededRandomRunAgreesWithTheModel) {
+    TempDataFile data(3 * 1024 * 1024 + 12345, 64);
+    const int64_t length = data.size();
+    testing_support::SourceModel model;
+    model.seek = [length](int64_t position, int64_t offset, int whence) -> int64_t {
+        if (whence == File::kSeekSet) return offset <= 0 ? 0 : std::min(offset, length - 1);
+        if (whence == File::kSeekCurrent) {
+            if (offset <= 0) return std::max<int64_t>(0, position + offset);
+            return position + offset <= length ? position + offset : length - 1;
+        }
+        if (offset > 0) return length - 1;
+        return offset < -length ? 0 : length + offset;
+    };
+    model.read = [length](int64_t position, uint32_t count) {
+        if (position >= length) return std::make_pair(velka::kStatusEndOfFile, uint32_t{0});
+        return std::make_pair(velka::kStatusOk,
+                              static_cast<uint32_t>(std::min<int64_t>(count, length - position)));
+    };
+    model.positionWithinLength = true;
+    testing_support::RandomReadRun run(
+        data, model,
+        [&data]() -> File* {
+            DtaFile* file = new DtaFile(data.dtaUrl());
+            if (file->open() == 0) return file;
+            file->close();
+            delete file;
+            return nullptr;
+        },
+        1302);
+    EXPECT_TRUE(run.run(testing_support::kRandomRunOperations)) << run.error();
+    EXPECT_GT(run.counts.cancels, 0u);
+    EXPECT_GT(run.counts.closes, 0u);
 }
 
 TEST_F(DtaFileTest, ErrorAndCachePercentComeFromTheEngineOnlyWithAHandleAboveZero) {

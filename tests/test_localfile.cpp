@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "TestSupport.h"
+#include "support/RandomReadRun.h"
 #include "velka/LocalFile.h"
 
 namespace {
@@ -237,6 +238,39 @@ TEST_F(LocalFileTest, CloseWithAReadInFlightCompletesItAndLeavesTheNextFileAlone
         EXPECT_EQ(0, next.tell()) << "a read of the closed file moved the next file";
         EXPECT_EQ(1u, log.all().size());
     }
+}
+
+// POSIX positions: a seek may go past the end (reads there give the end), one
+// before the start fails.
+TEST_F(LocalFileTest, SeededRandomRunAgreesWithTheModel) {
+    testing_support::TempDataFile data(3 * kMiB + 12345, 13);
+    const int64_t length = data.size();
+    testing_support::SourceModel model;
+    model.seek = [length](int64_t position, int64_t offset, int whence) -> int64_t {
+        const int64_t base = whence == File::kSeekSet ? 0 : whence == File::kSeekCurrent ? position
+                                                                                           : length;
+        const int64_t target = base + offset;
+        return target < 0 || target > INT32_MAX ? -1 : target;
+    };
+    model.read = [length](int64_t position, uint32_t count) {
+        const uint32_t n = position >= length
+                               ? 0
+                               : static_cast<uint32_t>(std::min<int64_t>(count, length - position));
+        return std::make_pair(n == count ? velka::kStatusOk : velka::kStatusEndOfFile, n);
+    };
+    model.positionWithinLength = false;
+    testing_support::RandomReadRun run(
+        data, model,
+        [&data]() -> File* {
+            LocalFile* file = new LocalFile("file://" + data.path());
+            if (file->open() == 0) return file;
+            delete file;
+            return nullptr;
+        },
+        1301);
+    EXPECT_TRUE(run.run(testing_support::kRandomRunOperations)) << run.error();
+    EXPECT_GT(run.counts.cancels, 0u);
+    EXPECT_GT(run.counts.closes, 0u);
 }
 
 class OpenFailureTest : public LocalFileTest, public ::testing::WithParamInterface<const char*> {};

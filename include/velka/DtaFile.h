@@ -56,6 +56,7 @@ private:
     std::atomic<int64_t> length_;  // set by open(); -1 until the engine reports one
     std::atomic<int> handle_;      // engine task; -1 = none
     Mutex mutex_;                  // guards position_ changes and every engine read of this file
+    bool closing_;                 // close() has begun: reads are refused; under the worker's lock
 };
 
 }  // namespace velka

@@ -191,7 +191,8 @@ bool DtaFile::atEnd() const {
     return length >= 0 && position_ >= length;
 }
 
-DtaFile::DtaFile(const std::string& url) : File(url), position_(0), length_(-1), handle_(-1) {}
+DtaFile::DtaFile(const std::string& url)
+    : File(url), position_(0), length_(-1), handle_(-1), closing_(false) {}
 
 DtaFile::~DtaFile() {}
 
@@ -226,6 +227,7 @@ int DtaFile::close() {
         std::vector<DtaAsyncRequest*> queued;
         {
             Mutex::Autolock queueLock(worker->mutex_);
+            closing_ = true;
             for (auto it = worker->requests_.begin(); it != worker->requests_.end();) {
                 if ((*it)->file == this) {
                     queued.push_back(*it);
@@ -250,6 +252,8 @@ int DtaFile::close() {
             delete request;
         }
         handle_ = -1;
+        Mutex::Autolock queueLock(worker->mutex_);
+        closing_ = false;
     }
     printf("DtaFile close success\n");
     return 0;
@@ -277,6 +281,11 @@ void* DtaFile::readAsync(char* buffer, uint32_t length, AsyncCallback& callback)
     DtaTaskThread* worker = DtaTaskThread::instance();
     {
         Mutex::Autolock lock(worker->mutex_);
+        // A read issued from a completion while close() runs would come after it.
+        if (closing_) {
+            delete request;
+            return nullptr;
+        }
         worker->requests_.push_back(request);
     }
     worker->wakeup_.post();
