@@ -173,6 +173,15 @@ TEST_F(LocalFileTest, CancellingTheFirstOfTwoQueuedReadsStrandsNeitherAndComplet
     std::vector<char> bytes;
     LocalFile file(makeFile("cancel", 2 * kBlock, &bytes));
     ASSERT_EQ(0, file.open());
+    {
+        char buffer[16];
+        CompletionLog log;
+        CompletionLog::Callback callback(log, 0);
+        void* done = file.readAsync(buffer, sizeof buffer, callback);
+        ASSERT_NE(nullptr, done);
+        ASSERT_TRUE(log.waitFor(1));
+        EXPECT_EQ(-1, file.cancel(done)) << "cancel of a completed read";
+    }
     int cancelledFirst = 0;
     for (int round = 0; round < kRounds; ++round) {
         SCOPED_TRACE("round " + std::to_string(round));

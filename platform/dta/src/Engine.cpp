@@ -257,6 +257,7 @@ private:
 
     // Caller holds task.mutex; the n bytes at readPos are buffered.
     static void copyOut(const Task& task, char* buffer, uint64_t n) {
+        if (n == 0) return;  // a read of nothing may come without a buffer
         const uint64_t size = task.ring.size();
         uint64_t at = static_cast<uint64_t>(task.readPos) % size;
         uint64_t first = std::min(n, size - at);
