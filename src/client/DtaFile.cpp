@@ -48,12 +48,13 @@ private:
     std::atomic<bool> running_;  // cleared at tear-down
     int initResult_;             // the engine's initEngine result; non-zero = unusable
     Thread* thread_;             // owned
-    Mutex mutex_;                // guards requests_ and inService_
+    Mutex mutex_;                // guards requests_ and inServiceFile_
     Semaphore wakeup_;           // posted once per queued request and once at tear-down
     std::deque<DtaAsyncRequest*> requests_;  // oldest first
-    // Taken off the queue and not yet completed and freed; null when none.
-    DtaAsyncRequest* inService_;
-    std::condition_variable_any served_;  // notified whenever inService_ is cleared
+    // The file of the request taken off the queue and not yet completed and
+    // freed; null when none.
+    DtaFile* inServiceFile_;
+    std::condition_variable_any served_;  // notified whenever inServiceFile_ is cleared
     std::atomic<pthread_t> workerThread_;  // the thread running run(), once it runs
 };
 
@@ -92,7 +93,7 @@ DtaTaskThread::DtaTaskThread()
       initResult_(0),
       thread_(nullptr),
       wakeup_(0),
-      inService_(nullptr),
+      inServiceFile_(nullptr),
       workerThread_(pthread_t()) {
     // The engine finds its configuration in its working directory. Both
     // commands may fail (the directory exists, the box has no configuration);
@@ -138,7 +139,7 @@ void DtaTaskThread::run() {
             if (!requests_.empty()) {
                 request = requests_.front();
                 requests_.pop_front();
-                inService_ = request;
+                inServiceFile_ = request->file;
             }
         }
         if (request == nullptr) {
@@ -161,7 +162,7 @@ void DtaTaskThread::run() {
         delete request;
         {
             Mutex::Autolock lock(mutex_);
-            inService_ = nullptr;
+            inServiceFile_ = nullptr;
         }
         served_.notify_all();
     }
@@ -243,7 +244,7 @@ int DtaFile::close() {
         if (!pthread_equal(worker->workerThread_.load(), pthread_self())) {
             Mutex::Autolock queueLock(worker->mutex_);
             worker->served_.wait(worker->mutex_, [worker, this] {
-                return worker->inService_ == nullptr || worker->inService_->file != this;
+                return worker->inServiceFile_ != this;
             });
         }
         // Older than anything still queued: they complete after the one in service.
