@@ -276,18 +276,19 @@ private:
             h += "Transfer-Encoding: chunked\r\n";
         }
         h += "Content-Type: application/octet-stream\r\nConnection: close\r\n\r\n";
-        if (!sendAll(fd, h)) return false;
 
         const int64_t end = reply.cutAt >= 0 ? std::max(offset, std::min(size, reply.cutAt)) : size;
         // A drip sends a tenth of its rate ten times a second.
         const int64_t step = reply.bytesPerSecond > 0 ? std::max(1, reply.bytesPerSecond / 10) : 65536;
         for (int64_t at = offset; at < end && !stopping_;) {
             const int64_t n = std::min(step, end - at);
-            std::string chunk;
+            // The headers go out with the first block, as one segment.
+            std::string chunk = std::move(h);
+            h.clear();
             if (reply.framing == Reply::kChunked) {
                 char len[32];
                 snprintf(len, sizeof len, "%llx\r\n", static_cast<unsigned long long>(n));
-                chunk = len;
+                chunk += len;
             }
             chunk.append(file_.data() + at, static_cast<size_t>(n));
             if (reply.framing == Reply::kChunked) chunk += "\r\n";
@@ -296,6 +297,7 @@ private:
             r->bodyBytes += n;
             if (reply.bytesPerSecond > 0 && !pause(fd, 100)) return false;
         }
+        if (!h.empty() && !sendAll(fd, h)) return false;  // no body to go with them
         if (end < size) {
             {
                 std::lock_guard<std::mutex> lock(mutex_);
