@@ -224,6 +224,7 @@ struct OpenCase {
     const char* name;
     std::vector<Reply> replies;  // for /o
     int redirects;               // hops in front of /o
+    std::string url = "";        // instead of the server's /o
 };
 
 // Each fails the open quickly (well inside the 20 s connect time-out), with
@@ -241,14 +242,17 @@ TEST_F(HttpFaultTest, OpensFailQuicklyOnErrorsWrongStatusesAndBadRedirects) {
         {"a redirect loop", {redirect("/loop")}, 0},
         {"a redirect to file://", {redirect("file:///etc/hostname")}, 0},
         {"a redirect to ftp://", {redirect(ftp)}, 0},
+        {"204, no body at all", {status(204)}, 0},
         {"a closed port", {}, 0},
+        {"an ftp:// URL", {prefix()}, 0, ftp},
+        {"a file:// URL", {prefix()}, 0, "file:///etc/hostname"},
     };
     server_.script("/loop", {redirect("/o")});
     for (const OpenCase& c : cases) {
         SCOPED_TRACE(c.name);
         server_.script("/o", c.replies);
         const std::string path = c.redirects > 0 ? redirectChain(c.redirects, "/o") : "/o";
-        std::string url = server_.url(path);
+        std::string url = c.url.empty() ? server_.url(path) : c.url;
         if (c.replies.empty()) {
             // Nothing listens where a server has just stopped listening.
             FaultServer gone(bytes());
@@ -264,6 +268,8 @@ TEST_F(HttpFaultTest, OpensFailQuicklyOnErrorsWrongStatusesAndBadRedirects) {
         EXPECT_LT(secondsSince(start), 5.0);
         EXPECT_EQ(1u, tap_.count("HttpFile::open fail 1", mark));
         EXPECT_EQ(1u, tap_.count("notify task info fail", mark));
+        EXPECT_EQ(0, file.close());
+        EXPECT_EQ(0, file.cachePercent());
     }
 }
 
