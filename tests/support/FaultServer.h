@@ -12,7 +12,8 @@
 // request, hang up without an answer, wait before its headers, drop the
 // Content-Length (close-delimited) or send chunks, drip at a rate, and cut
 // the body at a file offset: then it holds the socket open for a while and
-// closes it with FIN or RST (a hold ends early when the client goes).
+// closes it with FIN or RST (a hold ends early when the client goes, or when
+// the test calls endHolds()).
 // Every request is logged when it ends (method, path, Range, status, body
 // bytes sent); stop(), or the destructor, closes everything and joins.
 
@@ -133,6 +134,8 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         return cuts_[path];
     }
+    // Ends the holds under way now, as if their time had run out.
+    void endHolds() { ++holdsEnded_; }
     // Waits until no connection is open (the client has closed every one).
     bool waitIdle() {
         return waitUntil([this] {
@@ -176,10 +179,12 @@ private:
         }
     }
 
-    // Waits `ms`, or less when the server stops or the client goes (false then).
-    bool pause(int fd, int ms) {
+    // Waits `ms`, or less when the server stops or the client goes (false
+    // then), or, for a hold, when endHolds() is called.
+    bool pause(int fd, int ms, bool hold = false) {
         const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-        while (!stopping_) {
+        const int holdsEnded = holdsEnded_;
+        while (!stopping_ && !(hold && holdsEnded_ != holdsEnded)) {
             const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                 end - std::chrono::steady_clock::now()).count();
             if (left <= 0) return true;
@@ -189,7 +194,7 @@ private:
                 if (recv(fd, &byte, 1, MSG_DONTWAIT) <= 0) return false;
             }
         }
-        return false;
+        return hold && !stopping_;
     }
 
     bool sendAll(int fd, const char* data, size_t n) {
@@ -303,8 +308,12 @@ private:
                 std::lock_guard<std::mutex> lock(mutex_);
                 cuts_[r->path] += 1;
             }
-            pause(fd, reply.holdMs);
-            return reply.close == Reply::kReset;
+            pause(fd, reply.holdMs, true);
+            if (reply.close != Reply::kReset) return false;
+            // A reset throws away what the receiver has not read yet: the
+            // client first gets a moment to take it.
+            pause(fd, 100);
+            return true;
         }
         if (reply.framing == Reply::kChunked) sendAll(fd, "0\r\n\r\n");
         return false;
@@ -314,6 +323,7 @@ private:
     int listen_ = -1;
     int port_ = -1;
     std::atomic<bool> stopping_{false};
+    std::atomic<int> holdsEnded_{0};
     std::thread acceptor_;
     std::list<Connection> connections_;  // the acceptor's, then stop()'s
 
