@@ -408,10 +408,10 @@ TEST_F(HttpFileTest, SeveralFilesShareTheWorkerAndClosingOneLeavesTheOthers) {
     std::vector<std::unique_ptr<ChainedReader>> readers;
     std::vector<std::thread> threads;
     std::vector<int> ok(3, 0);
-    for (int i = 0; i < 3; ++i) {
-        readers.emplace_back(new ChainedReader(*streams[i], 64 * 1024));
-        threads.emplace_back([&, i] { ok[i] = readers[i]->run(); });
-    }
+    // All readers first: a thread reads `readers` while a later emplace_back
+    // could move it.
+    for (int i = 0; i < 3; ++i) readers.emplace_back(new ChainedReader(*streams[i], 64 * 1024));
+    for (int i = 0; i < 3; ++i) threads.emplace_back([&, i] { ok[i] = readers[i]->run(); });
     CompletionLog log;
     CompletionLog::Callback callback(log, 1);
     std::vector<char> buffer(2 * kMiB);
