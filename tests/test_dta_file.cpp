@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "TestSupport.h"
+#include "support/RandomReadRun.h"
 #include "bctidta_control.h"
 #include "velka/DtaFile.h"
 
@@ -229,7 +230,9 @@ TEST_F(DtaFileTest, RequestsOfTwoFilesCompleteInQueueOrderAndCancelDoesNotWaitFo
     EXPECT_EQ(1, control::calls().initEngine);
 }
 
-TEST_F(DtaFileTest, SeekTableAndWhenTheEngineIsTold) {
+// A clamped seek reaches the engine too: the read after it gives the last
+// byte, the one after that the end, and the position never passes the length.
+TEST_F(DtaFileTest, SeekTableTellsTheEngineEveryPosition) {
     const int64_t L = 1000;
     TempDataFile data(L, 61);
     DtaFile& file = openFile(data);
@@ -237,31 +240,31 @@ TEST_F(DtaFileTest, SeekTableAndWhenTheEngineIsTold) {
         int whence;
         int64_t offset;
         int64_t expected;
-        bool engineTold;
     } const cases[] = {
-        {File::kSeekSet, 0, 0, true},
-        {File::kSeekSet, -5, 0, true},
-        {File::kSeekSet, 500, 500, true},
-        {File::kSeekSet, L - 1, L - 1, false},
-        {File::kSeekSet, L, L - 1, false},
-        {File::kSeekSet, L + 100, L - 1, false},
-        {File::kSeekCurrent, 100, 700, true},
-        {File::kSeekCurrent, 0, 600, true},
-        {File::kSeekCurrent, L - 600, L, true},
-        {File::kSeekCurrent, L - 599, L - 1, false},
-        {File::kSeekCurrent, INT64_MAX, L - 1, false},
-        {File::kSeekCurrent, -100, 500, true},
-        {File::kSeekCurrent, -600, 0, true},
-        {File::kSeekCurrent, -601, 0, true},
-        {File::kSeekEnd, 0, L, true},
-        {File::kSeekEnd, 1, L - 1, false},
-        {File::kSeekEnd, -10, L - 10, true},
-        {File::kSeekEnd, -L, 0, true},
-        {File::kSeekEnd, -L - 1, 0, true},
-        {File::kSeekEnd, INT64_MIN, 0, true},
-        {7, 0, L, true},  // any other origin counts from the end
-        {7, 5, L - 1, false},
+        {File::kSeekSet, 0, 0},
+        {File::kSeekSet, -5, 0},
+        {File::kSeekSet, 500, 500},
+        {File::kSeekSet, L - 1, L - 1},
+        {File::kSeekSet, L, L - 1},
+        {File::kSeekSet, L + 100, L - 1},
+        {File::kSeekCurrent, 100, 700},
+        {File::kSeekCurrent, 0, 600},
+        {File::kSeekCurrent, L - 600, L},
+        {File::kSeekCurrent, L - 599, L - 1},
+        {File::kSeekCurrent, INT64_MAX, L - 1},
+        {File::kSeekCurrent, -100, 500},
+        {File::kSeekCurrent, -600, 0},
+        {File::kSeekCurrent, -601, 0},
+        {File::kSeekEnd, 0, L},
+        {File::kSeekEnd, 1, L - 1},
+        {File::kSeekEnd, -10, L - 10},
+        {File::kSeekEnd, -L, 0},
+        {File::kSeekEnd, -L - 1, 0},
+        {File::kSeekEnd, INT64_MIN, 0},
+        {7, 0, L},  // any other origin counts from the end
+        {7, 5, L - 1},
     };
+    std::vector<char> buffer(4096);
     for (const Case& c : cases) {
         SCOPED_TRACE(::testing::Message() << "whence " << c.whence << " offset " << c.offset);
         ASSERT_EQ(600, file.seek(600, File::kSeekSet));  // every case starts at 600
@@ -269,14 +272,63 @@ TEST_F(DtaFileTest, SeekTableAndWhenTheEngineIsTold) {
         EXPECT_EQ(c.expected, file.seek(c.offset, static_cast<File::Whence>(c.whence)));
         EXPECT_EQ(c.expected, file.tell());
         EXPECT_EQ(L - c.expected, file.available());
-        EXPECT_EQ(c.engineTold ? 1 : 0, control::calls().seekTask - before.seekTask);
-        if (c.engineTold) {
-            const control::SeekCall seek = control::lastSeek();
-            EXPECT_EQ(0, seek.origin);
-            EXPECT_EQ(c.expected, seek.position);
-            EXPECT_EQ(0, seek.flags);
-        }
+        EXPECT_EQ(1, control::calls().seekTask - before.seekTask);
+        const control::SeekCall seek = control::lastSeek();
+        EXPECT_EQ(0, seek.origin);
+        EXPECT_EQ(c.expected, seek.position);
+        EXPECT_EQ(0, seek.flags);
     }
+    // The engine last stood at 600; the clamped seek moves it to the last byte.
+    ASSERT_EQ(L - 1, file.seek(L + 5000, File::kSeekSet));
+    CompletionLog log;
+    CompletionLog::Callback last(log, 1), end(log, 2);
+    ASSERT_NE(nullptr, file.readAsync(buffer.data(), buffer.size(), last));
+    ASSERT_TRUE(log.waitFor(1));
+    EXPECT_EQ(velka::kStatusOk, log.all()[0].status);
+    ASSERT_EQ(1u, log.all()[0].length);
+    EXPECT_EQ(data.slice(L - 1, 1)[0], buffer[0]);
+    EXPECT_EQ(L, file.tell());
+    EXPECT_EQ(0, file.available());
+    ASSERT_NE(nullptr, file.readAsync(buffer.data(), buffer.size(), end));
+    ASSERT_TRUE(log.waitFor(2));
+    EXPECT_EQ(velka::kStatusEndOfFile, log.all()[1].status);
+    EXPECT_EQ(0u, log.all()[1].length);
+    EXPECT_EQ(L, file.tell());
+}
+
+// A stream whose length the engine does not give: positions from the start or
+// the current one are taken as asked (never below 0), from the end they fail,
+// available() fails, and reading to the end completes with kStatusEndOfFile.
+TEST_F(DtaFileTest, UnknownLengthGivesNoNegativeOrMadeUpPositions) {
+    control::setLengthUnknown(true);
+    TempDataFile data(5000, 63);
+    DtaFile file(data.dtaUrl());
+    ASSERT_EQ(0, file.open());
+    EXPECT_EQ(-1, file.length());
+    struct Case {
+        int whence;
+        int64_t offset;
+        int64_t expected;  // -1: fails, the position stays at 600
+    } const cases[] = {
+        {File::kSeekSet, 700, 700},   {File::kSeekSet, 9000, 9000}, {File::kSeekSet, -5, 0},
+        {File::kSeekCurrent, 10, 610}, {File::kSeekCurrent, -700, 0},
+        {File::kSeekCurrent, INT64_MAX, -1}, {File::kSeekEnd, 0, -1}, {File::kSeekEnd, -10, -1},
+        {File::kSeekEnd, 10, -1},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(::testing::Message() << "whence " << c.whence << " offset " << c.offset);
+        ASSERT_EQ(600, file.seek(600, File::kSeekSet));
+        EXPECT_EQ(c.expected, file.seek(c.offset, static_cast<File::Whence>(c.whence)));
+        EXPECT_EQ(c.expected == -1 ? 600 : c.expected, file.tell());
+        EXPECT_EQ(-1, file.available());
+    }
+    ASSERT_EQ(4000, file.seek(4000, File::kSeekSet));
+    ChainedReader reader(file, 300);
+    ASSERT_TRUE(reader.run());
+    EXPECT_EQ(data.slice(4000, 1000), reader.data);
+    EXPECT_EQ(velka::kStatusEndOfFile, reader.statuses.back());
+    EXPECT_EQ(5000, file.tell());
+    file.close();
 }
 
 // The engine buffers 16 KiB ahead, so most seeks leave its buffered window.
@@ -314,6 +366,42 @@ TEST_F(DtaFileTest, ReadsFollowTheSeeksAndAFailedReadKeepsThePosition) {
     ASSERT_TRUE(log.waitFor(3));
     EXPECT_EQ(velka::kStatusOk, log.all()[2].status);
     EXPECT_EQ(data.slice(423, 300), buffer);
+}
+
+// The seek table's positions, all within [0, length]; a read at the end gives
+// kStatusEndOfFile and 0 bytes, a short one at the end kStatusOk.
+TEST_F(DtaFileTest, SeededRandomRunAgreesWithTheModel) {
+    TempDataFile data(3 * 1024 * 1024 + 12345, 64);
+    const int64_t length = data.size();
+    testing_support::SourceModel model;
+    model.seek = [length](int64_t position, int64_t offset, int whence) -> int64_t {
+        if (whence == File::kSeekSet) return offset <= 0 ? 0 : std::min(offset, length - 1);
+        if (whence == File::kSeekCurrent) {
+            if (offset <= 0) return std::max<int64_t>(0, position + offset);
+            return position + offset <= length ? position + offset : length - 1;
+        }
+        if (offset > 0) return length - 1;
+        return offset < -length ? 0 : length + offset;
+    };
+    model.read = [length](int64_t position, uint32_t count) {
+        if (position >= length) return std::make_pair(velka::kStatusEndOfFile, uint32_t{0});
+        return std::make_pair(velka::kStatusOk,
+                              static_cast<uint32_t>(std::min<int64_t>(count, length - position)));
+    };
+    model.positionWithinLength = true;
+    testing_support::RandomReadRun run(
+        data, model,
+        [&data]() -> File* {
+            DtaFile* file = new DtaFile(data.dtaUrl());
+            if (file->open() == 0) return file;
+            file->close();
+            delete file;
+            return nullptr;
+        },
+        1302);
+    EXPECT_TRUE(run.run(testing_support::kRandomRunOperations)) << run.error();
+    EXPECT_GT(run.counts.cancels, 0u);
+    EXPECT_GT(run.counts.closes, 0u);
 }
 
 TEST_F(DtaFileTest, ErrorAndCachePercentComeFromTheEngineOnlyWithAHandleAboveZero) {

@@ -406,11 +406,9 @@ TEST_F(HttpFileTest, SeveralFilesShareTheWorkerAndClosingOneLeavesTheOthers) {
     ASSERT_EQ(0, closing->open());
 
     std::vector<std::unique_ptr<ChainedReader>> readers;
+    for (int i = 0; i < 3; ++i) readers.emplace_back(new ChainedReader(*streams[i], 64 * 1024));
     std::vector<std::thread> threads;
     std::vector<int> ok(3, 0);
-    // All readers first: a thread reads `readers` while a later emplace_back
-    // could move it.
-    for (int i = 0; i < 3; ++i) readers.emplace_back(new ChainedReader(*streams[i], 64 * 1024));
     for (int i = 0; i < 3; ++i) threads.emplace_back([&, i] { ok[i] = readers[i]->run(); });
     CompletionLog log;
     CompletionLog::Callback callback(log, 1);

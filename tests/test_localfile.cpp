@@ -3,6 +3,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -10,10 +11,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <future>
 #include <string>
 #include <vector>
 
 #include "TestSupport.h"
+#include "support/RandomReadRun.h"
 #include "velka/LocalFile.h"
 
 namespace {
@@ -159,73 +162,146 @@ TEST_F(LocalFileTest, BlockingAndAsynchronousReadsShareOneThirtyTwoBitPositionTh
     EXPECT_EQ(-1, file.available());
 }
 
-// Two large reads issued back to back: the second usually waits behind the
-// first and can be cancelled, the first is usually running or done. Either
-// answer of cancel() is allowed; it must agree with the one completion. The
-// second read starts at 0, or at kBlock when the first has already completed.
-TEST_F(LocalFileTest, CancelAgreesWithTheOneCompletion) {
-    constexpr uint32_t kBlock = 8 * kMiB;
+// Two reads queued back to back and the first cancelled at once, while the
+// C library may not yet have started it: the second must still complete, and
+// read on from where the first left off. Every answer of cancel() agrees with
+// the one completion, and a cancel after the completion returns -1 without
+// touching the freed request.
+TEST_F(LocalFileTest, CancellingTheFirstOfTwoQueuedReadsStrandsNeitherAndCompletedOnesStayAlone) {
+    constexpr uint32_t kBlock = 4096;
+    constexpr int kRounds = 100;
     std::vector<char> bytes;
     LocalFile file(makeFile("cancel", 2 * kBlock, &bytes));
     ASSERT_EQ(0, file.open());
-    const std::vector<char> firstBlock(bytes.begin(), bytes.begin() + kBlock);
-    const std::vector<char> secondBlock(bytes.begin() + kBlock, bytes.end());
-
-    int cancelledCount = 0;
-    for (int round = 0; round < 4; ++round) {
+    {
+        char buffer[16];
+        CompletionLog log;
+        CompletionLog::Callback callback(log, 0);
+        void* done = file.readAsync(buffer, sizeof buffer, callback);
+        ASSERT_NE(nullptr, done);
+        ASSERT_TRUE(log.waitFor(1));
+        EXPECT_EQ(-1, file.cancel(done)) << "cancel of a completed read";
+    }
+    int cancelledFirst = 0;
+    for (int round = 0; round < kRounds; ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
         ASSERT_EQ(0, file.seek(0, File::kSeekSet));
         std::vector<char> buffers[2] = {std::vector<char>(kBlock), std::vector<char>(kBlock)};
-        int cancelResults[2];
-        CompletionLog log(true);
-        {
-            CompletionLog::Callback first(log, 0), second(log, 1);
-            void* requests[2] = {file.readAsync(buffers[0].data(), kBlock, first),
-                                 file.readAsync(buffers[1].data(), kBlock, second)};
-            ASSERT_NE(nullptr, requests[0]);
-            ASSERT_NE(nullptr, requests[1]);
-            cancelResults[1] = file.cancel(requests[1]);
-            cancelResults[0] = file.cancel(requests[0]);
-            log.open();
-            ASSERT_TRUE(log.waitFor(2));
+        CompletionLog log;
+        CompletionLog::Callback first(log, 0), second(log, 1);
+        void* requests[2] = {file.readAsync(buffers[0].data(), kBlock, first),
+                             file.readAsync(buffers[1].data(), kBlock, second)};
+        ASSERT_NE(nullptr, requests[0]);
+        ASSERT_NE(nullptr, requests[1]);
+        const int cancelled = file.cancel(requests[0]);
+        ASSERT_TRUE(log.waitFor(2)) << "a queued read never completed (first cancel " << cancelled
+                                    << ")";
+        std::vector<testing_support::Completion> c = log.all();
+        EXPECT_EQ(0, c[0].tag) << "completed out of order";
+        if (c[0].tag != 0) std::swap(c[0], c[1]);
+        if (cancelled == 0) {
+            ++cancelledFirst;
+            EXPECT_EQ(velka::kStatusCancelled, c[0].status);
+            EXPECT_EQ(0u, c[0].length);
+        } else {
+            EXPECT_EQ(-1, cancelled);
+            EXPECT_EQ(velka::kStatusOk, c[0].status);
+            EXPECT_TRUE(std::equal(bytes.begin(), bytes.begin() + kBlock, buffers[0].begin()));
         }
-        // One more round trip on the file lets any stray second completion arrive.
-        char probe;
-        CompletionLog probeLog;
-        CompletionLog::Callback probeCallback(probeLog, 0);
-        ASSERT_EQ(0, file.seek(0, File::kSeekSet));
-        ASSERT_NE(nullptr, file.readAsync(&probe, 1, probeCallback));
-        ASSERT_TRUE(probeLog.waitFor(1));
-        const std::vector<testing_support::Completion> completions = log.all();
-        ASSERT_EQ(2u, completions.size());
-        for (const testing_support::Completion& c : completions) {
-            const int i = c.tag;
-            if (cancelResults[i] == 0) {
-                ++cancelledCount;
-                EXPECT_EQ(velka::kStatusCancelled, c.status);
-                EXPECT_EQ(0u, c.length);
-            } else {
-                EXPECT_EQ(-1, cancelResults[i]);
-                EXPECT_EQ(velka::kStatusOk, c.status);
-                ASSERT_EQ(kBlock, c.length);
-                EXPECT_TRUE(buffers[i] == firstBlock || (i == 1 && buffers[i] == secondBlock));
-            }
-        }
-        EXPECT_NE(completions[0].tag, completions[1].tag);
+        // The second read continues after the first.
+        const int64_t secondAt = cancelled == 0 ? 0 : kBlock;
+        EXPECT_EQ(velka::kStatusOk, c[1].status);
+        EXPECT_TRUE(std::equal(bytes.begin() + secondAt, bytes.begin() + secondAt + kBlock,
+                               buffers[1].begin()));
+        EXPECT_EQ(secondAt + kBlock, file.tell());
+        EXPECT_EQ(-1, file.cancel(requests[0]));
+        EXPECT_EQ(-1, file.cancel(requests[1]));
+        ASSERT_EQ(2u, log.all().size());
     }
-    printf("cancel: %d of 8 requests cancelled\n", cancelledCount);
+    printf("cancel: the first of two queued reads cancelled in %d of %d rounds\n",
+           cancelledFirst, kRounds);
+}
+
+// close() with a read in flight: the read completes before close() returns,
+// and nothing of it touches the descriptor number afterwards, which the next
+// opened file gets.
+TEST_F(LocalFileTest, CloseWithAReadInFlightCompletesItAndLeavesTheNextFileAlone) {
+    constexpr uint32_t kBlock = 4 * kMiB;
+    const std::string url = makeFile("inflight", kBlock);
+    const std::string other = makeFile("other", 100);
+    std::vector<char> buffer(kBlock);
+    for (int round = 0; round < 50; ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
+        CompletionLog log;
+        CompletionLog::Callback callback(log, 0);
+        {
+            LocalFile file(url);
+            ASSERT_EQ(0, file.open());
+            ASSERT_NE(nullptr, file.readAsync(buffer.data(), kBlock, callback));
+            EXPECT_EQ(0, file.close());
+            EXPECT_EQ(1u, log.all().size()) << "close() returned before the read completed";
+        }
+        LocalFile next(other);
+        ASSERT_EQ(0, next.open());
+        ASSERT_TRUE(log.waitFor(1));
+        EXPECT_EQ(0, next.tell()) << "a read of the closed file moved the next file";
+        EXPECT_EQ(1u, log.all().size());
+    }
+}
+
+// POSIX positions: a seek may go past the end (reads there give the end), one
+// before the start fails.
+TEST_F(LocalFileTest, SeededRandomRunAgreesWithTheModel) {
+    testing_support::TempDataFile data(3 * kMiB + 12345, 13);
+    const int64_t length = data.size();
+    testing_support::SourceModel model;
+    model.seek = [length](int64_t position, int64_t offset, int whence) -> int64_t {
+        const int64_t base = whence == File::kSeekSet ? 0 : whence == File::kSeekCurrent ? position
+                                                                                           : length;
+        const int64_t target = base + offset;
+        return target < 0 || target > INT32_MAX ? -1 : target;
+    };
+    model.read = [length](int64_t position, uint32_t count) {
+        const uint32_t n = position >= length
+                               ? 0
+                               : static_cast<uint32_t>(std::min<int64_t>(count, length - position));
+        return std::make_pair(n == count ? velka::kStatusOk : velka::kStatusEndOfFile, n);
+    };
+    model.positionWithinLength = false;
+    testing_support::RandomReadRun run(
+        data, model,
+        [&data]() -> File* {
+            LocalFile* file = new LocalFile("file://" + data.path());
+            if (file->open() == 0) return file;
+            delete file;
+            return nullptr;
+        },
+        1301);
+    EXPECT_TRUE(run.run(testing_support::kRandomRunOperations)) << run.error();
+    EXPECT_GT(run.counts.cancels, 0u);
+    EXPECT_GT(run.counts.closes, 0u);
 }
 
 class OpenFailureTest : public LocalFileTest, public ::testing::WithParamInterface<const char*> {};
 
-TEST_P(OpenFailureTest, FailsAndKeepsNoDescriptor) {
+// A FIFO without a writer fails at once instead of waiting for one.
+TEST_P(OpenFailureTest, FailsAtOnceAndKeepsNoDescriptor) {
     std::string url = GetParam();
     if (url.find('@') != std::string::npos) url.replace(url.find('@'), 1, dir_.path());
+    const std::string fifo = dir_.file("fifo");
+    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
     const int before = openDescriptorCount();
     ASSERT_GT(before, 0);
     {
         LocalFile file(url);
-        EXPECT_EQ(-1, file.open()) << url;
+        std::future<int> opened = std::async(std::launch::async, [&file] { return file.open(); });
+        if (opened.wait_for(testing_support::kWait) != std::future_status::ready) {
+            ADD_FAILURE() << "open() of " << url << " blocked";
+            const int writer = ::open(fifo.c_str(), O_WRONLY);  // lets it go
+            opened.wait();
+            ::close(writer);
+        }
+        EXPECT_EQ(-1, opened.get()) << url;
         EXPECT_EQ(before, openDescriptorCount()) << "a descriptor stayed open for " << url;
         EXPECT_EQ(100, file.cachePercent());
         EXPECT_EQ(0, file.error());
@@ -234,12 +310,13 @@ TEST_P(OpenFailureTest, FailsAndKeepsNoDescriptor) {
     EXPECT_EQ(before, openDescriptorCount());
 }
 
-const char* const kOpenFailureNames[] = {"MissingPath", "Directory", "Device", "PrefixAlone"};
+const char* const kOpenFailureNames[] = {"MissingPath", "Directory", "Device", "PrefixAlone",
+                                         "Fifo"};
 
 // "@" stands for the temporary directory.
 INSTANTIATE_TEST_SUITE_P(Sources, OpenFailureTest,
                          ::testing::Values("file://@/no-such-file", "file://@", "file:///dev/null",
-                                           "file://"),
+                                           "file://", "file://@/fifo"),
                          [](const ::testing::TestParamInfo<const char*>& info) {
                              return std::string(kOpenFailureNames[info.index]);
                          });

@@ -288,7 +288,8 @@ public:
 
     void* readAsync(char*, uint32_t, AsyncCallback& callback) override {
         if (asyncMode == AsyncMode::kRefuse) return nullptr;
-        pending_ = &callback;
+        pending_.push_back(&callback);
+        ++issued_;
         if (asyncMode == AsyncMode::kCompleteFirst) {
             completeHeld(velka::kStatusOk, 40);
             // The completion is under way. It must not reach the engine
@@ -300,13 +301,13 @@ public:
             completedBeforeReturn = changed_.wait_for(
                 lock, std::chrono::milliseconds(200), [this] { return done_ == threads_.size(); });
         }
-        return &token_;
+        return handle();
     }
 
-    // Completes the held request on a thread of its own, as a source would.
+    // Completes the newest held request on a thread of its own, as a source would.
     void completeHeld(VelkaStatus status, uint32_t length) {
-        AsyncCallback* cb = pending_;
-        pending_ = nullptr;
+        AsyncCallback* cb = pending_.back();
+        pending_.pop_back();
         threads_.emplace_back([this, cb, status, length] {
             count(&started_);
             cb->complete(status, length);
@@ -318,8 +319,8 @@ public:
         lastCancel = request;
         if (cancelResult != 0) return -1;
         // Cancelled: it still completes once, here before cancel returns.
-        AsyncCallback* cb = pending_;
-        pending_ = nullptr;
+        AsyncCallback* cb = pending_.back();
+        pending_.pop_back();
         cb->complete(velka::kStatusCancelled, 0);
         return 0;
     }
@@ -335,7 +336,8 @@ public:
     int cachePercent() override { return 100; }
     int error() override { return 0; }
 
-    void* handle() { return &token_; }
+    // The request handle of the newest read.
+    void* handle() { return &tokens_[(issued_ + kTokens - 1) % kTokens]; }
     IMTK_PULL_HANDLE_T pullHandle() { return reinterpret_cast<IMTK_PULL_HANDLE_T>(this); }
 
     int readResult = 0;
@@ -355,8 +357,10 @@ private:
         changed_.notify_all();
     }
 
-    AsyncCallback* pending_ = nullptr;
-    int token_ = 0;                     // its address is the request handle
+    static constexpr size_t kTokens = 8;
+    std::vector<AsyncCallback*> pending_;  // accepted and not completed, oldest first
+    int tokens_[kTokens] = {};             // their addresses are the request handles, in turn
+    size_t issued_ = 0;
     std::vector<std::thread> threads_;  // on the test's thread only
     std::mutex mutex_;                  // guards started_ and done_
     std::condition_variable changed_;
@@ -473,6 +477,27 @@ TEST_F(PullSourceTest, RefusedReadFailsAndNeverCompletes) {
     ASSERT_EQ(0, readAsync());
     EXPECT_FALSE(file_.completedBeforeReturn);
     EXPECT_EQ(file_.handle(), completion(1).storedHandle);
+}
+
+// With one read outstanding, a second that its source completes before
+// readAsync has returned waits for its own hand-off, not the first read's.
+TEST_F(PullSourceTest, EachReadWaitsForItsOwnHandOff) {
+    ASSERT_EQ(0, readAsync());
+    void* const first = request_;
+    file_.asyncMode = ScriptedFile::AsyncMode::kCompleteFirst;
+    ASSERT_EQ(0, readAsync());
+    EXPECT_FALSE(file_.completedBeforeReturn)
+        << "the second read reached the engine on the first read's hand-off";
+    const Completion second = completion(1);
+    EXPECT_EQ(file_.handle(), second.storedHandle);
+    EXPECT_NE(first, file_.handle());
+
+    file_.completeHeld(velka::kStatusOk, 8);
+    std::unique_lock<std::mutex> lock(mutex_);
+    ASSERT_TRUE(changed_.wait_for(lock, std::chrono::milliseconds(kEventWaitMs),
+                                  [this] { return completions_.size() == 2; }));
+    EXPECT_EQ(first, completions_[1].request);
+    EXPECT_EQ(8u, completions_[1].length);
 }
 
 TEST_F(PullSourceTest, SeekMapsTheEngineOriginsAndPassesThePositionOn) {

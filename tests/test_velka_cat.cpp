@@ -15,6 +15,7 @@
 
 #include "Md5.h"
 #include "TestSupport.h"
+#include "support/NginxServer.h"
 
 #ifndef VELKA_CAT_PATH
 #error "VELKA_CAT_PATH must name the built velka-cat"
@@ -187,6 +188,29 @@ TEST_F(VelkaCatTest, PeerToPeerUrlAtALimitedRateIsReadByteExact) {
 
     const ToolRun missing = velkaCat("--quiet 'pps-test://" + dir_.file("missing.bin") + "'");
     EXPECT_EQ(1, missing.exitCode);
+}
+
+// Through HttpFile from a real web server: a file larger than the HTTP
+// source's ring, whole and in seek segments that step back past the ring.
+TEST_F(VelkaCatTest, HttpUrlIsReadByteExactThroughTheHttpSource) {
+    testing_support::NginxServer server;
+    std::string why;
+    ASSERT_TRUE(server.start(&why)) << why;
+    const std::vector<char> bytes = patternBytes(20 * 1024 * 1024 + 3, 0x477b);
+    server.serve("big.bin", bytes);
+    const std::string path = dir_.write("big.bin", bytes);
+    const ToolRun whole = velkaCat("--quiet --log library.log " + server.url("big.bin"));
+    ASSERT_EQ(0, whole.exitCode) << whole.err;
+    EXPECT_EQ(md5sum(path), result(whole.out, "md5"));
+    EXPECT_EQ(std::to_string(bytes.size()), result(whole.out, "bytes"));
+    EXPECT_NE(std::string::npos, readAll(dir_.file("library.log")).find("HttpFile::open"));
+
+    std::vector<char> joined(bytes.end() - 5, bytes.end());                  // --seek -5
+    joined.insert(joined.end(), bytes.begin() + 1000, bytes.end());         // --seek 1000
+    const ToolRun segments =
+        velkaCat("--quiet --block 4093 --seek -5 --seek 1000 " + server.url("big.bin"));
+    ASSERT_EQ(0, segments.exitCode) << segments.err;
+    EXPECT_EQ(md5sum(dir_.write("joined.bin", joined)), result(segments.out, "md5"));
 }
 
 TEST_F(VelkaCatTest, LogOptionReceivesTheLibraryLines) {

@@ -21,8 +21,12 @@ class DtaTaskThread;
 // Locks: this file's mutex_ before the worker's queue lock (cancel); the
 // worker never holds both. Completions run on the worker with no lock held.
 //
-// A DtaFile must outlive its queued and in-service requests: neither close()
-// nor the destructor waits for them or cancels them.
+// close() completes the file's queued requests cancelled and waits for the
+// one in service, so no completion comes after it returns. A DtaFile must
+// outlive its requests: the destructor does neither, so close() it first.
+//
+// Positions stay within [0, length()] (see seek()); with an unknown length
+// (-1) they are never negative and available() is -1.
 class DtaFile : public File {
 public:
     explicit DtaFile(const std::string& url);
@@ -43,12 +47,16 @@ public:
 private:
     friend class DtaTaskThread;
 
-    // Written under mutex_ by reads, without a lock by seek(); read without a
-    // lock by tell(), available() and seek().
+    // position_ is at or past a known length. mutex_ held.
+    bool atEnd() const;
+
+    // Written under mutex_ by reads and seek(); read without a lock by tell()
+    // and available().
     std::atomic<int64_t> position_;
     std::atomic<int64_t> length_;  // set by open(); -1 until the engine reports one
     std::atomic<int> handle_;      // engine task; -1 = none
     Mutex mutex_;                  // guards position_ changes and every engine read of this file
+    bool closing_;                 // close() has begun: reads are refused; under the worker's lock
 };
 
 }  // namespace velka

@@ -1,9 +1,13 @@
 #include "velka/DtaFile.h"
 
+#include <pthread.h>
+
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <vector>
 
 #include "CBctiDta.h"
 #include "velka/Assert.h"
@@ -44,9 +48,14 @@ private:
     std::atomic<bool> running_;  // cleared at tear-down
     int initResult_;             // the engine's initEngine result; non-zero = unusable
     Thread* thread_;             // owned
-    Mutex mutex_;                // guards requests_
+    Mutex mutex_;                // guards requests_ and inServiceFile_
     Semaphore wakeup_;           // posted once per queued request and once at tear-down
     std::deque<DtaAsyncRequest*> requests_;  // oldest first
+    // The file of the request taken off the queue and not yet completed and
+    // freed; null when none.
+    DtaFile* inServiceFile_;
+    std::condition_variable_any served_;  // notified whenever inServiceFile_ is cleared
+    std::atomic<pthread_t> workerThread_;  // the thread running run(), once it runs
 };
 
 namespace {
@@ -79,7 +88,13 @@ DtaTaskThread* DtaTaskThread::instance() {
     return &dtaTaskThread;
 }
 
-DtaTaskThread::DtaTaskThread() : running_(false), initResult_(0), thread_(nullptr), wakeup_(0) {
+DtaTaskThread::DtaTaskThread()
+    : running_(false),
+      initResult_(0),
+      thread_(nullptr),
+      wakeup_(0),
+      inServiceFile_(nullptr),
+      workerThread_(pthread_t()) {
     // The engine finds its configuration in its working directory. Both
     // commands may fail (the directory exists, the box has no configuration);
     // the engine decides what it can do without.
@@ -113,6 +128,7 @@ void DtaTaskThread::run() {
     // still complete, in order, each with kStatusError (kStatusCancelled when
     // cancelled) and without an engine call, so that no caller waits for a
     // completion that never comes.
+    workerThread_ = pthread_self();
     const bool engineUsable = initResult_ == 0;
     if (engineUsable) dtaEngine_->setEventCallback(dta_event_handler);
 
@@ -123,6 +139,7 @@ void DtaTaskThread::run() {
             if (!requests_.empty()) {
                 request = requests_.front();
                 requests_.pop_front();
+                inServiceFile_ = request->file;
             }
         }
         if (request == nullptr) {
@@ -143,12 +160,17 @@ void DtaTaskThread::run() {
         // No lock held: the callback may queue the next read at once.
         request->callback->complete(status, count);
         delete request;
+        {
+            Mutex::Autolock lock(mutex_);
+            inServiceFile_ = nullptr;
+        }
+        served_.notify_all();
     }
 }
 
 VelkaStatus DtaTaskThread::serve(DtaAsyncRequest* request, uint32_t* count) {
     DtaFile* file = request->file;
-    if (file->position_ == file->length_) return kStatusEndOfFile;
+    if (file->atEnd()) return kStatusEndOfFile;
 
     const int handle = file->handle_;
     uint64_t n = request->length;
@@ -158,12 +180,20 @@ VelkaStatus DtaTaskThread::serve(DtaAsyncRequest* request, uint32_t* count) {
            low32(static_cast<int64_t>(n)));
     if (ret != 0) return kStatusError;
     // A short count is still a success; the next request continues after it.
+    // Nothing at all for a request that wanted bytes is the end of the
+    // stream, also of one whose length the engine does not know.
     file->position_ += static_cast<int64_t>(n);
     *count = static_cast<uint32_t>(n);
-    return kStatusOk;
+    return n == 0 && request->length != 0 ? kStatusEndOfFile : kStatusOk;
 }
 
-DtaFile::DtaFile(const std::string& url) : File(url), position_(0), length_(-1), handle_(-1) {}
+bool DtaFile::atEnd() const {
+    const int64_t length = length_;
+    return length >= 0 && position_ >= length;
+}
+
+DtaFile::DtaFile(const std::string& url)
+    : File(url), position_(0), length_(-1), handle_(-1), closing_(false) {}
 
 DtaFile::~DtaFile() {}
 
@@ -185,14 +215,46 @@ int DtaFile::open() {
     return 0;
 }
 
+// No completion of this file comes after close() returns: its queued
+// requests complete cancelled here, and a request in service (which the
+// closed task makes fail) is waited for. From inside a completion of the
+// worker, that completion itself cannot be waited for.
 int DtaFile::close() {
     printf("DtaFile close\n");
     const int handle = handle_;
     if (handle != -1) {
         printf("DtaFile close1111\n");
+        DtaTaskThread* worker = DtaTaskThread::instance();
+        std::vector<DtaAsyncRequest*> queued;
+        {
+            Mutex::Autolock queueLock(worker->mutex_);
+            closing_ = true;
+            for (auto it = worker->requests_.begin(); it != worker->requests_.end();) {
+                if ((*it)->file == this) {
+                    queued.push_back(*it);
+                    it = worker->requests_.erase(it);
+                } else {
+                    ++it;
+                }
+            }
+        }
+        // Closing the task also ends an engine read of it that is waiting for data.
         dtaEngine_->closeTask(handle);
         printf("dta close handle %ld\n", static_cast<long>(handle));
+        if (!pthread_equal(worker->workerThread_.load(), pthread_self())) {
+            Mutex::Autolock queueLock(worker->mutex_);
+            worker->served_.wait(worker->mutex_, [worker, this] {
+                return worker->inServiceFile_ != this;
+            });
+        }
+        // Older than anything still queued: they complete after the one in service.
+        for (DtaAsyncRequest* request : queued) {
+            request->callback->complete(kStatusCancelled, 0);
+            delete request;
+        }
         handle_ = -1;
+        Mutex::Autolock queueLock(worker->mutex_);
+        closing_ = false;
     }
     printf("DtaFile close success\n");
     return 0;
@@ -201,7 +263,7 @@ int DtaFile::close() {
 int DtaFile::read(char* buffer, uint32_t length) {
     VELKA_ASSERT(handle_ != -1);
     Mutex::Autolock lock(mutex_);
-    if (position_ == length_) return 0;
+    if (atEnd()) return 0;
 
     const int handle = handle_;
     uint64_t count = length;
@@ -220,6 +282,11 @@ void* DtaFile::readAsync(char* buffer, uint32_t length, AsyncCallback& callback)
     DtaTaskThread* worker = DtaTaskThread::instance();
     {
         Mutex::Autolock lock(worker->mutex_);
+        // A read issued from a completion while close() runs would come after it.
+        if (closing_) {
+            delete request;
+            return nullptr;
+        }
         worker->requests_.push_back(request);
     }
     worker->wakeup_.post();
@@ -243,37 +310,50 @@ int DtaFile::cancel(void* request) {
     return -1;
 }
 
-// Positions past the end are clamped to length_ - 1, and a seek that lands
-// exactly there does not reach the engine; kSeekCurrent may still land on
-// length_, and kSeekEnd with offset 0 gives length_.
+// Positions past the end are clamped to length_ - 1; kSeekCurrent may still
+// land on length_, and kSeekEnd with offset 0 gives length_. Every seek, a
+// clamped one too, tells the engine where the next read starts, so the
+// position never leaves [0, length_] and the next read gives the bytes there.
+// With the length unknown (-1), seeks from the start or the current position
+// land where asked (never below 0) and a seek from the end fails with -1.
+// Under mutex_, so that a seek never falls between a read's engine call and
+// its position update.
 int64_t DtaFile::seek(int64_t offset, Whence whence) {
+    Mutex::Autolock lock(mutex_);
     const int64_t length = length_;
     const int64_t position = position_;
     int64_t target;
     if (whence == kSeekSet) {
         if (offset > 0) {
-            target = offset < length ? offset : length - 1;
+            target = offset < length || length < 0 ? offset : length - 1;
         } else {
             target = 0;
         }
     } else if (whence == kSeekCurrent) {
         if (offset > 0) {
             int64_t sum;
-            bool overflow = __builtin_add_overflow(position, offset, &sum);
-            target = !overflow && sum <= length ? sum : length - 1;
+            const bool overflow = __builtin_add_overflow(position, offset, &sum);
+            if (length < 0) {
+                if (overflow) return -1;
+                target = sum;
+            } else {
+                target = !overflow && sum <= length ? sum : length - 1;
+            }
         } else {
             target = position + offset;  // position_ >= 0, so this cannot overflow
             if (target < 0) target = 0;
         }
     } else {  // kSeekEnd, and every other origin
+        if (length < 0) return -1;
         if (offset > 0) {
             target = length - 1;
         } else {
             target = offset < -length ? 0 : length + offset;
         }
     }
+    // An empty stream has no last byte to clamp to.
+    if (target < 0) target = 0;
     position_ = target;
-    if (target == length - 1) return target;
 
     const int handle = handle_;
     int ret = dtaEngine_->seekTask(handle, 0, target, 0);
@@ -290,6 +370,8 @@ int64_t DtaFile::available() {
     const int64_t position = position_;
     printf("DtaFile::available [%lld][%lld]\n", static_cast<long long>(length),
            static_cast<long long>(position));
+    // Unknown length: nothing can be told.
+    if (length < 0) return -1;
     return length - position;
 }
 

@@ -25,6 +25,9 @@ constexpr uint32_t kStallSeconds = 14;
 constexpr int64_t kMaxWaitGapBytes = 128 * 1024;
 // cachePercent() counts up to this much of the stream ahead of the reader.
 constexpr int64_t kCacheThresholdBytes = 512 * 1024;
+// libcurl's receive buffer, the largest block it hands to write_cb. Must stay
+// at most the free space that resumes a paused transfer (32 KiB).
+constexpr long kReceiveBytes = 32 * 1024;
 constexpr long kConnectTimeoutSeconds = 20;
 constexpr long kTailTimeoutSeconds = 40;
 constexpr long kMaxRedirects = 10;
@@ -182,6 +185,10 @@ void HttpTask::setCurlOptions(const std::string& url) {
     curl_easy_setopt(curl_, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
     curl_easy_setopt(curl_, CURLOPT_FRESH_CONNECT, 1L);
     curl_easy_setopt(curl_, CURLOPT_DNS_CACHE_TIMEOUT, kDnsCacheSeconds);
+    // Blocks of up to kReceiveBytes: half the receive calls of libcurl's
+    // default, and still no larger than the free space that resumes a paused
+    // transfer, so a resumed transfer's block always fits.
+    curl_easy_setopt(curl_, CURLOPT_BUFFERSIZE, kReceiveBytes);
     setCommonOptions(curl_);
 }
 

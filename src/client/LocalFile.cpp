@@ -8,20 +8,27 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <thread>
 
 #include "velka/Assert.h"
 
 namespace velka {
 
-namespace {
-
-// One asynchronous read in flight. Its address is the request handle that
-// readAsync() returns and cancel() takes; aio_complete_cb frees it once the
-// callback has returned.
-struct LocalAioRequest {
+// One accepted asynchronous read. Its address is the request handle that
+// readAsync() returns and cancel() takes; it is freed once complete() has
+// returned. cancel() only ever touches a record it finds in the file's
+// queue or as the file's submitted request, under the file's lock.
+struct LocalFile::Request {
     struct aiocb cb;
     File::AsyncCallback* callback;
+    LocalFile* file;
+    bool cancelled;  // cancelled while waiting in the file's queue; under the file's mutex_
+
+    // Runs on the notification thread the system creates for each finished read.
+    static void finished(Request* request) { request->file->finish(request); }
 };
+
+namespace {
 
 // Positions are 32-bit inside LocalFile: an offset reaches the system as its
 // low 32 bits, and a position the system gives back is widened by sign.
@@ -37,46 +44,30 @@ int64_t fromSystemOffset(off_t position) {
     return static_cast<int64_t>(static_cast<int32_t>(wide));
 }
 
-// Runs on a notification thread the system creates for each finished read.
 void aio_complete_cb(union sigval value) {
-    LocalAioRequest* request = static_cast<LocalAioRequest*>(value.sival_ptr);
-    int err = aio_error(&request->cb);
-    if (err == 0) {
-        ssize_t n = aio_return(&request->cb);
-        // Advance before the callback: a readAsync() issued from inside
-        // complete() starts right after these bytes.
-        lseek(request->cb.aio_fildes, toSystemOffset(n), SEEK_CUR);
-        uint32_t got = static_cast<uint32_t>(n);
-        if (static_cast<size_t>(n) >= request->cb.aio_nbytes) {
-            request->callback->complete(kStatusOk, got);
-        } else {
-            request->callback->complete(kStatusEndOfFile, got);
-        }
-    } else if (err == ECANCELED) {
-        request->callback->complete(kStatusCancelled, 0);
-    } else {
-        printf("aio_complete_cb fail %d\n", err);
-        request->callback->complete(kStatusError, 0);
-    }
-    // complete() may have destroyed the callback object; only the record is
-    // touched from here on.
-    delete request;
+    LocalFile::Request::finished(static_cast<LocalFile::Request*>(value.sival_ptr));
 }
 
 }  // namespace
 
-LocalFile::LocalFile(const std::string& url) : File(url), fd_(-1), length_(-1), error_(0) {}
+LocalFile::LocalFile(const std::string& url)
+    : File(url),
+      fd_(-1),
+      length_(-1),
+      error_(0),
+      submitted_(nullptr),
+      delivering_(false),
+      closing_(false) {}
 
-LocalFile::~LocalFile() {
-    if (fd_ != -1) {
-        ::close(fd_);
-    }
-}
+// Waits for outstanding reads, as close() does.
+LocalFile::~LocalFile() { LocalFile::close(); }
 
 int LocalFile::open() {
     VELKA_ASSERT(url_.find("file://") == 0);
     std::string path = url_.substr(7);
-    int fd = ::open(path.c_str(), O_RDONLY);
+    // Non-blocking, so that a FIFO without a writer (or a device that waits
+    // for a carrier) does not hold the caller: such a file is refused below.
+    int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK);
     printf("local file open %s fd %d\n", path.c_str(), fd);
     if (fd <= 0) {
         // Descriptor 0 counts as a failure too; it is not kept.
@@ -90,16 +81,31 @@ int LocalFile::open() {
         ::close(fd);
         return -1;
     }
+    // A regular file reads the same either way; blocking reads stay blocking.
+    int flags = fcntl(fd, F_GETFL);
+    if (flags != -1) fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
     fd_ = fd;
     length_ = static_cast<int64_t>(static_cast<int32_t>(st.st_size));
     return 0;
 }
 
+// Every accepted read completes before the descriptor goes: queued reads
+// complete cancelled, the submitted one is cancelled if the system still can
+// and otherwise waited for.
 int LocalFile::close() {
-    if (fd_ != -1) {
-        ::close(fd_);
-        fd_ = -1;
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (fd_ == -1) return 0;
+    closing_ = true;
+    for (Request* queued : waiting_) queued->cancelled = true;
+    if (submitted_ != nullptr) aio_cancel(fd_, &submitted_->cb);
+    // Inside complete() (this thread delivers) nothing is submitted, and the
+    // queue behind this completion no longer needs the descriptor.
+    if (!(delivering_ && deliverer_ == std::this_thread::get_id())) {
+        idle_.wait(lock, [this] { return submitted_ == nullptr && !delivering_; });
     }
+    ::close(fd_);
+    fd_ = -1;
+    closing_ = false;
     return 0;
 }
 
@@ -111,38 +117,122 @@ int LocalFile::read(char* buffer, uint32_t count) {
 
 void* LocalFile::readAsync(char* buffer, uint32_t count, AsyncCallback& callback) {
     VELKA_ASSERT(fd_ != -1);
-    LocalAioRequest* request = new LocalAioRequest();  // zero-filled
+    Request* request = new Request();  // zero-filled
     request->cb.aio_fildes = fd_;
     request->cb.aio_buf = buffer;
     request->cb.aio_nbytes = count;
-    int32_t offset = static_cast<int32_t>(tell());
-    request->cb.aio_offset = offset;
-    printf("local file readAsync length %d off %d fd %d %p\n", static_cast<int>(count), offset,
-           fd_, static_cast<void*>(request));
-    request->cb.aio_sigevent.sigev_notify = SIGEV_THREAD;
-    request->cb.aio_sigevent.sigev_notify_function = aio_complete_cb;
-    request->cb.aio_sigevent.sigev_notify_attributes = nullptr;
-    request->cb.aio_sigevent.sigev_value.sival_ptr = request;
     request->callback = &callback;
-    // Once submitted, the request may complete and be freed on another
-    // thread before aio_read() returns: it is not touched again here.
-    if (aio_read(&request->cb) != 0) {
+    request->file = this;
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (closing_) {
+        delete request;
+        return nullptr;
+    }
+    if (submitted_ != nullptr || delivering_) {
+        // Submitted when the reads before it have completed (see finish()).
+        waiting_.push_back(request);
+        return request;
+    }
+    if (!submitLocked(request)) {
         printf("free aio %p", static_cast<void*>(request));
         delete request;
         return nullptr;
     }
+    // The request may complete on another thread as soon as mutex_ is
+    // released; only its address is returned.
     return request;
 }
 
+// The C library queues the requests of one descriptor behind each other, and
+// its aio_cancel() of the first of them, while no helper thread has taken it
+// yet, unlinks it without making the next one runnable: that request is then
+// never served and never completes. So the system is given one request of a
+// descriptor at a time, and the file keeps the rest in waiting_.
+bool LocalFile::submitLocked(Request* request) {
+    int32_t offset = static_cast<int32_t>(tell());
+    request->cb.aio_offset = offset;
+    printf("local file readAsync length %d off %d fd %d %p\n",
+           static_cast<int>(request->cb.aio_nbytes), offset, fd_, static_cast<void*>(request));
+    request->cb.aio_sigevent.sigev_notify = SIGEV_THREAD;
+    request->cb.aio_sigevent.sigev_notify_function = aio_complete_cb;
+    request->cb.aio_sigevent.sigev_notify_attributes = nullptr;
+    request->cb.aio_sigevent.sigev_value.sival_ptr = request;
+    if (aio_read(&request->cb) != 0) return false;
+    submitted_ = request;
+    return true;
+}
+
+void LocalFile::deliverLocked(std::unique_lock<std::mutex>& lock, Request* request,
+                              VelkaStatus status, uint32_t length) {
+    lock.unlock();
+    request->callback->complete(status, length);
+    // complete() may have destroyed the callback object; only the record is
+    // touched from here on.
+    delete request;
+    lock.lock();
+}
+
+void LocalFile::finish(Request* request) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    VELKA_ASSERT(request == submitted_);
+    // The descriptor is still this file's: close() waits for submitted_.
+    VelkaStatus status;
+    uint32_t got = 0;
+    int err = aio_error(&request->cb);
+    if (err == 0) {
+        ssize_t n = aio_return(&request->cb);
+        // Advance before the callback: the next read starts right after these bytes.
+        lseek(fd_, toSystemOffset(n), SEEK_CUR);
+        got = static_cast<uint32_t>(n);
+        status = static_cast<size_t>(n) >= request->cb.aio_nbytes ? kStatusOk : kStatusEndOfFile;
+    } else if (err == ECANCELED) {
+        status = kStatusCancelled;
+    } else {
+        printf("aio_complete_cb fail %d\n", err);
+        status = kStatusError;
+    }
+    submitted_ = nullptr;
+    delivering_ = true;
+    deliverer_ = std::this_thread::get_id();
+    deliverLocked(lock, request, status, got);
+
+    // The next accepted read goes to the system; cancelled ones, and all of
+    // them once close() has begun, complete here without it.
+    while (!waiting_.empty()) {
+        Request* next = waiting_.front();
+        waiting_.pop_front();
+        if (next->cancelled || closing_ || fd_ == -1) {
+            deliverLocked(lock, next, kStatusCancelled, 0);
+        } else if (submitLocked(next)) {
+            break;
+        } else {
+            printf("free aio %p", static_cast<void*>(next));
+            deliverLocked(lock, next, kStatusError, 0);
+        }
+    }
+    delivering_ = false;
+    idle_.notify_all();
+}
+
 int LocalFile::cancel(void* request) {
-    LocalAioRequest* asyncReq = static_cast<LocalAioRequest*>(request);
+    Request* asyncReq = static_cast<Request*>(request);
     VELKA_ASSERT(asyncReq != NULL);
     printf("local file cancel fd %d\n", fd_);
-    // A cancelled request still completes, once, with kStatusCancelled on its
-    // notification thread; any other answer leaves it to complete normally.
-    if (aio_cancel(fd_, &asyncReq->cb) == AIO_CANCELED) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (Request* queued : waiting_) {
+        if (queued == asyncReq) {
+            // It completes, cancelled, once the reads before it have.
+            queued->cancelled = true;
+            return 0;
+        }
+    }
+    // The system's cancel is safe here: it holds no other request of this
+    // descriptor (see submitLocked()). A cancelled request still completes,
+    // once, with kStatusCancelled on its notification thread.
+    if (asyncReq == submitted_ && aio_cancel(fd_, &asyncReq->cb) == AIO_CANCELED) {
         return 0;
     }
+    // Running, or already completed and perhaps freed: not touched.
     return -1;
 }
 

@@ -69,7 +69,6 @@ private:
 // State shared with the pull callbacks (PullSource.h).
 std::atomic<File*> tempFile_(nullptr);
 std::atomic<int32_t> currentTime_(-1);
-Semaphore* readGate_ = nullptr;
 
 PlaybackThread* playbackThread_ = nullptr;
 
@@ -322,7 +321,6 @@ void PlaybackThread::shutdown() {
 Playback::Playback() {
     rpcInit();
     PlaybackThread* playbackThread = new PlaybackThread();
-    readGate_ = new Semaphore(0);
     playbackThread->thread_ = new Thread(*playbackThread, false, "playbackThread",
                                          kPlaybackPriority, kPlaybackStackSize);
     playbackThread->thread_->start();

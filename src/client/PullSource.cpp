@@ -25,12 +25,17 @@ const uint32_t kShownBytes = 4;
 }  // namespace
 
 PlaybackCallback::PlaybackCallback(IMtkPb_Ctrl_PullReadAsyncNfy done, void* tag)
-    : request_(nullptr), done_(done), tag_(tag) {}
+    : request_(nullptr), handedOff_(0), done_(done), tag_(tag) {}
+
+void PlaybackCallback::handOff(void* request) {
+    request_ = request;
+    handedOff_.post();
+}
 
 // On the source's completion thread, possibly before readAsync has returned.
 void PlaybackCallback::complete(VelkaStatus status, uint32_t length) {
-    // Deliver only once pb_read_async has stored the request handle.
-    readGate_->wait();
+    // Deliver only once pb_read_async has stored this request's handle.
+    handedOff_.wait();
     printf("complete condition %d len %d\n", static_cast<int>(status), static_cast<int>(length));
     void* request = request_;
     switch (status) {
@@ -127,9 +132,8 @@ IMTK_PB_CB_ERROR_CODE_T pb_read_async(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTa
         return IMTK_PB_CB_ERROR_CODE_NOT_OK;
     }
     *phReq = request;
-    callback->setRequest(request);
     // From here on the completion may run and destroy the callback.
-    readGate_->post();
+    callback->handOff(request);
     return IMTK_PB_CB_ERROR_CODE_OK;
 }
 

@@ -29,13 +29,13 @@ extern VELKA_INTERNAL std::atomic<File*> tempFile_;
 // The last position the engine reported and no player has been told of yet;
 // -1 = none.
 extern VELKA_INTERNAL std::atomic<int32_t> currentTime_;
-// Posted once per accepted asynchronous read, after its request handle has
-// been stored; waited once per completion. Built by Playback's constructor.
-extern VELKA_INTERNAL Semaphore* readGate_;
 
 // Completion of one asynchronous read: hands the result to the engine's
 // completion function, then destroys itself. Runs on the source's completion
-// thread.
+// thread, which may come before readAsync has returned: it waits for this
+// read's own hand-off, so that one read's completion can never go ahead on
+// another read's hand-off (with several reads outstanding, or a late
+// completion after an abort) and give the engine a null request handle.
 class PlaybackCallback final : public File::AsyncCallback {
 public:
     PlaybackCallback(IMtkPb_Ctrl_PullReadAsyncNfy done, void* tag);
@@ -43,11 +43,14 @@ public:
     void complete(VelkaStatus status, uint32_t length) override;
     ~PlaybackCallback() override {}
 
-    // Stored by pb_read_async once readAsync has accepted the request.
-    void setRequest(void* request) { request_ = request; }
+    // By pb_read_async once readAsync has accepted the request: stores its
+    // handle and lets the completion go. The callback may be gone as soon as
+    // this returns.
+    void handOff(void* request);
 
 private:
     std::atomic<void*> request_;         // the handle readAsync returned; null until then
+    Semaphore handedOff_;                // posted once, by handOff(); waited once, by complete()
     IMtkPb_Ctrl_PullReadAsyncNfy done_;  // the engine's completion function
     void* tag_;                          // the engine's context for done_
 };

@@ -76,6 +76,9 @@ void Thread::localstart() {
     pthread_mutex_lock(&startLock_);
     pthread_mutex_unlock(&startLock_);
 
+    // Shown by ps, top and debuggers; the system keeps the first 15 characters.
+    pthread_setname_np(pthread_self(), name_.substr(0, 15).c_str());
+
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGTERM);

@@ -1,7 +1,7 @@
 #ifndef VELKA_TESTS_SUPPORT_NGINXSERVER_H
 #define VELKA_TESTS_SUPPORT_NGINXSERVER_H
 
-// A real web server for the HTTP tests: Debian's nginx, started as an
+// A real web server for the HTTP tests and benchmarks: Debian's nginx, started as an
 // ordinary child process on 127.0.0.1 with a free port, its own configuration,
 // document root and logs in a temporary folder, and stopped (and waited for)
 // when the object goes. Its access log records each request's method, path,
@@ -24,14 +24,15 @@
 
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "../TestSupport.h"
-
 namespace testing_support {
+
 
 class NginxServer {
 public:
@@ -45,8 +46,15 @@ public:
         int64_t bodyBytes;
     };
 
-    NginxServer() = default;
-    ~NginxServer() { stop(); }
+    NginxServer() {
+        char pattern[] = "/tmp/velka-nginx-XXXXXX";
+        if (mkdtemp(pattern) != nullptr) dir_ = pattern;
+    }
+    ~NginxServer() {
+        stop();
+        std::error_code ignored;
+        if (!dir_.empty()) std::filesystem::remove_all(dir_, ignored);
+    }
     NginxServer(const NginxServer&) = delete;
     NginxServer& operator=(const NginxServer&) = delete;
 
@@ -60,12 +68,12 @@ public:
             *why = "nginx is not installed (scripts/setup.sh installs nginx-light)";
             return false;
         }
-        if (dir_.path().empty()) {
+        if (dir_.empty()) {
             *why = "cannot create a temporary folder";
             return false;
         }
         for (const char* sub : {"/root", "/logs", "/tmp"}) {
-            if (mkdir((dir_.path() + sub).c_str(), 0755) != 0) {
+            if (mkdir((dir_ + sub).c_str(), 0755) != 0) {
                 *why = std::string("cannot create ") + sub;
                 return false;
             }
@@ -95,14 +103,17 @@ public:
     }
     // Puts `bytes` in the document root as `name` (also served under /slow/
     // and /chunked/).
-    void serve(const std::string& name, const std::vector<char>& bytes) {
-        dir_.write("root/" + name, bytes);
+    void serve(const std::string& name, const std::vector<char>& bytes) const {
+        std::ofstream out(file("root/" + name), std::ios::binary);
+        out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     }
+    // The document root's path for `name`.
+    std::string rootFile(const std::string& name) const { return file("root/" + name); }
 
     // The requests logged so far, in the order they ended.
     std::vector<Request> requests() const {
         std::vector<Request> out;
-        std::ifstream in(dir_.file("logs/access.log"));
+        std::ifstream in(file("logs/access.log"));
         for (std::string line; std::getline(in, line);) {
             std::istringstream fields(line);
             Request r;
@@ -115,14 +126,25 @@ public:
         return out;
     }
     // Waits until `count` requests have been logged (a request is logged when
-    // it ends).
+    // it ends), 20 s at most.
     std::vector<Request> waitForRequests(size_t count) const {
         std::vector<Request> logged;
-        waitUntil([&] { return (logged = requests()).size() >= count; });
+        waitFor([&] { return (logged = requests()).size() >= count; });
         return logged;
     }
 
 private:
+    std::string file(const std::string& name) const { return dir_ + "/" + name; }
+
+    static bool waitFor(const std::function<bool()>& condition) {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (!condition()) {
+            if (std::chrono::steady_clock::now() > end) return false;
+            usleep(1000);
+        }
+        return true;
+    }
+
     static int freePort() {
         int fd = socket(AF_INET, SOCK_STREAM, 0);
         if (fd == -1) return -1;
@@ -152,8 +174,8 @@ private:
     }
 
     bool launch(std::string* why) {
-        const std::string& d = dir_.path();
-        std::ofstream conf(dir_.file("nginx.conf"));
+        const std::string& d = dir_;
+        std::ofstream conf(file("nginx.conf"));
         conf << "daemon off;\nmaster_process off;\nworker_processes 1;\n"
              << "pid " << d << "/nginx.pid;\nerror_log " << d << "/logs/error.log;\n"
              << "events { worker_connections 256; }\n"
@@ -181,8 +203,8 @@ private:
             return false;
         }
 
-        const std::string confPath = dir_.file("nginx.conf");
-        const std::string errPath = dir_.file("logs/startup.log");
+        const std::string confPath = file("nginx.conf");
+        const std::string errPath = file("logs/startup.log");
         std::vector<std::string> args = {binary_, "-p", d, "-c", confPath, "-e", errPath};
         std::vector<char*> argv;
         for (std::string& a : args) argv.push_back(&a[0]);
@@ -208,7 +230,7 @@ private:
             return false;
         }
         bool exited = false;
-        const bool up = waitUntil([&] {
+        const bool up = waitFor([&] {
             int status;
             exited = waitpid(pid_, &status, WNOHANG) == pid_;
             return exited || accepts(port_);
@@ -233,7 +255,7 @@ private:
         return false;
     }
 
-    TempDir dir_;
+    std::string dir_;  // configuration, document root, logs
     std::string binary_;
     pid_t pid_ = -1;
     int port_ = -1;

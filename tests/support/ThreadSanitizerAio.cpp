@@ -17,10 +17,16 @@
 // notification function runs once per request, on a new thread, after the
 // results are set. Only SIGEV_THREAD and SIGEV_NONE notifications are
 // supported.
+//
+// Also kept, a fault of glibc's: the requests of one descriptor queue behind
+// each other, only the first of them is runnable, and cancelling that first
+// one before it has started makes the next the first without making it
+// runnable, so it is never served and never finishes.
 
 #include <aio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <condition_variable>
 #include <deque>
@@ -30,14 +36,17 @@
 
 namespace {
 
-enum class Stage { kQueued, kRunning, kCancelled };
+enum class Stage { kQueued, kRunning };
 
 // All state lives on the heap and is never destroyed: the worker may still
 // wait on it while the program exits.
 struct Shared {
     std::mutex mutex;  // guards everything below and the result fields of listed aiocbs
     std::condition_variable wake;
-    std::deque<struct aiocb*> queue;                        // submitted, not yet taken
+    // The first request of each descriptor, made runnable, not yet taken.
+    std::deque<struct aiocb*> runnable;
+    // Per descriptor, its unfinished requests in submission order.
+    std::unordered_map<int, std::deque<struct aiocb*>> chains;
     std::unordered_map<const struct aiocb*, Stage> pending;  // submitted, not yet finished
     bool workerStarted = false;
 };
@@ -47,37 +56,48 @@ Shared& shared() {
     return *state;
 }
 
-// One worker serves the requests in submission order, as glibc serves the
-// requests of one descriptor, so a request queued behind a long one can still
-// be cancelled. Each notification runs on a thread of its own.
+// Sets the results and removes `cb` from its descriptor's chain; the next
+// request of the chain becomes runnable when `advance` is set. Returns the
+// request's event, copied before the notification may free the request.
+// Caller holds the mutex.
+struct sigevent finishLocked(Shared& s, struct aiocb* cb, int error, ssize_t result, bool advance) {
+    cb->__error_code = error;
+    cb->__return_value = result;
+    s.pending.erase(cb);
+    std::deque<struct aiocb*>& chain = s.chains[cb->aio_fildes];
+    chain.erase(std::find(chain.begin(), chain.end(), cb));
+    if (advance && !chain.empty()) {
+        s.runnable.push_back(chain.front());
+        s.wake.notify_one();
+    }
+    if (chain.empty()) s.chains.erase(cb->aio_fildes);
+    return cb->aio_sigevent;
+}
+
+void notify(const struct sigevent& event) {
+    if (event.sigev_notify == SIGEV_THREAD) {
+        std::thread([event] { event.sigev_notify_function(event.sigev_value); }).detach();
+    }
+}
+
+// One worker serves the runnable requests in the order they became runnable.
+// Each notification runs on a thread of its own.
 void work() {
     Shared& s = shared();
     for (;;) {
         std::unique_lock<std::mutex> lock(s.mutex);
-        s.wake.wait(lock, [&s] { return !s.queue.empty(); });
-        struct aiocb* cb = s.queue.front();
-        s.queue.pop_front();
-        Stage& stage = s.pending[cb];
-        const bool cancelled = stage == Stage::kCancelled;
-        if (!cancelled) stage = Stage::kRunning;
+        s.wake.wait(lock, [&s] { return !s.runnable.empty(); });
+        struct aiocb* cb = s.runnable.front();
+        s.runnable.pop_front();
+        s.pending[cb] = Stage::kRunning;
         lock.unlock();
-        ssize_t result = -1;
-        int error = ECANCELED;
-        if (!cancelled) {
-            result = pread(cb->aio_fildes, const_cast<void*>(cb->aio_buf), cb->aio_nbytes,
-                           cb->aio_offset);
-            error = result < 0 ? errno : 0;
-        }
-        // The notification may free the request: copy its event first.
-        const struct sigevent event = cb->aio_sigevent;
+        ssize_t result = pread(cb->aio_fildes, const_cast<void*>(cb->aio_buf), cb->aio_nbytes,
+                               cb->aio_offset);
+        const int error = result < 0 ? errno : 0;
         lock.lock();
-        cb->__error_code = error;
-        cb->__return_value = result;
-        s.pending.erase(cb);
+        const struct sigevent event = finishLocked(s, cb, error, result, true);
         lock.unlock();
-        if (event.sigev_notify == SIGEV_THREAD) {
-            std::thread([event] { event.sigev_notify_function(event.sigev_value); }).detach();
-        }
+        notify(event);
     }
 }
 
@@ -99,8 +119,12 @@ int aio_read(struct aiocb* cb) {
     }
     s.pending[cb] = Stage::kQueued;
     cb->__error_code = EINPROGRESS;
-    s.queue.push_back(cb);
-    s.wake.notify_one();
+    std::deque<struct aiocb*>& chain = s.chains[cb->aio_fildes];
+    chain.push_back(cb);
+    if (chain.size() == 1) {
+        s.runnable.push_back(cb);
+        s.wake.notify_one();
+    }
     return 0;
 }
 
@@ -120,11 +144,17 @@ int aio_cancel(int fd, struct aiocb* cb) {
         errno = cb == nullptr ? ENOSYS : EBADF;
         return -1;
     }
-    std::lock_guard<std::mutex> lock(shared().mutex);
-    auto it = shared().pending.find(cb);
-    if (it == shared().pending.end()) return AIO_ALLDONE;
+    Shared& s = shared();
+    std::unique_lock<std::mutex> lock(s.mutex);
+    auto it = s.pending.find(cb);
+    if (it == s.pending.end()) return AIO_ALLDONE;
     if (it->second == Stage::kRunning) return AIO_NOTCANCELED;
-    it->second = Stage::kCancelled;
+    auto runnable = std::find(s.runnable.begin(), s.runnable.end(), cb);
+    if (runnable != s.runnable.end()) s.runnable.erase(runnable);
+    // As glibc: the request behind a cancelled first one is not made runnable.
+    const struct sigevent event = finishLocked(s, cb, ECANCELED, -1, false);
+    lock.unlock();
+    notify(event);
     return AIO_CANCELED;
 }
 

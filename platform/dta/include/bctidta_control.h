@@ -52,6 +52,10 @@ void setBufferCapacity(uint32_t bytes);
 // the task's own.
 void setReportedState(int32_t state);
 
+// kDtaInfoTransfer queries report a total length of -1, as for a stream
+// whose transport gives no length.
+void setLengthUnknown(bool unknown);
+
 // readData() calls wait on entry (already counted, nothing read yet) until
 // releaseReads() or reset().
 void holdReads();

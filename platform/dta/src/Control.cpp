@@ -24,6 +24,7 @@ const detail::Settings kDefaultSettings = {
     0,      // bufferCapacity
     false,  // stateForced
     0,      // reportedState
+    false,  // lengthHidden
 };
 
 // Trivially destructible, so the counts stay readable from exit handlers.
@@ -128,6 +129,10 @@ void setReportedState(int32_t state) {
         s.stateForced = true;
         s.reportedState = state;
     });
+}
+
+void setLengthUnknown(bool unknown) {
+    change([unknown](detail::Settings& s) { s.lengthHidden = unknown; });
 }
 
 void holdReads() {

@@ -22,6 +22,7 @@ struct Settings {
     uint32_t bufferCapacity;
     bool stateForced;
     int32_t reportedState;
+    bool lengthHidden;
 };
 
 // A copy of the settings as they are now.

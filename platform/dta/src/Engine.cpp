@@ -197,9 +197,10 @@ public:
         if (kind == kDtaInfoTransfer) {
             DtaTransferInfo record;
             std::memset(&record, 0, sizeof(record));
+            const bool lengthHidden = detail::settings().lengthHidden;
             std::lock_guard<std::mutex> lock(task->mutex);
             record.readPosition = task->readPos;
-            record.totalLength = task->totalLength;
+            record.totalLength = lengthHidden ? -1 : task->totalLength;
             record.bufferedBytes = task->buffered();
             record.bufferPercent = bufferPercent(*task);
             std::memcpy(info, &record, sizeof(record));
@@ -256,6 +257,7 @@ private:
 
     // Caller holds task.mutex; the n bytes at readPos are buffered.
     static void copyOut(const Task& task, char* buffer, uint64_t n) {
+        if (n == 0) return;  // a read of nothing may come without a buffer
         const uint64_t size = task.ring.size();
         uint64_t at = static_cast<uint64_t>(task.readPos) % size;
         uint64_t first = std::min(n, size - at);
