@@ -344,6 +344,7 @@ TEST_F(HttpFaultTest, AStallRestartsButAFullRingOrASlowDripDoNot) {
     idle.reset();
     dripping.reset();
     stalling.reset();
+    EXPECT_TRUE(server_.waitIdle());  // a request is logged when its connection ends
     EXPECT_EQ(1u, server_.requests("/idle").size());
     EXPECT_EQ(1u, server_.requests("/drip").size());
 }
