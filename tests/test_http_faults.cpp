@@ -550,7 +550,7 @@ TEST_F(HttpFaultTest, ManyOpenReadCloseCyclesLeaveNothingBehind) {
     for (int i = 0; i < 1000; ++i) cycle(nginx.url("small"));
     for (int i = 0; i < 200; ++i) cycle(failing[static_cast<size_t>(i) % failing.size()]);
     printf("cycles took %.1f s\n", secondsSince(start));
-    EXPECT_EQ(1040u, nginx.requests().size());
+    EXPECT_EQ(1040u, nginx.waitForRequests(1040).size());
 
     EXPECT_TRUE(server_.waitIdle());
     EXPECT_TRUE(waitUntil([&] { return openDescriptors() == descriptors; }))
