@@ -199,10 +199,10 @@ int HttpTaskThread::performAndSelect(void* multiArg) {
     }
     long timeoutMs = 0;
     curl_multi_timeout(multi, &timeoutMs);
-    // libcurl may name seconds (its connect time-out, 20 s, for a transfer
-    // whose server went quiet), and a request queued meanwhile does not end
-    // the select(): one stalled stream would hold every other stream's reads,
-    // and the stall checks, that long. Never wait longer than when it names none.
+    // libcurl may name many seconds (nearly 20 with a transfer whose server
+    // went quiet), and a request queued meanwhile does not end the select():
+    // one stalled stream would hold every other stream's reads, and the stall
+    // checks, that long. Never wait longer than when it names none.
     if (timeoutMs < 0 || timeoutMs > kIdlePassMs) timeoutMs = kIdlePassMs;
     struct timeval limit;
     limit.tv_sec = timeoutMs / 1000;
