@@ -2,7 +2,8 @@
 // through a full ring in one request, a seeded run of seeks and reads checked
 // against a model of the ring and nginx's access log, waits for short gaps,
 // the end of the stream and the tail cache, queue order and cancel, several
-// files on the one worker, failing opens and the precondition assertions.
+// files on the one worker and the precondition assertions (failing opens are
+// in the fault suite).
 
 #include <gtest/gtest.h>
 
@@ -426,30 +427,6 @@ TEST_F(HttpFileTest, SeveralFilesShareTheWorkerAndClosingOneLeavesTheOthers) {
         EXPECT_TRUE(readers[i]->data == contents[i]) << "stream " << i;
     }
     EXPECT_EQ(1u, log.all().size());
-}
-
-TEST_F(HttpFileTest, OpenFailsForErrorsEmptyResponsesOtherSchemesAndClosedPorts) {
-    server_.serve("present", patternBytes(1000, 14));
-    const std::string base = "127.0.0.1:" + std::to_string(server_.port());
-    const std::string urls[] = {
-        server_.url("missing"),   // 404 with a body: the body is refused
-        server_.url("empty"),     // 204: the response ends without a body
-        "ftp://" + base + "/present",
-        "file:///etc/hostname",
-        "http://127.0.0.1:1/present",  // nothing listens there
-    };
-    for (const std::string& url : urls) {
-        SCOPED_TRACE(url);
-        const size_t mark = tap_.text().size();
-        HttpFile file(url);
-        EXPECT_EQ(-1, file.open());
-        EXPECT_EQ(1u, tap_.count("HttpFile::open fail 1", mark));
-        EXPECT_EQ(1u, tap_.count("get task info end", mark));
-        // The task info of a failed task is published once, not at every pass.
-        EXPECT_EQ(1u, tap_.count("notify task info fail", mark));
-        EXPECT_EQ(0, file.close());
-        EXPECT_EQ(0, file.cachePercent());
-    }
 }
 
 TEST(HttpFileDeathTest, OperationsOnAFileThatIsNotOpenStopAtTheAssertion) {

@@ -126,6 +126,11 @@ void HttpTaskThread::run() {
             if (code == CURLE_WRITE_ERROR) {
                 task->error_ = CURLE_WRITE_ERROR;  // the task refused the response status
             } else if (code != CURLE_OK) {
+                // The first body bytes and the end of the transfer can come in
+                // one pass, before the task info was published: the length is
+                // known all the same, so publish it and retry like any other
+                // transfer that fails after it.
+                if (task->downloadPos_ > 0) task->notifyTaskInfo();
                 if (task->length_ > 0 && task->retries_ <= 1 && !task->removed_ &&
                     workerRunning_) {
                     // From where the download stood, with a range.
@@ -194,7 +199,11 @@ int HttpTaskThread::performAndSelect(void* multiArg) {
     }
     long timeoutMs = 0;
     curl_multi_timeout(multi, &timeoutMs);
-    if (timeoutMs == -1) timeoutMs = kIdlePassMs;
+    // libcurl may name many seconds (nearly 20 with a transfer whose server
+    // went quiet), and a request queued meanwhile does not end the select():
+    // one stalled stream would hold every other stream's reads, and the stall
+    // checks, that long. Never wait longer than when it names none.
+    if (timeoutMs < 0 || timeoutMs > kIdlePassMs) timeoutMs = kIdlePassMs;
     struct timeval limit;
     limit.tv_sec = timeoutMs / 1000;
     limit.tv_usec = (timeoutMs % 1000) * 1000;
