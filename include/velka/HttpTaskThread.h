@@ -1,6 +1,7 @@
 #ifndef VELKA_HTTPTASKTHREAD_H
 #define VELKA_HTTPTASKTHREAD_H
 
+#include <atomic>
 #include <vector>
 
 #include "velka/Mutex.h"
@@ -38,8 +39,11 @@ private:
     // At process exit: stops the loop and releases the multi handle.
     ~HttpTaskThread();
 
+    // Posts wakeup_ and ends a select() under way; any thread.
+    void wake();
     // One libcurl pass over every transfer, then a select() on their sockets
-    // for at most libcurl's own time-out (100 ms when it has none). On the worker.
+    // and the wake pipe for at most libcurl's own time-out, 100 ms at most.
+    // On the worker.
     int performAndSelect(void* multi);
     // Takes `task` out of tasks_ (at `index`) and destroys it, its queued
     // requests completed as cancelled first. On the worker, tasksLock_ held.
@@ -51,6 +55,8 @@ private:
     Mutex tasksLock_;      // guards tasks_; held while serving, walking and publishing
     Mutex pendingLock_;    // guards pending_
     Semaphore wakeup_;     // wakes the loop: new task, new request, release, exit
+    int wakePipe_[2];      // read end in every select(); written by wake()
+    std::atomic<bool> wakeQueued_;  // a byte is in the pipe: no need to write another
 };
 
 }  // namespace velka

@@ -135,7 +135,7 @@ HttpTask* HttpTask::create(const std::string& url) {
         Mutex::Autolock lock(worker->tasksLock_);
         worker->tasks_.push_back(task);
     }
-    worker->wakeup_.post();
+    worker->wake();
 
     // From here on the task belongs to the worker; only the fields published
     // with the semaphore are read.
@@ -144,7 +144,7 @@ HttpTask* HttpTask::create(const std::string& url) {
         // Failed, or the response ended without a byte of body.
         printf("worker remove task %p\n", static_cast<void*>(task));
         task->removed_ = true;
-        worker->wakeup_.post();
+        worker->wake();
         puts("HttpFile::open fail 3");
         return nullptr;
     }
@@ -160,7 +160,7 @@ void HttpTask::remove(HttpTask* task, Semaphore* destroyed) {
     // Stored before removed_ is published: the worker reads it after seeing the flag.
     task->destroyed_ = destroyed;
     task->removed_ = true;
-    worker_.load()->wakeup_.post();
+    worker_.load()->wake();
 }
 
 HttpTask::~HttpTask() {
@@ -363,7 +363,7 @@ AsyncRequest* HttpTask::readAsync(char* buffer, uint32_t length, File::AsyncCall
         Mutex::Autolock lock(worker->pendingLock_);
         worker->pending_ += 1;
     }
-    worker->wakeup_.post();
+    worker->wake();
     // The request may already be completed and freed; only its address is returned.
     return request;
 }

@@ -1,4 +1,6 @@
+#include <fcntl.h>
 #include <sys/select.h>
+#include <unistd.h>
 
 #include <cstdio>
 
@@ -37,14 +39,27 @@ void initCurl() {
 
 bool onHttpWorker() { return onWorker_; }
 
+void HttpTaskThread::wake() {
+    wakeup_.post();
+    // On the worker itself (a completion queueing the next read) there is no
+    // wait to cut short; elsewhere one byte in the pipe is enough for any
+    // number of wakes.
+    if (onWorker_ || wakePipe_[1] == -1 || wakeQueued_.exchange(true)) return;
+    const char byte = 1;
+    if (write(wakePipe_[1], &byte, 1) != 1) wakeQueued_ = false;
+}
+
 HttpTaskThread* HttpTaskThread::instance() {
     Mutex::Autolock lock(instanceMutex_);
     static HttpTaskThread taskSingleton;
     return &taskSingleton;
 }
 
-HttpTaskThread::HttpTaskThread() : pending_(0), thread_(nullptr), wakeup_(0) {
+HttpTaskThread::HttpTaskThread()
+    : pending_(0), thread_(nullptr), wakeup_(0), wakePipe_{-1, -1}, wakeQueued_(false) {
     puts("---HttpTaskThread ----");
+    // Without the pipe the worker still runs; waits just end at their time-out.
+    if (pipe2(wakePipe_, O_NONBLOCK | O_CLOEXEC) != 0) wakePipe_[0] = wakePipe_[1] = -1;
     initCurl();
     multiHandle_ = curl_multi_init();
     curl_multi_setopt(multiHandle_, CURLMOPT_MAXCONNECTS, kMaxConnects);
@@ -58,10 +73,13 @@ HttpTaskThread::HttpTaskThread() : pending_(0), thread_(nullptr), wakeup_(0) {
 // At process exit. Tasks still owned by an open HttpFile stay as they are.
 HttpTaskThread::~HttpTaskThread() {
     workerRunning_ = false;  // running transfers abort at their next progress report
-    wakeup_.post();
+    wake();
     delete thread_;  // waits for run() to return
     curl_multi_cleanup(multiHandle_);
     multiHandle_ = nullptr;
+    for (int fd : wakePipe_) {
+        if (fd != -1) close(fd);
+    }
 }
 
 void HttpTaskThread::run() {
@@ -193,21 +211,35 @@ int HttpTaskThread::performAndSelect(void* multiArg) {
     FD_ZERO(&exceptSet);
     int maxFd = 0;
     curl_multi_fdset(multi, &readSet, &writeSet, &exceptSet, &maxFd);
-    if (maxFd == -1) {
-        Thread::sleep(kIdlePassMs);
-        return runningCount_;
-    }
     long timeoutMs = 0;
-    curl_multi_timeout(multi, &timeoutMs);
-    // libcurl may name many seconds (nearly 20 with a transfer whose server
-    // went quiet), and a request queued meanwhile does not end the select():
-    // one stalled stream would hold every other stream's reads, and the stall
-    // checks, that long. Never wait longer than when it names none.
-    if (timeoutMs < 0 || timeoutMs > kIdlePassMs) timeoutMs = kIdlePassMs;
+    if (maxFd == -1) {
+        // No socket to wait for (every transfer paused or between
+        // connections): a nap, which wake() cuts short.
+        timeoutMs = kIdlePassMs;
+    } else {
+        curl_multi_timeout(multi, &timeoutMs);
+        // libcurl may name many seconds (nearly 20 with a transfer whose
+        // server went quiet): one stalled stream would hold the stall checks
+        // of every other stream that long. Never wait longer than when it
+        // names none.
+        if (timeoutMs < 0 || timeoutMs > kIdlePassMs) timeoutMs = kIdlePassMs;
+    }
+    // A request, task or release from another thread ends the wait at once
+    // instead of waiting for the next byte of some transfer.
+    FD_SET(wakePipe_[0], &readSet);
+    if (wakePipe_[0] > maxFd) maxFd = wakePipe_[0];
     struct timeval limit;
     limit.tv_sec = timeoutMs / 1000;
     limit.tv_usec = (timeoutMs % 1000) * 1000;
     const int ret = select(maxFd + 1, &readSet, &writeSet, &exceptSet, &limit);
+    if (ret > 0 && FD_ISSET(wakePipe_[0], &readSet)) {
+        // Cleared first: a wake() after this writes again, and anything it
+        // announces is served by the pass that follows anyway.
+        wakeQueued_ = false;
+        char drain[64];
+        while (read(wakePipe_[0], drain, sizeof drain) > 0) {
+        }
+    }
     if (ret < 0) printf("Select multiple IO failed %d\n", ret);
     return runningCount_;
 }
