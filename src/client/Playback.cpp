@@ -88,6 +88,8 @@ std::atomic<bool> seeking_(false);        // timeSeek() waits for the engine
 std::atomic<bool> paused_(false);         // paused: time updates are held back
 std::atomic<int32_t> totalTime_(0);       // the duration the engine reported last
 std::atomic<int32_t> startPosition_(0);   // seconds to seek to once playback started; 0 = none
+// Called after every notification (setEventHook); set by the player front end.
+std::atomic<void (*)()> eventHook_(nullptr);
 
 // The whole picture: the first rectangle of every display change.
 const EngineRect kWholePicture = {0, 0, 1000, 1000};
@@ -195,6 +197,8 @@ int32_t pb_callback(IMTK_PB_CTRL_EVENT_T event, void* tag, intptr_t data) {
             break;
     }
     fflush(stdout);
+    void (*hook)() = eventHook_;
+    if (hook != nullptr) hook();
     return 0;
 }
 
@@ -341,6 +345,9 @@ Playback::~Playback() {
 }
 
 VelkaStatus Playback::open(const std::string& url) {
+    // One medium at a time: the open one keeps its source, its engine
+    // instance and its pending notifications.
+    if (tempFile_ != nullptr || engineHandle_ != 0) return kStatusError;
     errorCode_ = 0;
     fullRect_ = kWholePicture;
     openedPending_ = false;
@@ -571,6 +578,8 @@ void Playback::getEvent(MediaPlayer::Event& event) {
     event.id = MediaPlayer::kEventTimeUpdate;
     event.param = time;
 }
+
+void Playback::setEventHook(void (*hook)()) { eventHook_ = hook; }
 
 void Playback::setVolume(unsigned int volume) { (void)volume; }
 
