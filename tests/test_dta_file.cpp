@@ -580,22 +580,23 @@ int downloadThreads() {
 }
 
 pid_t workerTid = 0;  // the thread the worker completes on
-std::string seenBeforeExit;
+char seenBeforeExit[200];  // plain storage: still there after static destructors
 
-// Registered before the worker is built, so it runs after the worker's destructor.
+// The worker is torn down with the media library's static objects, after
+// every exit handler of the program; the engine's library goes later still.
 void reportAtExit() {
     struct stat st;
     const bool workerAlive =
         workerTid != 0 && stat(("/proc/self/task/" + std::to_string(workerTid)).c_str(), &st) == 0;
     fprintf(stderr, "report: %s uninit=%d tmp_velka_after=%d worker_alive=%d downloads_left=%d\n",
-            seenBeforeExit.c_str(), control::calls().uninitEngine, tmpVelkaExists(), workerAlive,
+            seenBeforeExit, control::calls().uninitEngine, tmpVelkaExists(), workerAlive,
             downloadThreads());
 }
 
 // Reads the test program itself through a DtaFile, leaves one engine task
 // open, and exits.
 void readThenExit() {
-    atexit(reportAtExit);
+    control::setUnloadReport(reportAtExit);
     const std::string url = "dta-test:///proc/self/exe";
     std::ifstream in("/proc/self/exe", std::ios::binary);
     std::vector<char> expected((std::istreambuf_iterator<char>(in)),
@@ -615,9 +616,9 @@ void readThenExit() {
     file.close();
     // A second task stays open in the engine: this file goes without close().
     DtaFile(url).open();
-    seenBeforeExit = "data=" + std::to_string(got == expected) +
-                     " tmp_velka_while_open=" + std::to_string(tmpVelkaExists()) +
-                     " downloads_while_open=" + std::to_string(downloadThreads());
+    snprintf(seenBeforeExit, sizeof seenBeforeExit,
+             "data=%d tmp_velka_while_open=%d downloads_while_open=%d", got == expected,
+             tmpVelkaExists(), downloadThreads());
     exit(0);
 }
 

@@ -5,6 +5,7 @@
 // writes during the run played end to end.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 extern "C" {
 #include <libavformat/avformat.h>
@@ -518,6 +519,38 @@ TEST_F(PlayerTest, CommandsOnTwoPlayersFromSeveralThreadsNeitherDeadlockNorRace)
     ASSERT_TRUE(log_.waitForTransitions(3));
     player_->close();
     expectTransitions({kOpening, kOpened, kPlaying, kClosed});
+}
+
+// ---------------------------------------------------------------------------
+// A host that returns from main (here: exit) while a network medium plays
+// through the download engine, its player never destroyed: at unload
+// Playback stops and closes the medium through the engine's worker, which
+// must still be there. A hang at exit ends the child by its alarm.
+
+MediaPlayer* exitingPlayer = nullptr;  // globals: left to the process's end
+EventLog* exitingLog = nullptr;
+
+void playNetworkMediumThenExit() {
+    alarm(60);
+    mtkpb::control::setSpeed(1);
+    exitingLog = new EventLog;
+    exitingPlayer = new MediaPlayer;
+    exitingPlayer->addListener(*exitingLog);
+    if (exitingPlayer->open("dta-test://" + media().longClip) != kStatusOk) exit(3);
+    if (exitingPlayer->play(0) != kStatusOk) exit(4);
+    const bool playing = exitingLog->waitFor([](const Events& all) {
+        for (const Event& e : all) {
+            if (e.id == MediaPlayer::kEventTimeUpdate) return true;
+        }
+        return false;
+    });
+    exit(playing ? 0 : 5);
+}
+
+TEST(PlayerExitDeathTest, ProcessExitWhileANetworkMediumPlaysEndsCleanly) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    ASSERT_FALSE(media().dir.empty()) << "ffmpeg could not make the test media";
+    EXPECT_EXIT(playNetworkMediumThenExit(), ::testing::ExitedWithCode(0), "");
 }
 
 // ---------------------------------------------------------------------------

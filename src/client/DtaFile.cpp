@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "CBctiDta.h"
+#include "LibraryExit.h"
 #include "velka/Assert.h"
 #include "velka/Semaphore.h"
 #include "velka/Thread.h"
@@ -31,7 +32,8 @@ struct DtaAsyncRequest {
 
 // The one worker of all DtaFiles: serves their asynchronous reads one at a
 // time, oldest first, and owns the engine's start-up and tear-down. Built on
-// first use, destroyed at process exit.
+// first use and never freed; torn down at process exit after Playback
+// (LibraryExit.h), from when on it refuses new reads.
 class DtaTaskThread : public Thread::Runnable {
 public:
     static DtaTaskThread* instance();
@@ -43,16 +45,19 @@ private:
     friend class DtaFile;
 
     DtaTaskThread();
-    ~DtaTaskThread();
+    // At process exit, after Playback: ends the thread, completes what is
+    // still queued as cancelled, releases the engine.
+    static void tearDown();
 
     // On the worker, with the file's mutex_ held: one engine read for
     // `request`, unless its file was closed meanwhile.
     VelkaStatus serve(DtaAsyncRequest* request, uint32_t* count);
 
     std::atomic<bool> running_;  // cleared at tear-down
+    bool tornDown_;              // reads are refused from tear-down on; under mutex_
     int initResult_;             // the engine's initEngine result; non-zero = unusable
     Thread* thread_;             // owned
-    Mutex mutex_;                // guards requests_, inService_ and its file
+    Mutex mutex_;                // guards requests_, inService_ and its file, tornDown_
     Semaphore wakeup_;           // posted once per queued request and once at tear-down
     std::deque<DtaAsyncRequest*> requests_;  // oldest first
     // The request taken off the queue and not yet completed and freed; null
@@ -75,9 +80,6 @@ const int kCloseGraceMs = 500;
 // The engine, set once while the worker is built.
 CBctiDta* dtaEngine_ = nullptr;
 
-// Held for the whole of DtaTaskThread::instance(); built at load.
-Mutex instanceMutex_;
-
 // The low 32 bits, for the engine's diagnostic lines.
 int low32(int64_t value) { return static_cast<int>(static_cast<uint32_t>(value)); }
 
@@ -92,13 +94,19 @@ int dta_event_handler(CBctiDta* /*engine*/, int32_t event, int32_t param1, int32
 }  // namespace
 
 DtaTaskThread* DtaTaskThread::instance() {
-    Mutex::Autolock lock(instanceMutex_);
-    static DtaTaskThread dtaTaskThread;
-    return &dtaTaskThread;
+    // Built once; other first callers wait for it. The pointer has nothing to
+    // destroy at exit, so late callers still find the worker.
+    static DtaTaskThread* const dtaTaskThread = [] {
+        DtaTaskThread* worker = new DtaTaskThread();
+        tearDownAfterPlayback(&DtaTaskThread::tearDown);
+        return worker;
+    }();
+    return dtaTaskThread;
 }
 
 DtaTaskThread::DtaTaskThread()
     : running_(false),
+      tornDown_(false),
       initResult_(0),
       thread_(nullptr),
       wakeup_(0),
@@ -122,11 +130,26 @@ DtaTaskThread::DtaTaskThread()
     thread_->start();
 }
 
-// At process exit. Requests still queued are neither completed nor freed.
-DtaTaskThread::~DtaTaskThread() {
-    running_ = false;
-    wakeup_.post();
-    delete thread_;  // waits for run() to return
+void DtaTaskThread::tearDown() {
+    DtaTaskThread* worker = instance();
+    {
+        Mutex::Autolock lock(worker->mutex_);
+        worker->tornDown_ = true;
+        worker->running_ = false;
+    }
+    worker->wakeup_.post();
+    delete worker->thread_;  // waits for run() to return
+    worker->thread_ = nullptr;
+    // Every accepted read completes once, also those the worker did not reach.
+    std::deque<DtaAsyncRequest*> left;
+    {
+        Mutex::Autolock lock(worker->mutex_);
+        left.swap(worker->requests_);
+    }
+    for (DtaAsyncRequest* request : left) {
+        request->callback->complete(kStatusCancelled, 0);
+        delete request;
+    }
     dtaEngine_->uninitEngine();
     int ret = system("rm -fr /tmp/velka");
     (void)ret;
@@ -318,8 +341,9 @@ void* DtaFile::readAsync(char* buffer, uint32_t length, AsyncCallback& callback)
     DtaTaskThread* worker = DtaTaskThread::instance();
     {
         Mutex::Autolock lock(worker->mutex_);
-        // A read issued from a completion while close() runs would come after it.
-        if (closing_) {
+        // A read issued from a completion while close() runs would come after
+        // it; at process exit the worker serves no more.
+        if (closing_ || worker->tornDown_) {
             delete request;
             return nullptr;
         }

@@ -5,10 +5,13 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <mutex>
 
 #include "IMtkPb_Ctrl.h"
+#include "LibraryExit.h"
 #include "PullSource.h"
 #include "mtk_rpc.h"
+#include "velka/Assert.h"
 #include "velka/File.h"
 #include "velka/FileFactory.h"
 #include "velka/Mutex.h"
@@ -115,8 +118,9 @@ const uint32_t kMaxExtent = 1000;
 
 }  // namespace
 
-// Static initialisation of the library, in this order: seekDone_ and
-// tempFileLock_ before Playback::instance_, so that both outlive it at unload.
+// Static initialisation of the library, in this order: seekDone_,
+// tempFileLock_ and the source workers' tear-downs before Playback::instance_,
+// so that all three outlive it at unload.
 
 // Posted by the notification callback when a time seek has ended.
 static Semaphore seekDone_(0);
@@ -126,6 +130,45 @@ static Semaphore seekDone_(0);
 // destroyed while in use. Never held while calling the engine or opening or
 // closing the source.
 static Mutex tempFileLock_;
+
+namespace {
+
+// Room for the tear-downs of the source workers (DTA, HTTP, peer-to-peer).
+const int kMaxTearDowns = 8;
+
+// Registered tear-downs. Trivially destructible, so that registration stays
+// possible until the runner below has run.
+std::mutex tearDownMutex_;  // guards the three below
+void (*tearDowns_[kMaxTearDowns])() = {};
+int tearDownCount_ = 0;
+bool tornDown_ = false;
+
+// Runs the registered tear-downs when it is destroyed, right after
+// Playback::instance_.
+class TearDownRunner {
+public:
+    TearDownRunner() {}
+    ~TearDownRunner() {
+        int count;
+        {
+            std::lock_guard<std::mutex> lock(tearDownMutex_);
+            tornDown_ = true;
+            count = tearDownCount_;
+        }
+        while (count > 0) tearDowns_[--count]();
+    }
+};
+
+TearDownRunner tearDownRunner_;
+
+}  // namespace
+
+void tearDownAfterPlayback(void (*tearDown)()) {
+    std::lock_guard<std::mutex> lock(tearDownMutex_);
+    VELKA_ASSERT(tearDownCount_ < kMaxTearDowns);
+    if (tornDown_) return;
+    tearDowns_[tearDownCount_++] = tearDown;
+}
 
 Playback Playback::instance_;
 

@@ -40,6 +40,16 @@ std::condition_variable gateChanged_;
 bool holding_ = false;
 int held_ = 0;
 
+std::atomic<void (*)()> unloadReport_(nullptr);
+
+// Destroyed when the library is unloaded.
+struct UnloadReporter {
+    ~UnloadReporter() {
+        void (*report)() = unloadReport_.load();
+        if (report != nullptr) report();
+    }
+} unloadReporter_;
+
 template <typename Setter>
 void change(Setter setter) {
     std::lock_guard<std::mutex> lock(settingsMutex_);
@@ -171,6 +181,8 @@ std::string lastInitDirectory() {
     std::lock_guard<std::mutex> lock(settingsMutex_);
     return initDirectory_;
 }
+
+void setUnloadReport(void (*report)()) { unloadReport_.store(report); }
 
 SeekCall lastSeek() {
     std::lock_guard<std::mutex> lock(settingsMutex_);
