@@ -19,7 +19,9 @@ class HttpTask;
 // length was known, publishes task info and destroys the tasks their owners
 // released. It waits on wakeup_ when there is nothing to do.
 //
-// Built by the first HttpTask, destroyed at process exit.
+// Built by the first HttpTask and never freed; torn down at process exit,
+// after the playback adaptor has closed its medium, and from then on it
+// refuses new tasks and reads.
 //
 // Lock order: tasksLock_, then a task's mutex_, then pendingLock_. Completion
 // callbacks run on the worker with the first two held.
@@ -36,7 +38,7 @@ private:
 
     HttpTaskThread();
     // At process exit: stops the loop and releases the multi handle.
-    ~HttpTaskThread();
+    static void tearDown();
 
     // One libcurl pass over every transfer, then a select() on their sockets
     // for at most libcurl's own time-out (100 ms when it has none). On the worker.

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "HttpTask.h"
+#include "LibraryExit.h"
 #include "velka/HttpTaskThread.h"
 
 namespace velka {
@@ -22,9 +23,6 @@ constexpr unsigned int kResumeFreeBytes = 32 * 1024;
 constexpr int kIdlePassMs = 100;
 constexpr long kMaxConnects = 32;
 
-// Held for the whole of HttpTaskThread::instance(); built at load.
-Mutex instanceMutex_;
-
 thread_local bool onWorker_ = false;
 
 }  // namespace
@@ -38,9 +36,14 @@ void initCurl() {
 bool onHttpWorker() { return onWorker_; }
 
 HttpTaskThread* HttpTaskThread::instance() {
-    Mutex::Autolock lock(instanceMutex_);
-    static HttpTaskThread taskSingleton;
-    return &taskSingleton;
+    // Built once; other first callers wait for it. The pointer has nothing to
+    // destroy at exit, so late callers still find the worker.
+    static HttpTaskThread* const taskSingleton = [] {
+        HttpTaskThread* worker = new HttpTaskThread();
+        tearDownAfterPlayback(&HttpTaskThread::tearDown);
+        return worker;
+    }();
+    return taskSingleton;
 }
 
 HttpTaskThread::HttpTaskThread() : pending_(0), thread_(nullptr), wakeup_(0) {
@@ -55,11 +58,17 @@ HttpTaskThread::HttpTaskThread() : pending_(0), thread_(nullptr), wakeup_(0) {
     thread_->start();
 }
 
-// At process exit. Tasks still owned by an open HttpFile stay as they are.
-HttpTaskThread::~HttpTaskThread() {
-    workerRunning_ = false;  // running transfers abort at their next progress report
-    wakeup_.post();
-    delete thread_;  // waits for run() to return
+// At process exit, after Playback. Tasks still owned by an open HttpFile stay
+// as they are; new tasks and reads are refused from now on.
+void HttpTaskThread::tearDown() {
+    HttpTaskThread* worker = instance();
+    {
+        Mutex::Autolock lock(worker->tasksLock_);
+        workerRunning_ = false;  // running transfers abort at their next progress report
+    }
+    worker->wakeup_.post();
+    delete worker->thread_;  // waits for run() to return
+    worker->thread_ = nullptr;
     curl_multi_cleanup(multiHandle_);
     multiHandle_ = nullptr;
 }
