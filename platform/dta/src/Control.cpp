@@ -42,13 +42,12 @@ int held_ = 0;
 
 std::atomic<void (*)()> unloadReport_(nullptr);
 
-// Destroyed when the library is unloaded.
-struct UnloadReporter {
-    ~UnloadReporter() {
-        void (*report)() = unloadReport_.load();
-        if (report != nullptr) report();
-    }
-} unloadReporter_;
+// Runs with this library's finalisers, which come after those of the
+// libraries that use the engine and after every exit handler.
+__attribute__((destructor)) void reportAtUnload() {
+    void (*report)() = unloadReport_.load();
+    if (report != nullptr) report();
+}
 
 template <typename Setter>
 void change(Setter setter) {
