@@ -118,9 +118,9 @@ const uint32_t kMaxExtent = 1000;
 
 }  // namespace
 
-// Static initialisation of the library, in this order: seekDone_,
-// tempFileLock_ and the source workers' tear-downs before Playback::instance_,
-// so that all three outlive it at unload.
+// Static initialisation of the library, in this order: seekDone_ and the
+// source workers' tear-downs before Playback::instance_, so that both outlive
+// it at unload.
 
 // Posted by the notification callback when a time seek has ended.
 static Semaphore seekDone_(0);
@@ -129,7 +129,9 @@ static Semaphore seekDone_(0);
 // thread) and around taking it away for destruction, so that it is never
 // destroyed while in use. Never held while calling the engine or opening or
 // closing the source.
-static Mutex tempFileLock_;
+// Not recursive, and with nothing to destroy: a player left alive at process
+// exit still polls getEvent() after Playback is gone.
+static std::mutex tempFileLock_;
 
 namespace {
 
@@ -182,7 +184,7 @@ void releaseSeek() {
 // Records an engine error for getEvent(), with the tmp file's error code.
 void recordError() {
     {
-        Mutex::Autolock lock(tempFileLock_);
+        std::lock_guard<std::mutex> lock(tempFileLock_);
         File* file = tempFile_;
         if (file != nullptr) errorCode_ = file->error();
     }
@@ -418,7 +420,7 @@ VelkaStatus Playback::open(const std::string& url) {
         fflush(stdout);
         errorCode_ = file->error();
         {
-            Mutex::Autolock lock(tempFileLock_);
+            std::lock_guard<std::mutex> lock(tempFileLock_);
             tempFile_ = nullptr;
         }
         delete file;
@@ -526,7 +528,7 @@ void Playback::close() {
     // notification still uses it, then close and destroy it.
     File* file;
     {
-        Mutex::Autolock lock(tempFileLock_);
+        std::lock_guard<std::mutex> lock(tempFileLock_);
         file = tempFile_.exchange(nullptr);
     }
     if (file != nullptr) {
@@ -599,7 +601,7 @@ void Playback::getEvent(MediaPlayer::Event& event) {
         return;
     }
     {
-        Mutex::Autolock lock(tempFileLock_);
+        std::lock_guard<std::mutex> lock(tempFileLock_);
         File* file = tempFile_;
         printf("------ %d %p!!!!!!\n", opening_ ? 1 : 0, static_cast<void*>(file));
         if ((opening_ || seeking_) && file != nullptr) {
