@@ -27,10 +27,12 @@ namespace velka {
 // notification, at most 500 ms, and then polls Playback once without the
 // player lock, if this player holds the engine.
 //
-// Lock order: listener lock, then player lock, then event lock. The listener
-// lock comes first only when a listener issues commands from inside
-// notify(); nothing takes the listener lock while holding one of the other
-// two, and the event lock is never held while calling out.
+// Lock order: listener lock, then player lock, then the process-wide holder
+// lock (which player holds the engine), then event lock. The listener lock
+// comes first only when a listener issues commands from inside notify();
+// nothing takes the listener lock while holding one of the others, the
+// holder lock is never held while calling into Playback, and the event lock
+// is never held while calling out.
 class MediaPlayer::MediaPlayerImpl final : public Thread::Runnable {
 public:
     MediaPlayerImpl();
