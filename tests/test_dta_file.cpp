@@ -230,6 +230,51 @@ TEST_F(DtaFileTest, RequestsOfTwoFilesCompleteInQueueOrderAndCancelDoesNotWaitFo
     EXPECT_EQ(1, control::calls().initEngine);
 }
 
+// The engine's stop cancels the reads it has outstanding, and the player's
+// close closes and destroys the file, while the network stalls a read inside
+// the engine: neither may wait for that read. The held read completes once,
+// cancelled, when the engine returns it, and no more touches the gone file.
+TEST_F(DtaFileTest, CancelAndCloseDoNotWaitForAReadTheEngineHolds) {
+    TempDataFile data(30000, 53), other(1000, 54);
+    std::unique_ptr<DtaFile> file(new DtaFile(data.dtaUrl()));
+    ASSERT_EQ(0, file->open());
+    DtaFile& next = openFile(other);
+    std::vector<char> held(4096), queued(4096), after(100);
+    CompletionLog log;
+    CompletionLog::Callback heldCallback(log, 1), queuedCallback(log, 2), afterCallback(log, 3);
+
+    control::holdReads();
+    void* inEngine = file->readAsync(held.data(), held.size(), heldCallback);
+    ASSERT_NE(nullptr, inEngine);
+    ASSERT_TRUE(control::waitForHeldReads(1, kWaitMs));
+    void* waiting = file->readAsync(queued.data(), queued.size(), queuedCallback);
+    ASSERT_NE(nullptr, waiting);
+    // On a helper thread, so that a cancel or close that waits for the held
+    // read makes the test fail instead of hang.
+    std::future<std::vector<int>> stopped = std::async(std::launch::async, [&] {
+        std::vector<int> results = {file->cancel(inEngine), file->cancel(waiting), file->close()};
+        file.reset();
+        return results;
+    });
+    const bool answered = stopped.wait_for(testing_support::kWait) == std::future_status::ready;
+    const std::vector<Completion> beforeRelease = log.all();
+    control::releaseReads();
+    ASSERT_TRUE(answered) << "cancel or close waited for the engine's read";
+    EXPECT_EQ((std::vector<int>{-1, 0, 0}), stopped.get());
+    ASSERT_EQ(1u, beforeRelease.size());
+    EXPECT_TRUE(beforeRelease[0].tag == 2 && beforeRelease[0].status == velka::kStatusCancelled);
+
+    // The worker serves in order: once the next file's read is done, the held
+    // one has completed as often as it ever will.
+    ASSERT_NE(nullptr, next.readAsync(after.data(), after.size(), afterCallback));
+    ASSERT_TRUE(log.waitFor(3));
+    const std::vector<Completion> c = log.all();
+    ASSERT_EQ(3u, c.size());
+    EXPECT_TRUE(c[1].tag == 1 && c[1].status == velka::kStatusCancelled && c[1].length == 0);
+    EXPECT_TRUE(c[2].tag == 3 && c[2].status == velka::kStatusOk && c[2].length == 100);
+    EXPECT_EQ(other.slice(0, 100), after);
+}
+
 // A clamped seek reaches the engine too: the read after it gives the last
 // byte, the one after that the end, and the position never passes the length.
 TEST_F(DtaFileTest, SeekTableTellsTheEngineEveryPosition) {
@@ -535,22 +580,23 @@ int downloadThreads() {
 }
 
 pid_t workerTid = 0;  // the thread the worker completes on
-std::string seenBeforeExit;
+char seenBeforeExit[200];  // plain storage: still there after static destructors
 
-// Registered before the worker is built, so it runs after the worker's destructor.
+// The worker is torn down with the media library's static objects, after
+// every exit handler of the program; the engine's library goes later still.
 void reportAtExit() {
     struct stat st;
     const bool workerAlive =
         workerTid != 0 && stat(("/proc/self/task/" + std::to_string(workerTid)).c_str(), &st) == 0;
     fprintf(stderr, "report: %s uninit=%d tmp_velka_after=%d worker_alive=%d downloads_left=%d\n",
-            seenBeforeExit.c_str(), control::calls().uninitEngine, tmpVelkaExists(), workerAlive,
+            seenBeforeExit, control::calls().uninitEngine, tmpVelkaExists(), workerAlive,
             downloadThreads());
 }
 
 // Reads the test program itself through a DtaFile, leaves one engine task
 // open, and exits.
 void readThenExit() {
-    atexit(reportAtExit);
+    control::setUnloadReport(reportAtExit);
     const std::string url = "dta-test:///proc/self/exe";
     std::ifstream in("/proc/self/exe", std::ios::binary);
     std::vector<char> expected((std::istreambuf_iterator<char>(in)),
@@ -570,9 +616,9 @@ void readThenExit() {
     file.close();
     // A second task stays open in the engine: this file goes without close().
     DtaFile(url).open();
-    seenBeforeExit = "data=" + std::to_string(got == expected) +
-                     " tmp_velka_while_open=" + std::to_string(tmpVelkaExists()) +
-                     " downloads_while_open=" + std::to_string(downloadThreads());
+    snprintf(seenBeforeExit, sizeof seenBeforeExit,
+             "data=%d tmp_velka_while_open=%d downloads_while_open=%d", got == expected,
+             tmpVelkaExists(), downloadThreads());
     exit(0);
 }
 

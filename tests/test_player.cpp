@@ -5,6 +5,7 @@
 // writes during the run played end to end.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 extern "C" {
 #include <libavformat/avformat.h>
@@ -277,20 +278,55 @@ TEST_F(PlayerTest, DisplayPassesOnlyRectanglesOnTheScreen) {
     EXPECT_EQ(calls, mtkpb::control::calls(Op::kSetDisplayRectangle)) << "reached the engine";
 }
 
-TEST_F(PlayerTest, ClosedPlayerNeverPollsSoEngineEventsReachTheOpenOne) {
-    EventLog closedLog;
-    MediaPlayer closedPlayer;
-    closedPlayer.addListener(closedLog);
-    ASSERT_EQ(kStatusOk, player_->open(url_));
+// The box has one playback engine. While the first player holds it, a
+// second player's open is refused and goes back to closed; the first plays
+// to its end untouched and alone hears the engine; once the first has
+// closed, the second opens and plays.
+TEST_F(PlayerTest, SecondPlayerIsRefusedWhileTheFirstHoldsTheEngineAndOpensAfterItClosed) {
+    mtkpb::control::setSpeed(4);
+    EventLog secondLog;
+    MediaPlayer second;
+    second.addListener(secondLog);
+    ASSERT_EQ(kStatusOk, player_->open(Media::url(media().mp4)));
     ASSERT_EQ(kStatusOk, player_->play(0));
-    // Stopped: the engine sends no positions of its own any more.
-    ASSERT_EQ(kStatusOk, player_->stop());
-    for (int i = 0; i < 4; ++i) {
-        const Event update = {MediaPlayer::kEventTimeUpdate, 123400 + i};
-        ASSERT_TRUE(mtkpb::control::inject(IMTK_PB_CTRL_EVENT_CUR_TIME_UPDATE, update.param));
-        ASSERT_TRUE(log_.waitForEvent(update)) << "update " << i << " lost";
+    ASSERT_TRUE(log_.waitFor([](const Events& all) {
+        for (const Event& e : all) {
+            if (e.id == MediaPlayer::kEventTimeUpdate) return true;
+        }
+        return false;
+    })) << "the first player does not play";
+
+    EXPECT_EQ(kStatusInvalidState, second.open(Media::url(media().ts)));
+    EXPECT_EQ(MediaPlayer::kStateClosed, second.state());
+    for (auto refused : {&MediaPlayer::play, &MediaPlayer::timeSeek}) {
+        EXPECT_EQ(kStatusInvalidState, (second.*refused)(0));
     }
-    EXPECT_TRUE(closedLog.events().empty());
+    EXPECT_EQ(kStatusInvalidState, second.stop());
+    second.close();
+    ASSERT_TRUE(secondLog.waitForTransitions(2));
+
+    ASSERT_TRUE(log_.waitForEvent(kStopped, 60000))
+        << "never stopped: " << ::testing::PrintToString(log_.events());
+    expectTransitions({kOpening, kOpened, kPlaying, kEndOfStream, kStopped});
+    const mtkpb::control::Counters counters = mtkpb::control::counters();
+    EXPECT_EQ(0u, counters.protocolErrors);
+    EXPECT_EQ(0u, counters.readsFailed);
+    // The engine's notifications while stopped still reach only the holder.
+    const Event update = {MediaPlayer::kEventTimeUpdate, 123400};
+    ASSERT_TRUE(mtkpb::control::inject(IMTK_PB_CTRL_EVENT_CUR_TIME_UPDATE, update.param));
+    ASSERT_TRUE(log_.waitForEvent(update));
+    EXPECT_EQ((Events{kOpening, kClosed}), secondLog.events());
+
+    player_->close();
+    ASSERT_EQ(kStatusOk, second.open(Media::url(media().ts)));
+    ASSERT_EQ(kStatusOk, second.play(0));
+    ASSERT_TRUE(secondLog.waitForTransitions(5));
+    EXPECT_EQ(kStatusInvalidState, player_->open(url_));
+    second.close();
+    ASSERT_TRUE(secondLog.waitForTransitions(6));
+    EXPECT_EQ((Events{kOpening, kClosed, kOpening, kOpened, kPlaying, kClosed}),
+              secondLog.transitions());
+    EXPECT_TRUE(noEngineInstance());
 }
 
 // ---------------------------------------------------------------------------
@@ -354,9 +390,9 @@ TEST_F(PlayerTest, ListenersMayChangeTheListAndIssueCommandsFromInsideNotify) {
 }
 
 TEST_F(PlayerTest, DestructorReturnsWithinAboutHalfASecond) {
-    // The dispatch thread sleeps 500 ms between polls of an empty queue, and
-    // the destructor waits for it. 2 s leaves room for a loaded two-core
-    // machine while still catching a destructor that waits longer or hangs.
+    // The destructor cuts the dispatch thread's wait on an empty queue short
+    // and waits for it. 2 s leaves room for a loaded two-core machine while
+    // still catching a destructor that waits longer or hangs.
     for (int round = 0; round < 2; ++round) {
         if (round == 1) {
             // This time with the dispatch thread asleep after the last event.
@@ -375,42 +411,46 @@ TEST_F(PlayerTest, DestructorReturnsWithinAboutHalfASecond) {
 }
 
 // ---------------------------------------------------------------------------
-// Commands from several threads at once, with listeners that come and go and
-// one that issues commands itself while they run: every thread ends (no
-// deadlock), every result is one the command may give, and Playback stays
-// usable. Meant to run under ThreadSanitizer too.
+// Commands from several threads at once on two players, which contend for the
+// one engine, with listeners that come and go and one that issues commands
+// itself while they run: every thread ends (no deadlock), every result is one
+// the command may give, and Playback stays usable. Meant to run under both
+// sanitizers too.
 
-TEST_F(PlayerTest, CommandsFromSeveralThreadsNeitherDeadlockNorRace) {
+TEST_F(PlayerTest, CommandsOnTwoPlayersFromSeveralThreadsNeitherDeadlockNorRace) {
     mtkpb::control::setSpeed(0);
     const std::string url = Media::url(media().mp4);
     MediaPlayer& player = *player_;
+    EventLog otherLog;  // before other, which notifies it
+    MediaPlayer other;
     EventLog commander;  // lock order: listener lock, then player lock
     commander.setHook([&player](const Event& e) {
         if (e.id == MediaPlayer::kEventEndOfStream) player.timeSeek(0);
         if (e == kOpened) player.display({0, 0, 500, 500});
     });
     player.addListener(commander);
+    other.addListener(otherLog);
 
     // Each command with whether kStatusError may come besides kStatusOk and
-    // kStatusInvalidState; drawn so that the player is mostly open and playing.
-    using Command = std::pair<bool, std::function<VelkaStatus()>>;
-    const Command open = {true, [&] { return player.open(url); }};
-    const Command play = {true, [&] { return player.play(0); }};
-    const Command playFrom = {true, [&] { return player.play(1500); }};
-    const Command pause = {false, [&] { return player.pause(); }};
-    const Command unPause = {false, [&] { return player.unPause(); }};
-    const Command stop = {true, [&] { return player.stop(); }};
-    const Command seek = {false, [&] { return player.timeSeek(1000); }};
-    const Command display = {true, [&] { return player.display({10, 10, 900, 900}); }};
-    const Command query = {false, [&] {
-        player.currentPts();
-        player.duration();
-        player.state();
+    // kStatusInvalidState; drawn so that a player is mostly open and playing.
+    using Command = std::pair<bool, std::function<VelkaStatus(MediaPlayer&)>>;
+    const Command open = {true, [&](MediaPlayer& p) { return p.open(url); }};
+    const Command play = {true, [](MediaPlayer& p) { return p.play(0); }};
+    const Command playFrom = {true, [](MediaPlayer& p) { return p.play(1500); }};
+    const Command pause = {false, [](MediaPlayer& p) { return p.pause(); }};
+    const Command unPause = {false, [](MediaPlayer& p) { return p.unPause(); }};
+    const Command stop = {true, [](MediaPlayer& p) { return p.stop(); }};
+    const Command seek = {false, [](MediaPlayer& p) { return p.timeSeek(1000); }};
+    const Command display = {true, [](MediaPlayer& p) { return p.display({10, 10, 900, 900}); }};
+    const Command query = {false, [](MediaPlayer& p) {
+        p.currentPts();
+        p.duration();
+        p.state();
         return kStatusOk;
     }};
-    const Command close = {false, [&] { player.close(); return kStatusOk; }};
+    const Command close = {false, [](MediaPlayer& p) { p.close(); return kStatusOk; }};
     // The engine reports the end while commands run.
-    const Command end = {false, [] {
+    const Command end = {false, [](MediaPlayer&) {
         mtkpb::control::inject(IMTK_PB_CTRL_EVENT_EOS, 0);
         return kStatusOk;
     }};
@@ -418,18 +458,20 @@ TEST_F(PlayerTest, CommandsFromSeveralThreadsNeitherDeadlockNorRace) {
         &open, &open, &open, &play, &play, &play, &playFrom, &pause, &pause, &pause, &unPause,
         &unPause, &unPause, &stop, &stop, &seek, &seek, &display, &query, &query, &close, &end,
     };
+    MediaPlayer* const players[] = {&player, &other};
 
     std::atomic<int> unexpected(0);
     std::vector<std::future<void>> runs;
-    for (unsigned t = 0; t < 3; ++t) {
+    for (unsigned t = 0; t < 4; ++t) {
         runs.push_back(std::async(std::launch::async, [&, t] {
             std::mt19937 random(1234u + t);
             std::uniform_int_distribution<size_t> pick(0, deck.size() - 1);
-            // On until the listeners have had events to answer: the dispatch
-            // thread first polls after 500 ms.
-            for (int i = 0; i < 5000 && (i < 60 || commander.events().size() < 40); ++i) {
+            // On until both players' listeners have had events to answer.
+            for (int i = 0; i < 5000 && (i < 60 || commander.events().size() < 40 ||
+                                         otherLog.events().size() < 40);
+                 ++i) {
                 const Command& c = *deck[pick(random)];
-                const VelkaStatus s = c.second();
+                const VelkaStatus s = c.second(*players[(t + i) % 2]);
                 if (s != kStatusOk && s != kStatusInvalidState && !(c.first && s == kStatusError)) {
                     std::fprintf(stderr, "unexpected result %d\n", static_cast<int>(s));
                     ++unexpected;
@@ -461,7 +503,9 @@ TEST_F(PlayerTest, CommandsFromSeveralThreadsNeitherDeadlockNorRace) {
     EXPECT_EQ(0, unexpected.load());
     player.removeListener(commander);
     player.close();
+    other.close();
     EXPECT_EQ(MediaPlayer::kStateClosed, player.state());
+    EXPECT_EQ(MediaPlayer::kStateClosed, other.state());
     EXPECT_TRUE(noEngineInstance());
 
     // Whatever the run left in the process-wide Playback, a new player
@@ -475,6 +519,38 @@ TEST_F(PlayerTest, CommandsFromSeveralThreadsNeitherDeadlockNorRace) {
     ASSERT_TRUE(log_.waitForTransitions(3));
     player_->close();
     expectTransitions({kOpening, kOpened, kPlaying, kClosed});
+}
+
+// ---------------------------------------------------------------------------
+// A host that returns from main (here: exit) while a network medium plays
+// through the download engine, its player never destroyed: at unload
+// Playback stops and closes the medium through the engine's worker, which
+// must still be there. A hang at exit ends the child by its alarm.
+
+MediaPlayer* exitingPlayer = nullptr;  // globals: left to the process's end
+EventLog* exitingLog = nullptr;
+
+void playNetworkMediumThenExit() {
+    alarm(60);
+    mtkpb::control::setSpeed(1);
+    exitingLog = new EventLog;
+    exitingPlayer = new MediaPlayer;
+    exitingPlayer->addListener(*exitingLog);
+    if (exitingPlayer->open("dta-test://" + media().longClip) != kStatusOk) exit(3);
+    if (exitingPlayer->play(0) != kStatusOk) exit(4);
+    const bool playing = exitingLog->waitFor([](const Events& all) {
+        for (const Event& e : all) {
+            if (e.id == MediaPlayer::kEventTimeUpdate) return true;
+        }
+        return false;
+    });
+    exit(playing ? 0 : 5);
+}
+
+TEST(PlayerExitDeathTest, ProcessExitWhileANetworkMediumPlaysEndsCleanly) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    ASSERT_FALSE(media().dir.empty()) << "ffmpeg could not make the test media";
+    EXPECT_EXIT(playNetworkMediumThenExit(), ::testing::ExitedWithCode(0), "");
 }
 
 // ---------------------------------------------------------------------------

@@ -3,8 +3,10 @@
 // upper bounds are left to the bounded waits, so the tests hold on a loaded
 // machine.
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <time.h>
 
 #include <sched.h>
 #include <sys/resource.h>
@@ -23,6 +25,18 @@
 #include "velka/Mutex.h"
 #include "velka/Semaphore.h"
 #include "velka/Thread.h"
+
+// The wall clock as the library reads it: the real one, moved by
+// wallClockStepSeconds while a test plays a box whose clock is not yet set.
+std::atomic<int64_t> wallClockStepSeconds(0);
+
+extern "C" int clock_gettime(clockid_t clock, struct timespec* ts) {
+    using Real = int (*)(clockid_t, struct timespec*);
+    static const Real real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "clock_gettime"));
+    const int ret = real(clock, ts);
+    if (ret == 0 && clock == CLOCK_REALTIME) ts->tv_sec += wallClockStepSeconds.load();
+    return ret;
+}
 
 namespace {
 
@@ -133,6 +147,34 @@ TEST(SemaphoreTest, TimedWaitAcrossASecondBoundaryWaitsTheFullTime) {
         EXPECT_FALSE(sem.timedWait(ms));
         EXPECT_GE(msSince(start), static_cast<int64_t>(ms) - 1) << "timedWait(" << ms << ")";
     }
+}
+
+// A box boots with its wall clock decades behind and sets it from the network
+// later. Timed waits must keep their length whatever the wall clock reads.
+TEST(SemaphoreTest, TimedWaitsKeepTheirLengthWhileTheWallClockIsDecadesBehind) {
+    constexpr int kMs = 300;
+    struct timespec now;
+    ASSERT_EQ(0, clock_gettime(CLOCK_REALTIME, &now));
+    Semaphore sem(0);
+    GatedRunnable runnable;
+    Thread thread(runnable, false, "long", kPriority, kStackSize);
+    thread.start();
+    ASSERT_TRUE(runnable.waitStarted());
+    const std::pair<const char*, std::function<bool()>> waits[] = {
+        {"Semaphore::timedWait", [&] { return !sem.timedWait(kMs); }},
+        {"Thread::wait", [&] { return thread.wait(kMs) == velka::kStatusTimeout; }},
+    };
+    for (const auto& wait : waits) {
+        // The wall clock reads 1970 plus a few minutes.
+        wallClockStepSeconds = 300 - static_cast<int64_t>(now.tv_sec);
+        const Clock::time_point start = Clock::now();
+        const bool timedOut = wait.second();
+        const int64_t took = msSince(start);
+        wallClockStepSeconds = 0;
+        EXPECT_TRUE(timedOut) << wait.first;
+        EXPECT_GE(took, kMs - 1) << wait.first;
+    }
+    runnable.open();
 }
 
 // Both waiters are asleep in wait() before the two posts arrive, so a post that

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "velka/File.h"
@@ -18,12 +19,16 @@ class DtaTaskThread;
 // asynchronous reads are queued to the one process-wide DtaTaskThread, which
 // serves the requests of all DtaFiles strictly one at a time, in order.
 //
-// Locks: this file's mutex_ before the worker's queue lock (cancel); the
-// worker never holds both. Completions run on the worker with no lock held.
+// Locks: this file's mutex_ before the worker's queue lock (the worker's
+// read in service). cancel() and close() take only the queue lock, so
+// neither waits for an engine read. Completions run on the worker with no
+// lock held.
 //
-// close() completes the file's queued requests cancelled and waits for the
-// one in service, so no completion comes after it returns. A DtaFile must
-// outlive its requests: the destructor does neither, so close() it first.
+// close() completes the file's queued requests cancelled and gives the read
+// in service a moment to end with the closed task; a read that the engine
+// still holds then is let go: it completes once, cancelled, whenever the
+// engine returns it, and never touches the file again. So a DtaFile may be
+// destroyed once close() has returned; the destructor does not close it.
 //
 // Positions stay within [0, length()] (see seek()); with an unknown length
 // (-1) they are never negative and available() is -1.
@@ -55,7 +60,9 @@ private:
     std::atomic<int64_t> position_;
     std::atomic<int64_t> length_;  // set by open(); -1 until the engine reports one
     std::atomic<int> handle_;      // engine task; -1 = none
-    Mutex mutex_;                  // guards position_ changes and every engine read of this file
+    // Guards position_ changes and every engine read of this file. Shared
+    // with the worker while it reads for this file, which may outlive it.
+    const std::shared_ptr<Mutex> mutex_;
     bool closing_;                 // close() has begun: reads are refused; under the worker's lock
 };
 

@@ -20,7 +20,9 @@ class HttpTask;
 // length was known, publishes task info and destroys the tasks their owners
 // released. It waits on wakeup_ when there is nothing to do.
 //
-// Built by the first HttpTask, destroyed at process exit.
+// Built by the first HttpTask and never freed; torn down at process exit,
+// after the playback adaptor has closed its medium, and from then on it
+// refuses new tasks and reads.
 //
 // Lock order: tasksLock_, then a task's mutex_, then pendingLock_. Completion
 // callbacks run on the worker with the first two held.
@@ -37,7 +39,7 @@ private:
 
     HttpTaskThread();
     // At process exit: stops the loop and releases the multi handle.
-    ~HttpTaskThread();
+    static void tearDown();
 
     // Posts wakeup_ and ends a select() under way; any thread.
     void wake();

@@ -31,7 +31,8 @@ public:
 
     // Creates and opens the source for `url`, opens an engine instance and
     // hands it the pull callbacks. kStatusOk or kStatusError; a failure
-    // leaves no source and no engine instance behind.
+    // leaves no source and no engine instance behind. While a medium is open
+    // (until close()) another open fails and leaves it untouched.
     VelkaStatus open(const std::string& url);
     // Starts playing; a start position (milliseconds, whole seconds used) is
     // sought once the engine reports that playback started.
@@ -56,6 +57,11 @@ public:
     // Turns the pending engine notifications into at most one event; leaves
     // event.id at kEventNone when there is nothing to report.
     void getEvent(MediaPlayer::Event& event);
+
+    // `hook` is called on the engine's notification thread after each
+    // notification, so that the player that polls getEvent() can do so at
+    // once. It must not call into Playback. Null: nobody is told.
+    static void setEventHook(void (*hook)());
 
     // The engine's volume is not driven from here.
     void setVolume(unsigned int volume);

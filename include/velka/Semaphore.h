@@ -10,7 +10,8 @@ namespace velka {
 
 // Counting semaphore with blocking, non-blocking and timed waits. Any number
 // of threads may post and wait at once; each post lets one waiter proceed.
-// Timed waits run against the wall clock (CLOCK_REALTIME).
+// Timed waits run on the monotonic clock, so a step of the wall clock neither
+// ends them early nor stretches them.
 class Semaphore : private NonCopyable {
 public:
     explicit Semaphore(unsigned int count);

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "CBctiDta.h"
+#include "LibraryExit.h"
 #include "velka/Assert.h"
 #include "velka/Semaphore.h"
 #include "velka/Thread.h"
@@ -19,7 +21,9 @@ namespace velka {
 // One queued asynchronous read. Its address is the request handle; the worker
 // frees it after completing it.
 struct DtaAsyncRequest {
-    DtaFile* file;  // not owned
+    // Not owned. Cleared under the worker's mutex_ when the file is closed
+    // while the engine still holds this request's read.
+    DtaFile* file;
     char* buffer;   // not owned
     uint32_t length;
     bool cancelled;  // written under the worker's mutex_ while queued
@@ -28,7 +32,8 @@ struct DtaAsyncRequest {
 
 // The one worker of all DtaFiles: serves their asynchronous reads one at a
 // time, oldest first, and owns the engine's start-up and tear-down. Built on
-// first use, destroyed at process exit.
+// first use and never freed; torn down at process exit after Playback
+// (LibraryExit.h), from when on it refuses new reads.
 class DtaTaskThread : public Thread::Runnable {
 public:
     static DtaTaskThread* instance();
@@ -40,21 +45,25 @@ private:
     friend class DtaFile;
 
     DtaTaskThread();
-    ~DtaTaskThread();
+    // At process exit, after Playback: ends the thread, completes what is
+    // still queued as cancelled, releases the engine.
+    static void tearDown();
 
-    // On the worker, with the file's mutex_ held: one engine read for `request`.
+    // On the worker, with the file's mutex_ held: one engine read for
+    // `request`, unless its file was closed meanwhile.
     VelkaStatus serve(DtaAsyncRequest* request, uint32_t* count);
 
     std::atomic<bool> running_;  // cleared at tear-down
+    bool tornDown_;              // reads are refused from tear-down on; under mutex_
     int initResult_;             // the engine's initEngine result; non-zero = unusable
     Thread* thread_;             // owned
-    Mutex mutex_;                // guards requests_ and inServiceFile_
+    Mutex mutex_;                // guards requests_, inService_ and its file, tornDown_
     Semaphore wakeup_;           // posted once per queued request and once at tear-down
     std::deque<DtaAsyncRequest*> requests_;  // oldest first
-    // The file of the request taken off the queue and not yet completed and
-    // freed; null when none.
-    DtaFile* inServiceFile_;
-    std::condition_variable_any served_;  // notified whenever inServiceFile_ is cleared
+    // The request taken off the queue and not yet completed and freed; null
+    // when none.
+    DtaAsyncRequest* inService_;
+    std::condition_variable_any served_;  // notified whenever inService_ is cleared
     std::atomic<pthread_t> workerThread_;  // the thread running run(), once it runs
 };
 
@@ -63,11 +72,13 @@ namespace {
 // Where the engine works; its configuration is copied in when the worker is built.
 const char kWorkDir[] = "/tmp/velka";
 
+// How long close() waits for the read in service of its file to end once the
+// task is closed. An engine that holds the read longer (a stalled network)
+// does not hold close() up: the read completes cancelled when it returns.
+const int kCloseGraceMs = 500;
+
 // The engine, set once while the worker is built.
 CBctiDta* dtaEngine_ = nullptr;
-
-// Held for the whole of DtaTaskThread::instance(); built at load.
-Mutex instanceMutex_;
 
 // The low 32 bits, for the engine's diagnostic lines.
 int low32(int64_t value) { return static_cast<int>(static_cast<uint32_t>(value)); }
@@ -83,17 +94,23 @@ int dta_event_handler(CBctiDta* /*engine*/, int32_t event, int32_t param1, int32
 }  // namespace
 
 DtaTaskThread* DtaTaskThread::instance() {
-    Mutex::Autolock lock(instanceMutex_);
-    static DtaTaskThread dtaTaskThread;
-    return &dtaTaskThread;
+    // Built once; other first callers wait for it. The pointer has nothing to
+    // destroy at exit, so late callers still find the worker.
+    static DtaTaskThread* const dtaTaskThread = [] {
+        DtaTaskThread* worker = new DtaTaskThread();
+        tearDownAfterPlayback(&DtaTaskThread::tearDown);
+        return worker;
+    }();
+    return dtaTaskThread;
 }
 
 DtaTaskThread::DtaTaskThread()
     : running_(false),
+      tornDown_(false),
       initResult_(0),
       thread_(nullptr),
       wakeup_(0),
-      inServiceFile_(nullptr),
+      inService_(nullptr),
       workerThread_(pthread_t()) {
     // The engine finds its configuration in its working directory. Both
     // commands may fail (the directory exists, the box has no configuration);
@@ -113,11 +130,26 @@ DtaTaskThread::DtaTaskThread()
     thread_->start();
 }
 
-// At process exit. Requests still queued are neither completed nor freed.
-DtaTaskThread::~DtaTaskThread() {
-    running_ = false;
-    wakeup_.post();
-    delete thread_;  // waits for run() to return
+void DtaTaskThread::tearDown() {
+    DtaTaskThread* worker = instance();
+    {
+        Mutex::Autolock lock(worker->mutex_);
+        worker->tornDown_ = true;
+        worker->running_ = false;
+    }
+    worker->wakeup_.post();
+    delete worker->thread_;  // waits for run() to return
+    worker->thread_ = nullptr;
+    // Every accepted read completes once, also those the worker did not reach.
+    std::deque<DtaAsyncRequest*> left;
+    {
+        Mutex::Autolock lock(worker->mutex_);
+        left.swap(worker->requests_);
+    }
+    for (DtaAsyncRequest* request : left) {
+        request->callback->complete(kStatusCancelled, 0);
+        delete request;
+    }
     dtaEngine_->uninitEngine();
     int ret = system("rm -fr /tmp/velka");
     (void)ret;
@@ -134,12 +166,14 @@ void DtaTaskThread::run() {
 
     while (running_) {
         DtaAsyncRequest* request = nullptr;
+        std::shared_ptr<Mutex> fileLock;
         {
             Mutex::Autolock lock(mutex_);
             if (!requests_.empty()) {
                 request = requests_.front();
                 requests_.pop_front();
-                inServiceFile_ = request->file;
+                inService_ = request;
+                fileLock = request->file->mutex_;
             }
         }
         if (request == nullptr) {
@@ -154,7 +188,7 @@ void DtaTaskThread::run() {
         } else if (!engineUsable) {
             status = kStatusError;
         } else {
-            Mutex::Autolock lock(request->file->mutex_);
+            Mutex::Autolock lock(*fileLock);
             status = serve(request, &count);
         }
         // No lock held: the callback may queue the next read at once.
@@ -162,22 +196,34 @@ void DtaTaskThread::run() {
         delete request;
         {
             Mutex::Autolock lock(mutex_);
-            inServiceFile_ = nullptr;
+            inService_ = nullptr;
         }
         served_.notify_all();
     }
 }
 
 VelkaStatus DtaTaskThread::serve(DtaAsyncRequest* request, uint32_t* count) {
-    DtaFile* file = request->file;
-    if (file->atEnd()) return kStatusEndOfFile;
+    int handle;
+    {
+        Mutex::Autolock lock(mutex_);
+        DtaFile* file = request->file;
+        if (file == nullptr) return kStatusCancelled;  // closed while this waited for its lock
+        if (file->atEnd()) return kStatusEndOfFile;
+        handle = file->handle_;
+    }
 
-    const int handle = file->handle_;
+    // Without the queue lock: the engine may hold the read for as long as
+    // the network stalls.
     uint64_t n = request->length;
     int ret = dtaEngine_->readData(handle, request->buffer, &n);
     printf("dta task handle %ld error %d data %p leng %d read %d\n", static_cast<long>(handle), ret,
            static_cast<void*>(request->buffer), static_cast<int>(request->length),
            low32(static_cast<int64_t>(n)));
+
+    Mutex::Autolock lock(mutex_);
+    DtaFile* file = request->file;
+    // Closed while the engine held the read: the file may be gone.
+    if (file == nullptr) return kStatusCancelled;
     if (ret != 0) return kStatusError;
     // A short count is still a success; the next request continues after it.
     // Nothing at all for a request that wanted bytes is the end of the
@@ -193,7 +239,12 @@ bool DtaFile::atEnd() const {
 }
 
 DtaFile::DtaFile(const std::string& url)
-    : File(url), position_(0), length_(-1), handle_(-1), closing_(false) {}
+    : File(url),
+      position_(0),
+      length_(-1),
+      handle_(-1),
+      mutex_(std::make_shared<Mutex>()),
+      closing_(false) {}
 
 DtaFile::~DtaFile() {}
 
@@ -215,9 +266,10 @@ int DtaFile::open() {
     return 0;
 }
 
-// No completion of this file comes after close() returns: its queued
-// requests complete cancelled here, and a request in service (which the
-// closed task makes fail) is waited for. From inside a completion of the
+// No completion of this file comes after close() returns, but for a read
+// that the engine still holds after the grace below: its queued requests
+// complete cancelled here, and a request in service (which the closed task
+// makes fail) is waited for a moment. From inside a completion of the
 // worker, that completion itself cannot be waited for.
 int DtaFile::close() {
     printf("DtaFile close\n");
@@ -243,11 +295,18 @@ int DtaFile::close() {
         printf("dta close handle %ld\n", static_cast<long>(handle));
         if (!pthread_equal(worker->workerThread_.load(), pthread_self())) {
             Mutex::Autolock queueLock(worker->mutex_);
-            worker->served_.wait(worker->mutex_, [worker, this] {
-                return worker->inServiceFile_ != this;
-            });
+            auto readElsewhere = [worker, this] {
+                return worker->inService_ == nullptr || worker->inService_->file != this;
+            };
+            if (!worker->served_.wait_for(worker->mutex_,
+                                          std::chrono::milliseconds(kCloseGraceMs),
+                                          readElsewhere)) {
+                // The engine holds the read past the closed task: let it go.
+                worker->inService_->file = nullptr;
+            }
         }
-        // Older than anything still queued: they complete after the one in service.
+        // Older than anything still queued: they complete after the one in
+        // service, unless the engine holds that one.
         for (DtaAsyncRequest* request : queued) {
             request->callback->complete(kStatusCancelled, 0);
             delete request;
@@ -262,7 +321,7 @@ int DtaFile::close() {
 
 int DtaFile::read(char* buffer, uint32_t length) {
     VELKA_ASSERT(handle_ != -1);
-    Mutex::Autolock lock(mutex_);
+    Mutex::Autolock lock(*mutex_);
     if (atEnd()) return 0;
 
     const int handle = handle_;
@@ -282,8 +341,9 @@ void* DtaFile::readAsync(char* buffer, uint32_t length, AsyncCallback& callback)
     DtaTaskThread* worker = DtaTaskThread::instance();
     {
         Mutex::Autolock lock(worker->mutex_);
-        // A read issued from a completion while close() runs would come after it.
-        if (closing_) {
+        // A read issued from a completion while close() runs would come after
+        // it; at process exit the worker serves no more.
+        if (closing_ || worker->tornDown_) {
             delete request;
             return nullptr;
         }
@@ -294,8 +354,10 @@ void* DtaFile::readAsync(char* buffer, uint32_t length, AsyncCallback& callback)
     return request;
 }
 
+// Only the worker's queue is looked at: the file's mutex_ may be held by the
+// worker through an engine read that waits for the network, and the engine's
+// stop cancels its reads while that read stalls.
 int DtaFile::cancel(void* request) {
-    Mutex::Autolock lock(mutex_);
     VELKA_ASSERT(handle_ != -1);
     DtaTaskThread* worker = DtaTaskThread::instance();
     Mutex::Autolock queueLock(worker->mutex_);
@@ -319,7 +381,7 @@ int DtaFile::cancel(void* request) {
 // Under mutex_, so that a seek never falls between a read's engine call and
 // its position update.
 int64_t DtaFile::seek(int64_t offset, Whence whence) {
-    Mutex::Autolock lock(mutex_);
+    Mutex::Autolock lock(*mutex_);
     const int64_t length = length_;
     const int64_t position = position_;
     int64_t target;

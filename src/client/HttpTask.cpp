@@ -133,6 +133,11 @@ HttpTask* HttpTask::create(const std::string& url) {
     HttpTaskThread* worker = worker_;
     {
         Mutex::Autolock lock(worker->tasksLock_);
+        // At process exit the worker starts no more transfers.
+        if (!workerRunning_) {
+            delete task;
+            return nullptr;
+        }
         worker->tasks_.push_back(task);
     }
     worker->wake();
@@ -349,8 +354,9 @@ void HttpTask::continueDownload() {
 // --- Requests from callers ----------------------------------------------------------------
 
 AsyncRequest* HttpTask::readAsync(char* buffer, uint32_t length, File::AsyncCallback& callback) {
-    // A released task takes nothing new: its queue is being completed.
-    if (error_ != 0 || removed_) return nullptr;
+    // A released task takes nothing new: its queue is being completed; nor
+    // does any task once the worker is torn down at process exit.
+    if (error_ != 0 || removed_ || !workerRunning_) return nullptr;
     AsyncRequest* request = new AsyncRequest{buffer, length, length, false, &callback};
     printf("readAsyncTask length %d callback %p req %p\n", static_cast<int>(length),
            static_cast<void*>(&callback), static_cast<void*>(request));

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "HttpTask.h"
+#include "LibraryExit.h"
 #include "velka/HttpTaskThread.h"
 
 namespace velka {
@@ -23,9 +24,6 @@ constexpr unsigned int kResumeFreeBytes = 32 * 1024;
 // select() limit when libcurl names none, and the nap when it has no socket.
 constexpr int kIdlePassMs = 100;
 constexpr long kMaxConnects = 32;
-
-// Held for the whole of HttpTaskThread::instance(); built at load.
-Mutex instanceMutex_;
 
 thread_local bool onWorker_ = false;
 
@@ -50,9 +48,14 @@ void HttpTaskThread::wake() {
 }
 
 HttpTaskThread* HttpTaskThread::instance() {
-    Mutex::Autolock lock(instanceMutex_);
-    static HttpTaskThread taskSingleton;
-    return &taskSingleton;
+    // Built once; other first callers wait for it. The pointer has nothing to
+    // destroy at exit, so late callers still find the worker.
+    static HttpTaskThread* const taskSingleton = [] {
+        HttpTaskThread* worker = new HttpTaskThread();
+        tearDownAfterPlayback(&HttpTaskThread::tearDown);
+        return worker;
+    }();
+    return taskSingleton;
 }
 
 HttpTaskThread::HttpTaskThread()
@@ -70,16 +73,21 @@ HttpTaskThread::HttpTaskThread()
     thread_->start();
 }
 
-// At process exit. Tasks still owned by an open HttpFile stay as they are.
-HttpTaskThread::~HttpTaskThread() {
-    workerRunning_ = false;  // running transfers abort at their next progress report
-    wake();
-    delete thread_;  // waits for run() to return
+// At process exit, after Playback. Tasks still owned by an open HttpFile stay
+// as they are; new tasks and reads are refused from now on.
+void HttpTaskThread::tearDown() {
+    HttpTaskThread* worker = instance();
+    {
+        Mutex::Autolock lock(worker->tasksLock_);
+        workerRunning_ = false;  // running transfers abort at their next progress report
+    }
+    worker->wake();
+    delete worker->thread_;  // waits for run() to return
+    worker->thread_ = nullptr;
     curl_multi_cleanup(multiHandle_);
     multiHandle_ = nullptr;
-    for (int fd : wakePipe_) {
-        if (fd != -1) close(fd);
-    }
+    // The wake pipe stays open: a late close() may still wake() the worker,
+    // and the process is ending.
 }
 
 void HttpTaskThread::run() {

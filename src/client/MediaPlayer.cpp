@@ -1,7 +1,9 @@
 #include "velka/MediaPlayer.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <mutex>
 
 #include "MediaPlayerImpl.h"
 #include "velka/Playback.h"
@@ -40,11 +42,26 @@ namespace {
 // Dispatch thread: priority and requested stack size.
 const int kDispatchPriority = 60;
 const int kDispatchStackSize = 2048;
-// How long the dispatch thread sleeps on an empty queue before it polls
-// Playback: engine events reach listeners at most about twice a second.
+// How long the dispatch thread waits on an empty queue before it polls
+// Playback without being told of an engine notification: the engine's
+// flags are read twice a second at least, and an idle player wakes no more
+// often than that.
 const int kPollIntervalMs = 500;
 
+// Serialises the claim and release of holder_ with waking it, so that a
+// notification never wakes a player on its way out. Trivially destructible:
+// engine notifications may come late in process exit.
+std::mutex holderMutex_;
+
 }  // namespace
+
+std::atomic<MediaPlayer::MediaPlayerImpl*> MediaPlayer::MediaPlayerImpl::holder_(nullptr);
+
+void MediaPlayer::MediaPlayerImpl::wakeHolder() {
+    std::lock_guard<std::mutex> lock(holderMutex_);
+    MediaPlayerImpl* holder = holder_;
+    if (holder != nullptr) holder->engineNotified();
+}
 
 MediaPlayer::MediaPlayerImpl::MediaPlayerImpl()
     : url_(),
@@ -52,7 +69,9 @@ MediaPlayer::MediaPlayerImpl::MediaPlayerImpl()
       delivering_(false),
       deliveryIndex_(0),
       running_(true),
+      notifications_(0),
       dispatchThread_(nullptr) {
+    Playback::setEventHook(wakeHolder);
     puts("MediaPlayerImpl new thread ");
     dispatchThread_ = new Thread(*this, false, "MediaPlayerImpl", kDispatchPriority,
                                  kDispatchStackSize);
@@ -64,14 +83,31 @@ MediaPlayer::MediaPlayerImpl::MediaPlayerImpl()
 MediaPlayer::MediaPlayerImpl::~MediaPlayerImpl() {
     stop();
     close();
-    running_ = false;
-    // Waits until the loop next tests running_: at most one poll interval
-    // and one poll, or the delivery of one event.
+    {
+        Mutex::Autolock lock(eventMutex_);
+        running_ = false;
+    }
+    wakeup_.notify_all();
+    // Waits until the loop next tests running_: at once when it waits, else
+    // after the poll or the delivery of one event under way.
     delete dispatchThread_;
 }
 
 void MediaPlayer::MediaPlayerImpl::queueState(MediaPlayer::State state) {
     addEvent(MediaPlayer::Event{MediaPlayer::kEventStateChanged, state}, false);
+}
+
+bool MediaPlayer::MediaPlayerImpl::claimEngine() {
+    std::lock_guard<std::mutex> lock(holderMutex_);
+    MediaPlayerImpl* holder = holder_;
+    if (holder != nullptr && holder != this) return false;
+    holder_ = this;
+    return true;
+}
+
+void MediaPlayer::MediaPlayerImpl::releaseEngine() {
+    std::lock_guard<std::mutex> lock(holderMutex_);
+    if (holder_ == this) holder_ = nullptr;
 }
 
 VelkaStatus MediaPlayer::MediaPlayerImpl::open(const std::string& url) {
@@ -85,8 +121,17 @@ VelkaStatus MediaPlayer::MediaPlayerImpl::open(const std::string& url) {
     url_ = url;
     queueState(MediaPlayer::kStateOpening);
 
+    // Another player plays on the one engine: it goes on untouched, and this
+    // one goes back to closed.
+    if (!claimEngine()) {
+        state_ = MediaPlayer::kStateClosed;
+        queueState(MediaPlayer::kStateClosed);
+        return kStatusInvalidState;
+    }
+
     VelkaStatus result;
     if (Playback::instance_.open(url_) != kStatusOk) {
+        releaseEngine();
         // The return to closed is announced by the error event alone.
         state_ = MediaPlayer::kStateClosed;
         addEvent(MediaPlayer::Event{MediaPlayer::kEventError, 0}, false);
@@ -108,6 +153,7 @@ void MediaPlayer::MediaPlayerImpl::close() {
     if (state_ != MediaPlayer::kStateClosed) {
         state_ = MediaPlayer::kStateClosed;
         Playback::instance_.close();
+        releaseEngine();
         // Overtakes every event still waiting.
         addEvent(MediaPlayer::Event{MediaPlayer::kEventStateChanged, MediaPlayer::kStateClosed},
                  true);
@@ -238,11 +284,20 @@ void MediaPlayer::MediaPlayerImpl::addEvent(const MediaPlayer::Event& event, boo
     } else {
         events_.push_back(event);
     }
+    wakeup_.notify_one();
+}
+
+void MediaPlayer::MediaPlayerImpl::engineNotified() {
+    {
+        Mutex::Autolock lock(eventMutex_);
+        ++notifications_;
+    }
+    wakeup_.notify_one();
 }
 
 void MediaPlayer::MediaPlayerImpl::getEvent() {
-    // A closed player never asks the engine.
-    if (state_ == MediaPlayer::kStateClosed) return;
+    // A closed player never asks the engine, nor one that does not hold it.
+    if (state_ == MediaPlayer::kStateClosed || holder_ != this) return;
 
     // Without the player lock: time and buffering keep flowing while a
     // command waits inside Playback.
@@ -263,21 +318,31 @@ void MediaPlayer::MediaPlayerImpl::getEvent() {
 void MediaPlayer::MediaPlayerImpl::eventDispatch() {
     printf("MediaPlayerImpl eventDispatch\n");
     fflush(stdout);
+    using Clock = std::chrono::steady_clock;
+    Clock::time_point nextPoll = Clock::now() + std::chrono::milliseconds(kPollIntervalMs);
     while (running_) {
         MediaPlayer::Event event;
+        event.id = MediaPlayer::kEventNone;
+        bool poll = false;
         {
             Mutex::Autolock lock(eventMutex_);
+            // Held once here, so the wait releases it (the lock is recursive).
+            wakeup_.wait_until(eventMutex_, nextPoll, [this] {
+                return !events_.empty() || notifications_ > 0 || !running_;
+            });
             if (!events_.empty()) {
                 event = events_.front();
                 events_.pop_front();
-            } else {
-                event.id = MediaPlayer::kEventNone;
+            } else if (running_) {
+                // Told of a notification, or the interval is over.
+                poll = true;
+                if (notifications_ > 0) --notifications_;
             }
         }
-        if (event.id == MediaPlayer::kEventNone) {
-            Thread::sleep(kPollIntervalMs);
+        if (poll) {
             getEvent();
-        } else {
+            nextPoll = Clock::now() + std::chrono::milliseconds(kPollIntervalMs);
+        } else if (event.id != MediaPlayer::kEventNone) {
             doNotify(event);
         }
     }

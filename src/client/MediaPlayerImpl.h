@@ -2,7 +2,9 @@
 #define VELKA_SRC_CLIENT_MEDIAPLAYERIMPL_H
 
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <string>
 #include <vector>
@@ -17,15 +19,20 @@ namespace velka {
 // queue and its dispatch thread.
 //
 // Commands run on the callers' threads and call into Playback::instance_
-// under the player lock, which is held for the whole command. The dispatch
+// under the player lock, which is held for the whole command. The box has one
+// playback engine: the player whose open() claimed it holds it until its
+// close(), and another player's open() meanwhile is refused. The dispatch
 // thread ("MediaPlayerImpl") delivers queued events to the listeners and,
-// whenever the queue is empty, sleeps 500 ms and polls Playback once without
-// the player lock.
+// whenever the queue is empty, waits for a queued event or an engine
+// notification, at most 500 ms, and then polls Playback once without the
+// player lock, if this player holds the engine.
 //
-// Lock order: listener lock, then player lock, then event lock. The listener
-// lock comes first only when a listener issues commands from inside
-// notify(); nothing takes the listener lock while holding one of the other
-// two, and the event lock is never held while calling out.
+// Lock order: listener lock, then player lock, then the process-wide holder
+// lock (which player holds the engine), then event lock. The listener lock
+// comes first only when a listener issues commands from inside notify();
+// nothing takes the listener lock while holding one of the others, the
+// holder lock is never held while calling into Playback, and the event lock
+// is never held while calling out.
 class MediaPlayer::MediaPlayerImpl final : public Thread::Runnable {
 public:
     MediaPlayerImpl();
@@ -61,12 +68,27 @@ public:
     void eventDispatch();
     // Delivers one event to every listener, on the dispatch thread.
     void doNotify(const MediaPlayer::Event& event);
+    // The engine sent a notification: the dispatch thread polls at once
+    // instead of at the end of its interval. On the engine's notification
+    // thread.
+    void engineNotified();
 
     void run() override { eventDispatch(); }
 
 private:
     // Queues {kEventStateChanged, state} at the back.
     void queueState(MediaPlayer::State state);
+    // Claims the playback engine for this player; false while another holds it.
+    bool claimEngine();
+    // Gives the engine up, if this player holds it.
+    void releaseEngine();
+    // Playback's event hook, on the engine's notification thread: wakes the
+    // holder's dispatch thread.
+    static void wakeHolder();
+
+    // The player that holds the one playback engine, from its open() to its
+    // close(); null when none does. Only the holder polls Playback.
+    static std::atomic<MediaPlayerImpl*> holder_;
 
     std::string url_;                        // guarded by stateMutex_
     Mutex stateMutex_;                       // the player lock: state_, url_, commands
@@ -80,7 +102,12 @@ private:
     std::ptrdiff_t deliveryIndex_;
     std::deque<MediaPlayer::Event> events_;  // guarded by eventMutex_; front is next
     std::atomic<bool> running_;              // the dispatch loop runs while set
-    Mutex eventMutex_;                       // guards events_
+    Mutex eventMutex_;                       // guards events_ and notifications_
+    // Engine notifications not yet answered by a poll; guarded by eventMutex_.
+    uint32_t notifications_;
+    // Wakes the dispatch thread: an event queued, an engine notification, the
+    // end of the loop. Waited on with eventMutex_.
+    std::condition_variable_any wakeup_;
     Thread* dispatchThread_;                 // owned
 };
 

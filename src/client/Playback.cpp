@@ -5,10 +5,13 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <mutex>
 
 #include "IMtkPb_Ctrl.h"
+#include "LibraryExit.h"
 #include "PullSource.h"
 #include "mtk_rpc.h"
+#include "velka/Assert.h"
 #include "velka/File.h"
 #include "velka/FileFactory.h"
 #include "velka/Mutex.h"
@@ -88,6 +91,8 @@ std::atomic<bool> seeking_(false);        // timeSeek() waits for the engine
 std::atomic<bool> paused_(false);         // paused: time updates are held back
 std::atomic<int32_t> totalTime_(0);       // the duration the engine reported last
 std::atomic<int32_t> startPosition_(0);   // seconds to seek to once playback started; 0 = none
+// Called after every notification (setEventHook); set by the player front end.
+std::atomic<void (*)()> eventHook_(nullptr);
 
 // The whole picture: the first rectangle of every display change.
 const EngineRect kWholePicture = {0, 0, 1000, 1000};
@@ -113,8 +118,9 @@ const uint32_t kMaxExtent = 1000;
 
 }  // namespace
 
-// Static initialisation of the library, in this order: seekDone_ and
-// tempFileLock_ before Playback::instance_, so that both outlive it at unload.
+// Static initialisation of the library, in this order: seekDone_ and the
+// source workers' tear-downs before Playback::instance_, so that both outlive
+// it at unload.
 
 // Posted by the notification callback when a time seek has ended.
 static Semaphore seekDone_(0);
@@ -123,7 +129,48 @@ static Semaphore seekDone_(0);
 // thread) and around taking it away for destruction, so that it is never
 // destroyed while in use. Never held while calling the engine or opening or
 // closing the source.
-static Mutex tempFileLock_;
+// Not recursive, and with nothing to destroy: a player left alive at process
+// exit still polls getEvent() after Playback is gone.
+static std::mutex tempFileLock_;
+
+namespace {
+
+// Room for the tear-downs of the source workers (DTA, HTTP, peer-to-peer).
+const int kMaxTearDowns = 8;
+
+// Registered tear-downs. Trivially destructible, so that registration stays
+// possible until the runner below has run.
+std::mutex tearDownMutex_;  // guards the three below
+void (*tearDowns_[kMaxTearDowns])() = {};
+int tearDownCount_ = 0;
+bool tornDown_ = false;
+
+// Runs the registered tear-downs when it is destroyed, right after
+// Playback::instance_.
+class TearDownRunner {
+public:
+    TearDownRunner() {}
+    ~TearDownRunner() {
+        int count;
+        {
+            std::lock_guard<std::mutex> lock(tearDownMutex_);
+            tornDown_ = true;
+            count = tearDownCount_;
+        }
+        while (count > 0) tearDowns_[--count]();
+    }
+};
+
+TearDownRunner tearDownRunner_;
+
+}  // namespace
+
+void tearDownAfterPlayback(void (*tearDown)()) {
+    std::lock_guard<std::mutex> lock(tearDownMutex_);
+    VELKA_ASSERT(tearDownCount_ < kMaxTearDowns);
+    if (tornDown_) return;
+    tearDowns_[tearDownCount_++] = tearDown;
+}
 
 Playback Playback::instance_;
 
@@ -137,7 +184,7 @@ void releaseSeek() {
 // Records an engine error for getEvent(), with the tmp file's error code.
 void recordError() {
     {
-        Mutex::Autolock lock(tempFileLock_);
+        std::lock_guard<std::mutex> lock(tempFileLock_);
         File* file = tempFile_;
         if (file != nullptr) errorCode_ = file->error();
     }
@@ -195,6 +242,8 @@ int32_t pb_callback(IMTK_PB_CTRL_EVENT_T event, void* tag, intptr_t data) {
             break;
     }
     fflush(stdout);
+    void (*hook)() = eventHook_;
+    if (hook != nullptr) hook();
     return 0;
 }
 
@@ -341,6 +390,9 @@ Playback::~Playback() {
 }
 
 VelkaStatus Playback::open(const std::string& url) {
+    // One medium at a time: the open one keeps its source, its engine
+    // instance and its pending notifications.
+    if (tempFile_ != nullptr || engineHandle_ != 0) return kStatusError;
     errorCode_ = 0;
     fullRect_ = kWholePicture;
     openedPending_ = false;
@@ -368,7 +420,7 @@ VelkaStatus Playback::open(const std::string& url) {
         fflush(stdout);
         errorCode_ = file->error();
         {
-            Mutex::Autolock lock(tempFileLock_);
+            std::lock_guard<std::mutex> lock(tempFileLock_);
             tempFile_ = nullptr;
         }
         delete file;
@@ -476,7 +528,7 @@ void Playback::close() {
     // notification still uses it, then close and destroy it.
     File* file;
     {
-        Mutex::Autolock lock(tempFileLock_);
+        std::lock_guard<std::mutex> lock(tempFileLock_);
         file = tempFile_.exchange(nullptr);
     }
     if (file != nullptr) {
@@ -549,7 +601,7 @@ void Playback::getEvent(MediaPlayer::Event& event) {
         return;
     }
     {
-        Mutex::Autolock lock(tempFileLock_);
+        std::lock_guard<std::mutex> lock(tempFileLock_);
         File* file = tempFile_;
         printf("------ %d %p!!!!!!\n", opening_ ? 1 : 0, static_cast<void*>(file));
         if ((opening_ || seeking_) && file != nullptr) {
@@ -571,6 +623,8 @@ void Playback::getEvent(MediaPlayer::Event& event) {
     event.id = MediaPlayer::kEventTimeUpdate;
     event.param = time;
 }
+
+void Playback::setEventHook(void (*hook)()) { eventHook_ = hook; }
 
 void Playback::setVolume(unsigned int volume) { (void)volume; }
 

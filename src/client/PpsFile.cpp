@@ -6,6 +6,7 @@
 #include <cstring>
 #include <deque>
 
+#include "LibraryExit.h"
 #include "ems.h"
 #include "velka/Assert.h"
 #include "velka/Semaphore.h"
@@ -28,7 +29,8 @@ struct PpsAsyncRequest {
 
 // The one worker of all PpsFiles: serves their asynchronous reads one at a
 // time, oldest first, and owns the engine's start-up and tear-down. Built on
-// first use, destroyed at process exit.
+// first use and never freed; torn down at process exit after Playback
+// (LibraryExit.h), from when on it refuses new reads.
 class PpsTaskThread : public Thread::Runnable {
 public:
     static PpsTaskThread* instance();
@@ -40,15 +42,18 @@ private:
     friend class PpsFile;
 
     PpsTaskThread();
-    ~PpsTaskThread();
+    // At process exit, after Playback: ends the thread, completes what is
+    // still queued as cancelled, releases the engine.
+    static void tearDown();
 
     // On the worker, with the file's mutex_ held: one engine read for `request`.
     VelkaStatus serve(PpsAsyncRequest* request, uint32_t* count);
 
     std::atomic<bool> running_;  // cleared at tear-down
+    bool tornDown_;              // reads are refused from tear-down on; under mutex_
     int initResult_;             // the engine's ems_init result; non-zero = unusable
     Thread* thread_;             // owned
-    Mutex mutex_;                // guards requests_
+    Mutex mutex_;                // guards requests_ and tornDown_
     Semaphore wakeup_;           // posted once per queued request and once at tear-down
     std::deque<PpsAsyncRequest*> requests_;  // oldest first
 };
@@ -78,9 +83,6 @@ const int64_t kReadHint = 15;
 // last error code (never reset).
 std::atomic<int> ppsCachePercent_(0);
 std::atomic<int> ppsErrorCode_(0);
-
-// Held for the whole of PpsTaskThread::instance(); built at load.
-Mutex instanceMutex_;
 
 // What an engine event does besides its line.
 enum EventEffect {
@@ -174,12 +176,18 @@ int ems_event_handler(int taskIndex, ems_event event) {
 }
 
 PpsTaskThread* PpsTaskThread::instance() {
-    Mutex::Autolock lock(instanceMutex_);
-    static PpsTaskThread ppsTaskThread;
-    return &ppsTaskThread;
+    // Built once; other first callers wait for it. The pointer has nothing to
+    // destroy at exit, so late callers still find the worker.
+    static PpsTaskThread* const ppsTaskThread = [] {
+        PpsTaskThread* worker = new PpsTaskThread();
+        tearDownAfterPlayback(&PpsTaskThread::tearDown);
+        return worker;
+    }();
+    return ppsTaskThread;
 }
 
-PpsTaskThread::PpsTaskThread() : running_(false), initResult_(0), thread_(nullptr), wakeup_(0) {
+PpsTaskThread::PpsTaskThread()
+    : running_(false), tornDown_(false), initResult_(0), thread_(nullptr), wakeup_(0) {
     // The engine finds its configuration in its working directory. Both
     // commands may fail (the directory exists, the box has no configuration);
     // the engine decides what it can do without.
@@ -198,11 +206,26 @@ PpsTaskThread::PpsTaskThread() : running_(false), initResult_(0), thread_(nullpt
     thread_->start();
 }
 
-// At process exit. Requests still queued are neither completed nor freed.
-PpsTaskThread::~PpsTaskThread() {
-    running_ = false;
-    wakeup_.post();
-    delete thread_;  // waits for run() to return
+void PpsTaskThread::tearDown() {
+    PpsTaskThread* worker = instance();
+    {
+        Mutex::Autolock lock(worker->mutex_);
+        worker->tornDown_ = true;
+        worker->running_ = false;
+    }
+    worker->wakeup_.post();
+    delete worker->thread_;  // waits for run() to return
+    worker->thread_ = nullptr;
+    // Every accepted read completes once, also those the worker did not reach.
+    std::deque<PpsAsyncRequest*> left;
+    {
+        Mutex::Autolock lock(worker->mutex_);
+        left.swap(worker->requests_);
+    }
+    for (PpsAsyncRequest* request : left) {
+        request->callback->complete(kStatusCancelled, 0);
+        delete request;
+    }
     ems_uninit();
     int ret = system("rm -fr /tmp/velka");
     (void)ret;
@@ -324,6 +347,11 @@ void* PpsFile::readAsync(char* buffer, uint32_t length, AsyncCallback& callback)
     PpsTaskThread* worker = PpsTaskThread::instance();
     {
         Mutex::Autolock lock(worker->mutex_);
+        // At process exit the worker serves no more.
+        if (worker->tornDown_) {
+            delete request;
+            return nullptr;
+        }
         worker->requests_.push_back(request);
     }
     worker->wakeup_.post();

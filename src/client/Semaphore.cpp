@@ -11,7 +11,7 @@ namespace velka {
 
 Semaphore::Semaphore(unsigned int count) : count_(count) {
     pthread_mutex_init(&mutex_, nullptr);
-    pthread_cond_init(&cond_, nullptr);
+    initMonotonicCondition(&cond_);
 }
 
 Semaphore::~Semaphore() {
@@ -41,7 +41,7 @@ bool Semaphore::tryWait() {
 
 bool Semaphore::timedWait(unsigned int ms) {
     pthread_mutex_lock(&mutex_);
-    const struct timespec deadline = realtimeDeadlineAfter(ms);
+    const struct timespec deadline = monotonicDeadlineAfter(ms);
     for (;;) {
         if (count_ > 0) {
             --count_;

@@ -24,7 +24,7 @@ Thread::Thread(Runnable& runnable, bool detached, const std::string& name, int p
       thread_(),
       hasThread_(false) {
     initRecursiveMutex(&stateLock_);
-    pthread_cond_init(&finished_, nullptr);
+    initMonotonicCondition(&finished_);
     initRecursiveMutex(&startLock_);
 }
 
@@ -115,7 +115,7 @@ VelkaStatus Thread::wait(int ms) {
     int ret = 0;
     if (state_ == RUNNING) {
         if (ms > 0) {
-            struct timespec deadline = realtimeDeadlineAfter(static_cast<unsigned int>(ms));
+            struct timespec deadline = monotonicDeadlineAfter(static_cast<unsigned int>(ms));
             while (state_ == RUNNING && ret == 0) {
                 ret = pthread_cond_timedwait(&finished_, &stateLock_, &deadline);
             }

@@ -37,9 +37,9 @@ using velka::MediaPlayer;
 using Event = MediaPlayer::Event;
 using Events = std::vector<Event>;
 
-// Bound of every wait for an event. The dispatch thread polls Playback every
-// 500 ms only while its queue is empty, and a loaded two-core machine may be
-// slow: several seconds per wait keep the tests robust.
+// Bound of every wait for an event. Without an engine notification the
+// dispatch thread polls Playback every 500 ms, and a loaded two-core machine
+// may be slow: several seconds per wait keep the tests robust.
 constexpr int kEventWaitMs = 10000;
 
 inline Event stateEvent(MediaPlayer::State state) {

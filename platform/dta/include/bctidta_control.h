@@ -96,6 +96,10 @@ SeekCall lastSeek();
 // Tasks opened and not yet closed.
 int openTaskCount();
 
+// Calls `report` when this engine's library is unloaded at process exit, that
+// is after the libraries that use the engine have shut down. Null: nothing.
+void setUnloadReport(void (*report)());
+
 }  // namespace control
 }  // namespace bctidta
 

@@ -40,6 +40,15 @@ std::condition_variable gateChanged_;
 bool holding_ = false;
 int held_ = 0;
 
+std::atomic<void (*)()> unloadReport_(nullptr);
+
+// Runs with this library's finalisers, which come after those of the
+// libraries that use the engine and after every exit handler.
+__attribute__((destructor)) void reportAtUnload() {
+    void (*report)() = unloadReport_.load();
+    if (report != nullptr) report();
+}
+
 template <typename Setter>
 void change(Setter setter) {
     std::lock_guard<std::mutex> lock(settingsMutex_);
@@ -171,6 +180,8 @@ std::string lastInitDirectory() {
     std::lock_guard<std::mutex> lock(settingsMutex_);
     return initDirectory_;
 }
+
+void setUnloadReport(void (*report)()) { unloadReport_.store(report); }
 
 SeekCall lastSeek() {
     std::lock_guard<std::mutex> lock(settingsMutex_);
