@@ -18,9 +18,12 @@
 // bytes sent); stop(), or the destructor, closes everything and joins.
 
 #include <arpa/inet.h>
+#include <cstdio>
 #include <netinet/in.h>
 #include <poll.h>
 #include <strings.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -197,6 +200,47 @@ private:
         return hold && !stopping_;
     }
 
+    // Waits until the client has read everything sent on `fd` (its socket's
+    // receive queue, from /proc/net/tcp, is empty and nothing is left to
+    // send), or `ms` have passed.
+    void waitPeerDrained(int fd, int ms) {
+        sockaddr_in self = {}, peer = {};
+        socklen_t len = sizeof self;
+        if (getsockname(fd, reinterpret_cast<sockaddr*>(&self), &len) != 0) return;
+        len = sizeof peer;
+        if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &len) != 0) return;
+        char local[32], remote[32];
+        snprintf(local, sizeof local, "0100007F:%04X", ntohs(peer.sin_port));
+        snprintf(remote, sizeof remote, "0100007F:%04X", ntohs(self.sin_port));
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+        while (std::chrono::steady_clock::now() < end && !stopping_) {
+            int unsent = 0;
+            ioctl(fd, SIOCOUTQ, &unsent);
+            if (unsent == 0 && peerQueue(local, remote) == 0) return;
+            usleep(2000);
+        }
+    }
+
+    // The receive queue of the loopback socket `local` connected to `remote`
+    // (/proc/net/tcp's "HEX-ADDR:PORT" forms), -1 when it is not listed.
+    static long peerQueue(const char* local, const char* remote) {
+        FILE* tcp = fopen("/proc/net/tcp", "r");
+        if (tcp == nullptr) return -1;
+        char line[512];
+        long queue = -1;
+        while (fgets(line, sizeof line, tcp) != nullptr) {
+            char l[64], r[64];
+            unsigned long tx = 0, rx = 0;
+            if (sscanf(line, " %*d: %63s %63s %*x %lx:%lx", l, r, &tx, &rx) == 4 &&
+                strcasecmp(l, local) == 0 && strcasecmp(r, remote) == 0) {
+                queue = static_cast<long>(rx);
+                break;
+            }
+        }
+        fclose(tcp);
+        return queue;
+    }
+
     bool sendAll(int fd, const char* data, size_t n) {
         while (n > 0) {
             const ssize_t sent = send(fd, data, n, MSG_NOSIGNAL);
@@ -311,8 +355,8 @@ private:
             pause(fd, reply.holdMs, true);
             if (reply.close != Reply::kReset) return false;
             // A reset throws away what the receiver has not read yet: the
-            // client first gets a moment to take it.
-            pause(fd, 100);
+            // client first takes what was sent, unless it stopped reading.
+            waitPeerDrained(fd, 2000);
             return true;
         }
         if (reply.framing == Reply::kChunked) sendAll(fd, "0\r\n\r\n");
