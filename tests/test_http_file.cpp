@@ -268,8 +268,11 @@ TEST_F(HttpFileTest, SeekAheadOfTheDownloadWaitsForAShortGapAndRestartsForALongO
         EXPECT_EQ(velka::kStatusOk, read.status);
         EXPECT_TRUE(read.data() == slice(bytes, target, 1000)) << target;
     }
+    // The short gap is waited for, or (on a slow machine) has already come
+    // and is skipped; either way only the long one restarts.
     const std::string text = tap_.text();
-    EXPECT_NE(std::string::npos, text.find("seek forward 102400, pos ")) << "no wait for the gap";
+    EXPECT_TRUE(text.find("seek forward 102400, pos ") != std::string::npos ||
+                text.find("skip 102400, pos ") != std::string::npos);
     EXPECT_EQ(1u, tap_.count("reseek forward "));
     files_.clear();
     const auto requests = server_.waitForRequests(2);
