@@ -193,11 +193,13 @@ void DtaTaskThread::run() {
         }
         // No lock held: the callback may queue the next read at once.
         request->callback->complete(status, count);
-        delete request;
+        // Out of service before it is freed: close() looks at the request in
+        // service under mutex_.
         {
             Mutex::Autolock lock(mutex_);
             inService_ = nullptr;
         }
+        delete request;
         served_.notify_all();
     }
 }

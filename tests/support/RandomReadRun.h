@@ -172,6 +172,9 @@ private:
         // A request may complete before its handle is stored: only cancels
         // of stored handles are made.
         request->handle = handle;
+        // Issued from a completion while close() began: close() may have
+        // taken it from the queue and cancelled it.
+        if (closing_) request->closeMayCancel = true;
         if (request->completions == 0) outstanding_.push_back(request);
         return true;
     }
