@@ -1,8 +1,11 @@
 // The download engine stand-in on its own: tasks stream a resource into their
 // buffer, reads block for data, queries and events report what happens, close
-// ends a blocked reader. Its seeks and scripted faults (failed, short, slow and
-// held reads, reported states, handles) are used, and so checked, by the
-// DtaFile tests.
+// ends a blocked reader; over HTTP (against the scripted fault server) seeks
+// restart the fetch with a range, unknown lengths read to the end of the
+// transfer, failures carry the server's answer or the network error, and a
+// stalled fetch lets a close through. Its seeks and scripted faults (failed,
+// short, slow and held reads, reported states, handles) are used, and so
+// checked, by the DtaFile tests.
 
 #include <gtest/gtest.h>
 
@@ -14,12 +17,16 @@
 #include "CBctiDta.h"
 #include "TestSupport.h"
 #include "bctidta_control.h"
+#include "support/FaultServer.h"
 
 namespace {
 
 namespace control = bctidta::control;
+using testing_support::FaultServer;
 using testing_support::kWaitMs;
+using testing_support::patternBytes;
 using testing_support::TempDataFile;
+using Reply = FaultServer::Reply;
 
 struct Event {
     int32_t event;
@@ -178,6 +185,166 @@ TEST_F(BctiDtaTest, CloseEndsABlockedReaderAndForgetsTheHandle) {
     EXPECT_EQ(kDtaErrHandle, engine_->startTask(handle));
     uint64_t n = 1;
     EXPECT_EQ(kDtaErrHandle, engine_->readData(handle, buffer.data(), &n));
+}
+
+// --- Over HTTP ---------------------------------------------------------------------------
+
+constexpr int64_t kHttpBytes = 700 * 1024 + 11;
+// A buffer smaller than the resource, so that a seek back leaves it.
+constexpr uint32_t kHttpBuffer = 128 * 1024;
+// Further in than the first receive of a transfer, and outside the buffer
+// once most of the resource was read.
+constexpr int64_t kSeekTo = 400 * 1024 + 3;
+
+class BctiDtaHttpTest : public BctiDtaTest {
+protected:
+    BctiDtaHttpTest() : server_(patternBytes(kHttpBytes, 21)) {}
+    void SetUp() override {
+        BctiDtaTest::SetUp();
+        std::string why;
+        ASSERT_TRUE(server_.start(&why)) << why;
+        control::setBufferCapacity(kHttpBuffer);
+    }
+    std::vector<char> slice(int64_t from, int64_t count) {
+        const std::vector<char>& all = server_.file();
+        return std::vector<char>(all.begin() + from, all.begin() + from + count);
+    }
+    std::vector<std::string> ranges(const std::string& path) {
+        std::vector<std::string> out;
+        for (const FaultServer::Request& r : server_.requests(path)) out.push_back(r.range);
+        return out;
+    }
+    FaultServer server_;
+};
+
+struct HttpStreamCase {
+    const char* name;
+    std::vector<Reply> replies;
+    int64_t lengthWhileRunning;
+};
+
+Reply withFraming(Reply::Framing framing) {
+    Reply r;
+    r.framing = framing;
+    return r;
+}
+Reply withStatus(int status) {
+    Reply r;
+    r.status = status;
+    return r;
+}
+
+// Read most of it, seek back (outside the buffer: a new fetch with a range) and
+// read to the end; the length is known once the transfer ends.
+TEST_F(BctiDtaHttpTest, StreamsByteExactAndSeeksBackWithARangeWhateverTheFraming) {
+    const HttpStreamCase cases[] = {
+        {"content length", {Reply()}, kHttpBytes},
+        {"chunked", {withFraming(Reply::kChunked)}, -1},
+        {"close delimited", {withFraming(Reply::kCloseDelimited)}, -1},
+        // The range is ignored: what comes before it is dropped.
+        {"range answered 200", {Reply(), withStatus(200)}, kHttpBytes},
+    };
+    for (const HttpStreamCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string path = std::string("/") + std::to_string(&c - cases);
+        server_.script(path, c.replies);
+        const int handle = task(server_.url(path));
+        EXPECT_EQ(c.lengthWhileRunning, transfer(handle).totalLength);
+        EXPECT_EQ(slice(0, kHttpBytes * 9 / 10), readFully(handle, kHttpBytes * 9 / 10, 30000));
+        ASSERT_EQ(0, engine_->seekTask(handle, 0, kSeekTo, 0));
+        EXPECT_EQ(slice(kSeekTo, kHttpBytes - kSeekTo), readFully(handle, kHttpBytes, 65536));
+        uint64_t n = 10;
+        char byte[10];
+        EXPECT_EQ(0, engine_->readData(handle, byte, &n));
+        EXPECT_EQ(0u, n) << "the end of the transfer is the end";
+        ASSERT_TRUE(control::waitForDownloadsIdle(kWaitMs));
+        EXPECT_EQ(kDtaStateFinished, state(handle));
+        EXPECT_EQ(kHttpBytes, transfer(handle).totalLength);
+        EXPECT_EQ((std::vector<std::string>{"-", "bytes=" + std::to_string(kSeekTo) + "-"}),
+                  ranges(path));
+    }
+}
+
+TEST_F(BctiDtaHttpTest, FailuresCarryTheServersAnswerOrTheNetworkError) {
+    Reply notFound = withStatus(404);
+    notFound.body = "not here";
+    Reply dropped;
+    dropped.cutAt = 200 * 1024;
+    dropped.close = Reply::kReset;
+    Reply gone;
+    gone.hangUp = true;
+    server_.script("/missing", {notFound});
+    server_.script("/dropped", {dropped, gone});
+
+    // Nobody listens on a port just closed.
+    FaultServer closed(std::vector<char>(1));
+    std::string why;
+    ASSERT_TRUE(closed.start(&why)) << why;
+    const std::string refused = closed.url("/x");
+    closed.stop();
+
+    struct Row {
+        std::string url;
+        std::string reason;
+    } rows[] = {{server_.url("/missing"), "HTTP 404"}, {refused, "onnect"}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.url);
+        const int handle = task(row.url, false);
+        EXPECT_NE(0, engine_->startTask(handle));
+        EXPECT_EQ(kDtaStateOpenFailed, state(handle));
+        ASSERT_TRUE(control::waitForDownloadsIdle(kWaitMs));
+        const std::vector<Event> reported = eventsOf(handle);
+        ASSERT_EQ(1u, reported.size());
+        EXPECT_EQ(kDtaEventFailed, reported[0].event);
+        EXPECT_NE(std::string::npos, reported[0].message.find(row.reason)) << reported[0].message;
+    }
+
+    // Dropped in the middle and never served again: what came is read, then
+    // the read fails and the task is broken.
+    const int handle = task(server_.url("/dropped"));
+    std::vector<char> got, buffer(16384);
+    int result = 0;
+    for (int i = 0; i < 1000 && result == 0; ++i) {
+        uint64_t n = buffer.size();
+        result = engine_->readData(handle, buffer.data(), &n);
+        got.insert(got.end(), buffer.begin(), buffer.begin() + static_cast<long>(n));
+    }
+    EXPECT_EQ(kDtaErrSource, result);
+    EXPECT_EQ(slice(0, dropped.cutAt), got);
+    EXPECT_EQ(kDtaStateBroken, state(handle));
+    ASSERT_TRUE(control::waitForDownloadsIdle(kWaitMs));
+    const std::vector<Event> reported = eventsOf(handle);
+    ASSERT_EQ(2u, reported.size());
+    EXPECT_EQ(kDtaEventFailed, reported[1].event);
+    EXPECT_EQ(kDtaStateBroken, reported[1].param2);
+}
+
+// The server stops sending and holds the connection: neither a close nor a
+// seek waits for the network to give up.
+TEST_F(BctiDtaHttpTest, AStalledFetchLetsASeekAndACloseThrough) {
+    Reply stalled;
+    stalled.cutAt = 64 * 1024;
+    stalled.holdMs = 120000;
+    server_.script("/stalled", {stalled, Reply()});
+    const int handle = task(server_.url("/stalled"));
+    EXPECT_EQ(slice(0, 64 * 1024), readFully(handle, 64 * 1024, 16384));
+    ASSERT_EQ(0, engine_->seekTask(handle, 0, kHttpBytes - 5000, 0));
+    EXPECT_EQ(slice(kHttpBytes - 5000, 5000), readFully(handle, 5000, 5000));
+
+    server_.script("/stalled-again", {stalled});
+    const int held = task(server_.url("/stalled-again"));
+    EXPECT_EQ(slice(0, 64 * 1024), readFully(held, 64 * 1024, 16384));
+    std::vector<char> buffer(1000);
+    std::future<int> reader = std::async(std::launch::async, [&] {
+        uint64_t n = buffer.size();
+        return engine_->readData(held, buffer.data(), &n);
+    });
+    std::future<int> closer = std::async(std::launch::async, [&] { return engine_->closeTask(held); });
+    ASSERT_EQ(std::future_status::ready, closer.wait_for(testing_support::kWait));
+    EXPECT_EQ(0, closer.get());
+    ASSERT_EQ(std::future_status::ready, reader.wait_for(testing_support::kWait));
+    EXPECT_EQ(kDtaErrHandle, reader.get());
+    server_.endHolds();
 }
 
 }  // namespace

@@ -15,11 +15,16 @@
 // are fixed (numbered below) and must never be reordered or extended in front.
 //
 // URLs served by the build of the engine in this tree:
+//   "http://" and "https://": fetched as they are read, a seek outside the
+//   buffer restarting the fetch with a byte range; the length is -1 while the
+//   server gives none (a live stream), and the end of the transfer is the end
+//   of the resource.
 //   "dta-test://" followed by a path of local storage, for example
 //   "dta-test:///data/movie.ts" for /data/movie.ts, or "dta-test://clip.ts"
 //   for clip.ts relative to the current directory.
 // Other schemes give a handle whose startTask() fails (state
-// kDtaStateOpenFailed).
+// kDtaStateOpenFailed). The failure event's message says why: for HTTP the
+// server's status ("HTTP 404") or the network error.
 
 #include <cstdint>
 

@@ -48,6 +48,10 @@ struct Task {
     bool startAnswered = false;  // the download thread has tried to open the resource
     int startResult = kDtaOk;
     std::unique_ptr<Source> source;  // used by the download thread only
+    // Set (under mutex) when a wait of the transport is no longer wanted: the
+    // task closes, or a seek drops the window. Cleared by the download thread
+    // before each transport call.
+    std::atomic<bool> interrupted{false};
     std::vector<char> ring;          // byte at stream offset o lives at ring[o % ring.size()]
     uint32_t chunkBytes = kDefaultChunkBytes;
     uint32_t chunkDelayMs = 0;
@@ -149,6 +153,7 @@ public:
             task->windowStart = task->windowEnd = task->readPos = position;
             task->generation++;
             task->restart = true;
+            task->interrupted = true;
             task->endReached = false;
             task->failed = false;
             task->state = kDtaStateRunning;
@@ -290,6 +295,7 @@ private:
         {
             std::lock_guard<std::mutex> lock(task->mutex);
             task->closing = true;
+            task->interrupted = true;
             task->changed.notify_all();
             thread.swap(task->thread);
         }
@@ -314,9 +320,9 @@ private:
             rc = forcedResult;
             reason = "start refused";
         } else {
-            task->source = makeSource(task->url);
+            task->source = makeSource(task->url, task->interrupted);
             rc = task->source ? task->source->open(0, &total) : -EPROTONOSUPPORT;
-            if (rc != 0) reason = std::strerror(-rc);
+            if (rc != 0) reason = failureReason(*task, rc);
         }
 
         std::unique_lock<std::mutex> lock(task->mutex);
@@ -361,6 +367,7 @@ private:
             const uint64_t generation = task->generation;
             if (task->restart) {
                 task->restart = false;
+                task->interrupted = false;
                 const int64_t offset = task->windowEnd;
                 lock.unlock();
                 rc = task->source->open(offset, &total);
@@ -377,6 +384,7 @@ private:
             const uint32_t want = static_cast<uint32_t>(std::min<int64_t>(
                 task->chunkBytes, static_cast<int64_t>(task->ring.size()) - task->buffered()));
             const uint32_t delayMs = task->chunkDelayMs;
+            task->interrupted = false;
             lock.unlock();
             int64_t n = task->source->fetch(chunk.data(), want);
             lock.lock();
@@ -410,10 +418,16 @@ private:
         task.failed = true;
         task.state = kDtaStateBroken;
         task.changed.notify_all();
-        std::string reason = std::strerror(-rc);
+        std::string reason = failureReason(task, rc);
         lock.unlock();
         send(kDtaEventFailed, task.handle, kDtaStateBroken, reason.c_str());
         lock.lock();
+    }
+
+    // The transport's own words for a failure, else the errno value's.
+    static std::string failureReason(const Task& task, int rc) {
+        std::string reason = task.source ? task.source->reason() : std::string();
+        return reason.empty() ? std::string(std::strerror(-rc)) : reason;
     }
 
     std::atomic<DtaEventCallback> callback_;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 namespace bctidta {
 
@@ -49,11 +50,18 @@ private:
     int64_t offset_;
 };
 
+bool hasScheme(const std::string& url, const char* scheme) {
+    return url.compare(0, std::strlen(scheme), scheme) == 0;
+}
+
 }  // namespace
 
-std::unique_ptr<Source> makeSource(const std::string& url) {
-    if (url.compare(0, sizeof(kLocalScheme) - 1, kLocalScheme) == 0) {
+std::unique_ptr<Source> makeSource(const std::string& url, const std::atomic<bool>& interrupted) {
+    if (hasScheme(url, kLocalScheme)) {
         return std::unique_ptr<Source>(new LocalSource(url.substr(sizeof(kLocalScheme) - 1)));
+    }
+    if (hasScheme(url, "http://") || hasScheme(url, "https://")) {
+        return makeHttpSource(url, interrupted);
     }
     return nullptr;
 }

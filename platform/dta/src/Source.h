@@ -1,9 +1,10 @@
 #ifndef BCTIDTA_SOURCE_H
 #define BCTIDTA_SOURCE_H
 
-// Where a task's bytes come from. Each transport (local storage now, HTTP
-// later) is one Source; the engine knows nothing else about it.
+// Where a task's bytes come from. Each transport (local storage, HTTP) is one
+// Source; the engine knows nothing else about it.
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -23,10 +24,19 @@ public:
     // Up to `count` bytes from the current offset: the bytes fetched, 0 at the
     // end of the resource, a negative errno value on failure.
     virtual int64_t fetch(char* buffer, uint32_t count) = 0;
+
+    // Why the last open() or fetch() failed, in words; empty when the errno
+    // value says it all.
+    virtual std::string reason() const { return std::string(); }
 };
 
-// The transport for `url`, or null when no transport serves its scheme.
-std::unique_ptr<Source> makeSource(const std::string& url);
+// The transport for `url`, or null when no transport serves its scheme. A
+// transport that waits on a network gives up its open() or fetch() with
+// -EINTR soon after `interrupted` becomes true.
+std::unique_ptr<Source> makeSource(const std::string& url, const std::atomic<bool>& interrupted);
+
+// HTTP and HTTPS, with libcurl.
+std::unique_ptr<Source> makeHttpSource(const std::string& url, const std::atomic<bool>& interrupted);
 
 }  // namespace bctidta
 
