@@ -1,6 +1,8 @@
 #include "velka/DtaFile.h"
 
 #include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -112,13 +114,20 @@ DtaTaskThread::DtaTaskThread()
       wakeup_(0),
       inService_(nullptr),
       workerThread_(pthread_t()) {
-    // The engine finds its configuration in its working directory. Both
-    // commands may fail (the directory exists, the box has no configuration);
-    // the engine decides what it can do without.
-    int ret = system("mkdir /tmp/velka");
-    (void)ret;
-    ret = system("cp -f /3rd/velka/run/ems.conf /tmp/velka");
-    (void)ret;
+    // The engine finds its configuration in its working directory. Either
+    // may be there already or be missing (a box without a configuration);
+    // the engine decides what it can do without. Each command runs only when
+    // it has something to do, so that a host's standard error carries no
+    // complaints about a folder that exists or a file the box does not have.
+    struct stat st;
+    if (stat(kWorkDir, &st) != 0 || !S_ISDIR(st.st_mode)) {
+        int ret = system("mkdir /tmp/velka");
+        (void)ret;
+    }
+    if (access("/3rd/velka/run/ems.conf", R_OK) == 0) {
+        int ret = system("cp -f /3rd/velka/run/ems.conf /tmp/velka");
+        (void)ret;
+    }
 
     dtaEngine_ = CBctiDta::GetInstance();
     initResult_ = dtaEngine_->initEngine(kWorkDir);

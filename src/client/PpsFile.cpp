@@ -1,5 +1,8 @@
 #include "velka/PpsFile.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -188,13 +191,20 @@ PpsTaskThread* PpsTaskThread::instance() {
 
 PpsTaskThread::PpsTaskThread()
     : running_(false), tornDown_(false), initResult_(0), thread_(nullptr), wakeup_(0) {
-    // The engine finds its configuration in its working directory. Both
-    // commands may fail (the directory exists, the box has no configuration);
-    // the engine decides what it can do without.
-    int ret = system("mkdir /tmp/velka");
-    (void)ret;
-    ret = system("cp -f /3rd/velka/ems.conf /tmp/velka");
-    (void)ret;
+    // The engine finds its configuration in its working directory. Either
+    // may be there already or be missing (a box without a configuration);
+    // the engine decides what it can do without. Each command runs only when
+    // it has something to do, so that a host's standard error carries no
+    // complaints about a folder that exists or a file the box does not have.
+    struct stat st;
+    if (stat(kWorkDir, &st) != 0 || !S_ISDIR(st.st_mode)) {
+        int ret = system("mkdir /tmp/velka");
+        (void)ret;
+    }
+    if (access("/3rd/velka/ems.conf", R_OK) == 0) {
+        int ret = system("cp -f /3rd/velka/ems.conf /tmp/velka");
+        (void)ret;
+    }
 
     initResult_ = ems_init(kWorkDir);
     ems_event_listener_func(ems_event_handler);
@@ -381,10 +391,14 @@ int64_t PpsFile::seek(int64_t offset, Whence whence) {
     Mutex::Autolock lock(mutex_);
     VELKA_ASSERT(taskIndex_ != -1);
     const int64_t length = length_;
+    // With the length unknown (-1) there is nothing to clamp to: seeks from
+    // the start or the current position land where asked (never below 0),
+    // and a seek from the end fails with -1, leaving the position.
+    const bool known = length >= 0;
     int64_t target;
     if (whence == kSeekSet) {
         if (offset > 0) {
-            target = offset > length ? length : offset;
+            target = known && offset > length ? length : offset;
         } else {
             target = 0;
         }
@@ -392,11 +406,14 @@ int64_t PpsFile::seek(int64_t offset, Whence whence) {
         if (offset > 0) {
             int64_t sum;
             const bool overflow = __builtin_add_overflow(position_, offset, &sum);
-            target = overflow || sum > length ? length : sum;
+            if (!known && overflow) return -1;
+            target = known && (overflow || sum > length) ? length : sum;
         } else {
-            // position_ is negative only after a seek in a stream of unknown length.
-            if (__builtin_add_overflow(position_, offset, &target) || target < 0) target = 0;
+            target = position_ + offset;  // position_ >= 0, so this cannot overflow
+            if (target < 0) target = 0;
         }
+    } else if (!known) {
+        return -1;
     } else {  // kSeekEnd, and every other origin
         if (offset > 0) {
             target = length;
@@ -423,6 +440,8 @@ int64_t PpsFile::length() {
 int64_t PpsFile::available() {
     Mutex::Autolock lock(mutex_);
     VELKA_ASSERT(taskIndex_ != -1);
+    // Unknown length: nothing can be told.
+    if (length_ < 0) return -1;
     return length_ - position_;
 }
 

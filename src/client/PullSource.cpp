@@ -166,7 +166,9 @@ IMTK_PB_CB_ERROR_CODE_T pb_seek(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag, int
     int64_t position = sourceOf(hPullSrc)->seek(i8Offset, whence);
     printf("pb_seek pos %lld from %d off %lld\n", static_cast<long long>(position),
            static_cast<int>(whence), static_cast<long long>(i8Offset));
-    if (position == -1) {
+    // A source refuses a seek it cannot serve (one from the end of a stream
+    // of unknown length) with a negative position.
+    if (position < 0) {
         *pu8CurPos = 0;
         return IMTK_PB_CB_ERROR_CODE_NOT_OK;
     }
