@@ -2,7 +2,9 @@
 // the software playback engine (results forced and notifications injected
 // through its control interface): every transition, the listeners, the
 // destructor, commands from several threads at once, and media that ffmpeg
-// writes during the run played end to end.
+// writes during the run played end to end, from local files and over HTTP
+// through the download engine (nginx, and the fault server for a live stream
+// of unknown length and a server that fails in the middle).
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -24,6 +26,8 @@ extern "C" {
 #include <vector>
 
 #include "PlayerFixture.h"
+#include "support/FaultServer.h"
+#include "support/NginxServer.h"
 #include "velka/MediaPlayer.h"
 
 namespace {
@@ -554,7 +558,8 @@ TEST(PlayerExitDeathTest, ProcessExitWhileANetworkMediumPlaysEndsCleanly) {
 }
 
 // ---------------------------------------------------------------------------
-// End to end, through LocalFile, the pull source and the engine's demuxer.
+// End to end, through LocalFile or (over HTTP from nginx) the download
+// engine, the pull source and the engine's demuxer.
 
 // How the engine fingerprints what it demuxed (see mtkpb_control.h), here
 // computed by reading the file directly with libavformat.
@@ -579,20 +584,61 @@ bool directChecksum(const std::string& path, uint64_t* checksum, uint64_t* packe
 struct Clip {
     const char* name;
     std::string Media::*path;
+    bool overHttp;
 };
 
 void PrintTo(const Clip& clip, std::ostream* os) { *os << clip.name; }
 
+std::string readBytes(const std::string& path) {
+    std::string bytes;
+    FILE* f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr) return bytes;
+    char block[65536];
+    for (size_t n; (n = std::fread(block, 1, sizeof block, f)) > 0;) bytes.append(block, n);
+    std::fclose(f);
+    return bytes;
+}
+
+std::string baseName(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
 class EndToEndTest : public PlayerTest, public ::testing::WithParamInterface<Clip> {
 protected:
+    // One web server for the suite, serving the media.
+    static void SetUpTestSuite() {
+        server_ = new testing_support::NginxServer;
+        if (!server_->start(&why_)) return;
+        for (const std::string& path : {media().mp4, media().ts}) {
+            const std::string bytes = readBytes(path);
+            server_->serve(baseName(path), std::vector<char>(bytes.begin(), bytes.end()));
+        }
+    }
+    static void TearDownTestSuite() {
+        delete server_;
+        server_ = nullptr;
+    }
+    void SetUp() override {
+        PlayerTest::SetUp();
+        if (GetParam().overHttp) {
+            ASSERT_GT(server_->port(), 0) << why_;
+        }
+    }
+    std::string url() const {
+        return GetParam().overHttp ? server_->url(baseName(path_)) : Media::url(path_);
+    }
+
     const std::string path_ = media().*(GetParam().path);
+    static testing_support::NginxServer* server_;
+    static std::string why_;
 };
+
+testing_support::NginxServer* EndToEndTest::server_ = nullptr;
+std::string EndToEndTest::why_;
 
 TEST_P(EndToEndTest, PlaysToTheEndWithIncreasingTimeAndEveryPacket) {
     // Twice real time: the 6 s clip plays in about 3 s, long enough for
     // several polls to see the time move.
     mtkpb::control::setSpeed(2);
-    ASSERT_EQ(kStatusOk, player_->open(Media::url(path_)));
+    ASSERT_EQ(kStatusOk, player_->open(url()));
     EXPECT_NEAR(media().durationMs, player_->duration(), 300);
     ASSERT_EQ(kStatusOk, player_->play(0));
     ASSERT_TRUE(log_.waitForEvent(kStopped, 60000))
@@ -627,7 +673,7 @@ TEST_P(EndToEndTest, StartPositionAndTimeSeekLandWhereAsked) {
         EXPECT_TRUE(pts >= from && pts < below) << pts << " is not in [" << from << ", " << below;
         EXPECT_EQ(state, player_->state());
     };
-    ASSERT_EQ(kStatusOk, player_->open(Media::url(path_)));
+    ASSERT_EQ(kStatusOk, player_->open(url()));
     ASSERT_EQ(kStatusOk, player_->play(3000));
     ASSERT_TRUE(mtkpb::control::waitForNotifications(IMTK_PB_CTRL_EVENT_TIMESEEK_DONE, 1,
                                                      kEventWaitMs));
@@ -643,10 +689,87 @@ TEST_P(EndToEndTest, StartPositionAndTimeSeekLandWhereAsked) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Containers, EndToEndTest,
-                         ::testing::Values(Clip{"Mp4IndexAtEnd", &Media::mp4},
-                                           Clip{"MpegTs", &Media::ts}),
+                         ::testing::Values(Clip{"Mp4IndexAtEnd", &Media::mp4, false},
+                                           Clip{"MpegTs", &Media::ts, false},
+                                           Clip{"Mp4IndexAtEndOverHttp", &Media::mp4, true},
+                                           Clip{"MpegTsOverHttp", &Media::ts, true}),
                          [](const ::testing::TestParamInfo<Clip>& info) {
                              return info.param.name;
                          });
+
+// ---------------------------------------------------------------------------
+// Network streams that misbehave, from the fault server through the download
+// engine: a live MPEG-TS without a length, and a server that fails midway.
+
+class NetworkStreamTest : public PlayerTest {
+protected:
+    NetworkStreamTest() : server_(bytesOf(media().ts)) {}
+    static std::vector<char> bytesOf(const std::string& path) {
+        const std::string bytes = readBytes(path);
+        return std::vector<char>(bytes.begin(), bytes.end());
+    }
+    void SetUp() override {
+        PlayerTest::SetUp();
+        if (HasFatalFailure()) return;
+        std::string why;
+        ASSERT_TRUE(server_.start(&why)) << why;
+    }
+    void TearDown() override {
+        player_.reset();  // before the server goes
+        server_.stop();
+        PlayerTest::TearDown();
+    }
+    testing_support::FaultServer server_;
+};
+
+TEST_F(NetworkStreamTest, LiveStreamOfUnknownLengthPlaysToItsEndAndRefusesATimeSeek) {
+    // Chunked, and paced like a live source: its length is unknown while the
+    // player opens it.
+    testing_support::FaultServer::Reply live;
+    live.framing = testing_support::FaultServer::Reply::kChunked;
+    live.bytesPerSecond = 300 * 1024;
+    server_.script("/live.ts", {live});
+    mtkpb::control::setSpeed(2);
+    ASSERT_EQ(kStatusOk, player_->open(server_.url("/live.ts")));
+    EXPECT_EQ(0, player_->duration());
+    ASSERT_EQ(kStatusOk, player_->play(0));
+    ASSERT_TRUE(log_.waitForEvent(kStopped, 60000))
+        << "never stopped: " << ::testing::PrintToString(log_.events());
+    EXPECT_EQ((Events{kOpening, kOpened, kPlaying, kEndOfStream, kStopped}), log_.transitions());
+    // Every packet, from the stream's first byte to its last.
+    uint64_t checksum = 0, packets = 0;
+    ASSERT_TRUE(directChecksum(media().ts, &checksum, &packets));
+    EXPECT_EQ(checksum, mtkpb::control::counters().packetChecksum);
+
+    // Played again, it cannot be sought: the failed seek is an error, which
+    // stops the player.
+    log_.clear();
+    ASSERT_EQ(kStatusOk, player_->play(0));
+    ASSERT_TRUE(log_.waitForEvent(kPlaying));
+    EXPECT_EQ(kStatusOk, player_->timeSeek(3000));
+    ASSERT_TRUE(log_.waitForEvent(kStopped, 60000))
+        << "never stopped: " << ::testing::PrintToString(log_.events());
+    EXPECT_EQ((Events{kPlaying, kSeeking, kPlaying, kError, kStopped}), log_.transitions());
+    EXPECT_EQ(1u, server_.requests("/live.ts").size()) << "played again from the buffer";
+}
+
+TEST_F(NetworkStreamTest, ServerFailingMidwayGivesTheEnginesErrorAndStops) {
+    testing_support::FaultServer::Reply dropped, gone;
+    dropped.cutAt = static_cast<int64_t>(server_.file().size() / 2);
+    dropped.close = testing_support::FaultServer::Reply::kReset;
+    gone.hangUp = true;
+    server_.script("/drop.ts", {dropped, gone});
+    mtkpb::control::setSpeed(4);
+    ASSERT_EQ(kStatusOk, player_->open(server_.url("/drop.ts")));
+    ASSERT_EQ(kStatusOk, player_->play(0));
+    ASSERT_TRUE(log_.waitForEvent(kStopped, 60000))
+        << "never stopped: " << ::testing::PrintToString(log_.events());
+    // The download engine's state "broken" is error 6.
+    EXPECT_EQ((Events{kOpening, kOpened, kPlaying, {MediaPlayer::kEventError, 6}, kStopped}),
+              log_.transitions());
+    const auto start = std::chrono::steady_clock::now();
+    player_->close();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+}
 
 }  // namespace

@@ -58,6 +58,7 @@ struct Task {
     int64_t windowStart = 0;  // stream offsets of the buffered bytes: [windowStart, windowEnd)
     int64_t windowEnd = 0;
     int64_t readPos = 0;  // windowStart <= readPos <= windowEnd
+    int64_t seekTo = -1;  // where the next read starts when outside the window, else -1
     int64_t totalLength = -1;
     bool endReached = false;  // the transport has nothing after windowEnd
     bool failed = false;
@@ -149,14 +150,11 @@ public:
         if (position >= task->windowStart && position <= task->windowEnd) {
             // Still buffered: the transport goes on where it is.
             task->readPos = position;
+            task->seekTo = -1;
         } else {
-            task->windowStart = task->windowEnd = task->readPos = position;
-            task->generation++;
-            task->restart = true;
-            task->interrupted = true;
-            task->endReached = false;
-            task->failed = false;
-            task->state = kDtaStateRunning;
+            // The buffer stays until a read needs the new place: a reader
+            // that looks at the end and comes back costs no fetch.
+            task->seekTo = position;
         }
         task->changed.notify_all();
         return kDtaOk;
@@ -177,6 +175,11 @@ public:
 
         std::unique_lock<std::mutex> lock(task->mutex);
         if (!started(*task)) return kDtaErrState;
+        if (task->seekTo >= 0) {
+            // At or past a known end there is nothing to fetch.
+            if (task->totalLength >= 0 && task->seekTo >= task->totalLength) return kDtaOk;
+            moveWindow(*task, task->seekTo);
+        }
         // The buffer never holds more than its size ahead of the reader.
         const uint64_t waitFor = std::min<uint64_t>(wanted, task->ring.size());
         task->changed.wait(lock, [&task, waitFor] {
@@ -204,9 +207,10 @@ public:
             std::memset(&record, 0, sizeof(record));
             const bool lengthHidden = detail::settings().lengthHidden;
             std::lock_guard<std::mutex> lock(task->mutex);
-            record.readPosition = task->readPos;
+            const bool moved = task->seekTo >= 0;
+            record.readPosition = moved ? task->seekTo : task->readPos;
             record.totalLength = lengthHidden ? -1 : task->totalLength;
-            record.bufferedBytes = task->buffered();
+            record.bufferedBytes = moved ? 0 : task->buffered();
             record.bufferPercent = bufferPercent(*task);
             std::memcpy(info, &record, sizeof(record));
             return kDtaOk;
@@ -251,9 +255,23 @@ private:
         return task.state != kDtaStateIdle && task.state != kDtaStateOpenFailed;
     }
 
+    // Caller holds task.mutex. The window starts afresh at `position`: the
+    // transport is interrupted and reopened there, and a failed task tries again.
+    static void moveWindow(Task& task, int64_t position) {
+        task.windowStart = task.windowEnd = task.readPos = position;
+        task.seekTo = -1;
+        task.generation++;
+        task.restart = true;
+        task.interrupted = true;
+        task.endReached = false;
+        task.failed = false;
+        task.state = kDtaStateRunning;
+        task.changed.notify_all();
+    }
+
     // Caller holds task.mutex.
     static int32_t bufferPercent(const Task& task) {
-        if (task.ring.empty()) return 0;
+        if (task.ring.empty() || task.seekTo >= 0) return 0;
         int64_t target = static_cast<int64_t>(task.ring.size());
         if (task.totalLength >= 0) target = std::min(target, task.totalLength - task.readPos);
         if (target <= 0) return 100;

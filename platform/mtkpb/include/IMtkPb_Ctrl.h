@@ -209,7 +209,9 @@ IMTK_PB_ERROR_CODE_T IMtkPb_Ctrl_Play(IMTK_PB_HANDLE_T hHandle, uint32_t reserve
 IMTK_PB_ERROR_CODE_T IMtkPb_Ctrl_Pause(IMTK_PB_HANDLE_T hHandle);
 
 /* Starts a seek to `seconds`; 0 = accepted, the end is announced by
- * IMTK_PB_CTRL_EVENT_TIMESEEK_DONE (data -1 when it failed). */
+ * IMTK_PB_CTRL_EVENT_TIMESEEK_DONE (data -1 when it failed). A medium whose
+ * size the pull source cannot tell (a live stream) cannot be sought: its
+ * seeks fail and leave playback where it was. */
 IMTK_PB_ERROR_CODE_T IMtkPb_Ctrl_TimeSeek(IMTK_PB_HANDLE_T hHandle, uint32_t seconds);
 
 /* *timeMs = the playback position in ms; *bytePos = the medium offset of the

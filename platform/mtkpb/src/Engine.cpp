@@ -518,6 +518,10 @@ int Engine::readPacket() {
 
 int64_t Engine::seekDemux(uint32_t targetMs) {
     if (format_ == nullptr) return -1;
+    // A stream whose size the source cannot tell (a live stream) offers no
+    // place to seek to: the seek fails before the demuxer is touched, and
+    // playback goes on from where it was.
+    if (avio_size(format_->pb) < 0) return -1;
     if (durationMs_ != 0 && targetMs > durationMs_) return -1;
     av_packet_unref(packet_);
     havePacket_ = false;
