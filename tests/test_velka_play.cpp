@@ -24,6 +24,7 @@
 
 #include "PlayStatus.h"
 #include "PlayTerminal.h"
+#include "support/NginxServer.h"
 #include "support/PlayerTestSupport.h"
 
 #ifndef VELKA_PLAY_PATH
@@ -234,6 +235,27 @@ TEST_F(VelkaPlayTest, MissingFileGivesOneLineNamingTheUrlAndTheCode) {
             EXPECT_EQ("", run.out);
         }
     }
+}
+
+// Network URLs go to the library as they are, as on the box: over HTTP from
+// nginx through the download engine.
+TEST_F(VelkaPlayTest, HttpUrlPlaysToTheEndAndAMissingOneGivesOneErrorLine) {
+    testing_support::NginxServer server;
+    std::string why;
+    ASSERT_TRUE(server.start(&why)) << why;
+    const std::string bytes = readAll(media().ts);
+    server.serve("clip.ts", std::vector<char>(bytes.begin(), bytes.end()));
+
+    ToolRun run = velkaPlay("--speed 0 " + server.url("clip.ts"));
+    EXPECT_EQ(0, run.exitCode) << run.out << run.err;
+    EXPECT_EQ(kPlayedToTheEnd, stateWords(run.out)) << run.out;
+    EXPECT_EQ("", run.err);
+
+    run = velkaPlay("--speed 0 " + server.url("missing.ts"));
+    EXPECT_EQ(1, run.exitCode) << run.out << run.err;
+    const std::vector<std::string> errors = lines(run.err);
+    ASSERT_EQ(1u, errors.size()) << run.err;
+    EXPECT_EQ(0u, errors[0].find("velka-play: " + server.url("missing.ts") + ": ")) << errors[0];
 }
 
 TEST_F(VelkaPlayTest, StartPositionSkipsTheBeginning) {
