@@ -198,6 +198,36 @@ TEST_F(PpsFileTest, SeekTableClampsToTheLengthAndReadsCarryThePosition) {
     EXPECT_EQ(readsBefore, control::calls(control::kReadData));
 }
 
+// Without a length (the status query failed) there is nothing to clamp to:
+// seeks land where asked, never below 0; one from the end fails and leaves
+// the position; available() cannot tell.
+TEST_F(PpsFileTest, UnknownLengthGivesNoNegativeOrMadeUpPositions) {
+    TempDataFile data(1000, 62);
+    control::failCall(control::kGetTaskStatus, -1);
+    files_.emplace_back(new PpsFile(ppsUrl(data)));
+    PpsFile& file = *files_.back();
+    ASSERT_EQ(0, file.open());
+    ASSERT_EQ(-1, file.length());
+    const struct {
+        int whence;
+        int64_t offset;
+        int64_t expected;
+        int64_t position;
+    } cases[] = {
+        {File::kSeekSet, 5000, 5000, 5000},      {File::kSeekSet, -5, 0, 0},
+        {File::kSeekCurrent, 100, 700, 700},     {File::kSeekCurrent, -601, 0, 0},
+        {File::kSeekCurrent, INT64_MAX, -1, 600}, {File::kSeekEnd, 0, -1, 600},
+        {File::kSeekEnd, -10, -1, 600},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::Message() << "whence " << c.whence << " offset " << c.offset);
+        ASSERT_EQ(600, file.seek(600, File::kSeekSet));
+        EXPECT_EQ(c.expected, file.seek(c.offset, static_cast<File::Whence>(c.whence)));
+        EXPECT_EQ(c.position, file.tell());
+        EXPECT_EQ(-1, file.available());
+    }
+}
+
 // Parts not yet downloaded read as 0 bytes and leave the position; an engine
 // read error fails the read and leaves it too.
 TEST_F(PpsFileTest, MissingPartsReadAsNothingAndErrorsKeepThePosition) {
