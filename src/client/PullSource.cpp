@@ -167,8 +167,8 @@ IMTK_PB_CB_ERROR_CODE_T pb_seek(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag, int
     printf("pb_seek pos %lld from %d off %lld\n", static_cast<long long>(position),
            static_cast<int>(whence), static_cast<long long>(i8Offset));
     // A source refuses a seek it cannot serve (one from the end of a stream
-    // of unknown length) with a negative position.
-    if (position < 0) {
+    // of unknown length) with -1; no source gives another negative position.
+    if (position == -1) {
         *pu8CurPos = 0;
         return IMTK_PB_CB_ERROR_CODE_NOT_OK;
     }
