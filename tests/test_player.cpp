@@ -749,7 +749,12 @@ TEST_F(NetworkStreamTest, LiveStreamOfUnknownLengthPlaysToItsEndAndRefusesATimeS
     EXPECT_EQ(kStatusOk, player_->timeSeek(3000));
     ASSERT_TRUE(log_.waitForEvent(kStopped, 60000))
         << "never stopped: " << ::testing::PrintToString(log_.events());
-    EXPECT_EQ((Events{kPlaying, kSeeking, kPlaying, kError, kStopped}), log_.transitions());
+    // The error may reach the listeners before or after the seek's return to
+    // playing: the engine reports the failed seek and the error together.
+    const Events seen = log_.transitions();
+    EXPECT_TRUE(seen == (Events{kPlaying, kSeeking, kPlaying, kError, kStopped}) ||
+                seen == (Events{kPlaying, kSeeking, kError, kPlaying, kStopped}))
+        << ::testing::PrintToString(seen);
     EXPECT_EQ(1u, server_.requests("/live.ts").size()) << "played again from the buffer";
 }
 
