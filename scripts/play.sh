@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
-# Sets up and builds velka, then plays a clip with velka-play at normal speed:
-# the sample clip (generated with ffmpeg under sample/ the first time), or
-# the URL or path given. Options are handed to velka-play.
+# Sets up and builds velka-play (only what it needs), then plays a clip with
+# it at normal speed: the sample clip (generated with ffmpeg under sample/ the
+# first time), or the URL or path given. Options are handed to velka-play.
+# Set-up lines appear only when something has to be done.
 # Usage: scripts/play.sh [velka-play options] [URL-or-path]
 set -euo pipefail
 
 top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build="$top/build"
 
-"$top/scripts/setup.sh" "$build"
+"$top/scripts/setup.sh" --target velka-play --quiet "$build"
 
 # Is there a URL among the arguments? (--start, --speed and --log take a value.)
 have_url=""
