@@ -346,15 +346,14 @@ protected:
         VelkaPlayTest::TearDown();
     }
 
-    // Starts velka-play with `args` and `setting` ("NAME=value") added to the environment.
-    void start(const std::vector<std::string>& args, std::string setting = "") {
+    // Starts velka-play with `args`.
+    void start(const std::vector<std::string>& args) {
         std::vector<std::string> words = {VELKA_PLAY_PATH};
         words.insert(words.end(), args.begin(), args.end());
         std::vector<char*> argv, envp;
         for (std::string& w : words) argv.push_back(&w[0]);
         argv.push_back(nullptr);
         for (char** e = environ; *e != nullptr; ++e) envp.push_back(*e);
-        if (!setting.empty()) envp.push_back(&setting[0]);
         envp.push_back(nullptr);
         struct winsize size = {24, 100, 0, 0};
         screen_.clear();

@@ -6,13 +6,11 @@
 // thread issues the player's commands, which may block (open, a time seek,
 // close); the player's own dispatch thread delivers events to the Inbox.
 
-#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
-#include <climits>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
