@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Sets up and builds velka, then plays a clip with velka-play at normal speed:
-# the sample clip (generated with ffmpeg under sample/ the first time), or
-# the URL or path given. Options are handed to velka-play.
+# Sets up and builds velka-play (only what it needs), then plays a clip with
+# it at normal speed: the sample clip (generated with ffmpeg under sample/ the
+# first time), or the URL or path given. Options are handed to velka-play.
+# Set-up lines appear only when something has to be done.
 # --http serves the clip (the sample, or the path given) from a local nginx
 # on 127.0.0.1 and plays it over HTTP, as a box plays a network stream; the
 # server stops when velka-play ends.
@@ -11,7 +12,7 @@ set -euo pipefail
 top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build="$top/build"
 
-"$top/scripts/setup.sh" "$build"
+"$top/scripts/setup.sh" --target velka-play --quiet "$build"
 
 # Is there a URL among the arguments? (--start, --speed and --log take a value.)
 have_url=""

@@ -10,13 +10,30 @@ Commander::~Commander() {
 
 void Commander::start() { thread_ = std::thread([this] { run(); }); }
 
-void Commander::post(Command command) {
+void Commander::post(Command command, int32_t targetMs) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (command == Command::kStop || command == Command::kClose) stopAsked_ = true;
-        commands_.push_back(command);
+        commands_.emplace_back(command, targetMs);
     }
     changed_.notify_all();
+}
+
+bool Commander::takeSeekAnswer(int32_t* targetMs, int32_t* positionMs) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (seekAnswers_.empty()) return false;
+    *targetMs = seekAnswers_.front().first;
+    *positionMs = seekAnswers_.front().second;
+    seekAnswers_.pop_front();
+    return true;
+}
+
+void Commander::answerSeek(int32_t targetMs, int32_t positionMs) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        seekAnswers_.emplace_back(targetMs, positionMs);
+    }
+    wake_.wake();
 }
 
 bool Commander::stopAsked() {
@@ -43,11 +60,13 @@ void Commander::run() {
     }
     for (;;) {
         Command command;
+        int32_t targetMs;
         bool stopping;
         {
             std::unique_lock<std::mutex> lock(mutex_);
             changed_.wait(lock, [this] { return !commands_.empty(); });
-            command = commands_.front();
+            command = commands_.front().first;
+            targetMs = commands_.front().second;
             commands_.pop_front();
             stopping = stopAsked_;
         }
@@ -65,12 +84,14 @@ void Commander::run() {
             }
             setStage(Stage::kStopped);
         } else if (!stopping) {
-            execute(command);
+            execute(command, targetMs);
+        } else if (command == Command::kSeek) {
+            answerSeek(targetMs, -1);
         }
     }
 }
 
-void Commander::execute(Command command) {
+void Commander::execute(Command command, int32_t targetMs) {
     if (command == Command::kPause) {
         if (player_.state() == MediaPlayer::kStatePaused) {
             player_.unPause();
@@ -80,16 +101,10 @@ void Commander::execute(Command command) {
         return;
     }
     const MediaPlayer::State state = player_.state();
-    if (state != MediaPlayer::kStatePlaying && state != MediaPlayer::kStatePaused) return;
-    const int32_t now = player_.currentPts();
-    if (now < 0) return;
-    int64_t target =
-        static_cast<int64_t>(now) + (command == Command::kForward ? seekStepMs_ : -seekStepMs_);
-    // The engine refuses a position past the end.
-    const int32_t duration = player_.duration();
-    if (duration > 0 && target > duration) target = duration;
-    if (target < 0) target = 0;
-    player_.timeSeek(static_cast<int>(target));
+    if (state == MediaPlayer::kStatePlaying || state == MediaPlayer::kStatePaused) {
+        player_.timeSeek(targetMs);  // returns when the engine has answered
+    }
+    answerSeek(targetMs, player_.currentPts());
 }
 
 }  // namespace tools

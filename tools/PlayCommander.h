@@ -12,6 +12,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "velka/MediaPlayer.h"
 
@@ -57,13 +58,11 @@ private:
 // thread stays free to draw and to read keys while a command blocks.
 class Commander {
 public:
-    enum class Command { kPause, kBack, kForward, kStop, kClose };
+    enum class Command { kPause, kSeek, kStop, kClose };
     enum class Stage { kOpening, kOpenFailed, kPlayFailed, kPlaying, kStopped, kClosed };
 
-    // Seeks with the arrows move by `seekStepMs`.
-    Commander(MediaPlayer& player, const std::string& url, int32_t startMs, int32_t seekStepMs,
-              WakePipe& wake)
-        : player_(player), url_(url), startMs_(startMs), seekStepMs_(seekStepMs), wake_(wake) {}
+    Commander(MediaPlayer& player, const std::string& url, int32_t startMs, WakePipe& wake)
+        : player_(player), url_(url), startMs_(startMs), wake_(wake) {}
 
     // Closes the player if that has not happened yet.
     ~Commander();
@@ -73,7 +72,13 @@ public:
     void start();
 
     // After kStop, play is skipped and the keys' commands are dropped.
-    void post(Command command);
+    // `targetMs`: where kSeek goes.
+    void post(Command command, int32_t targetMs = 0);
+
+    // The answer to the seek to `*targetMs`, once per seek posted: the
+    // position the engine reports after it (`*positionMs`, -1 when it cannot
+    // tell, or the seek was not made). False when there is none new.
+    bool takeSeekAnswer(int32_t* targetMs, int32_t* positionMs);
 
     // The stage reached; the main thread is woken at each change.
     Stage stage() const { return stage_.load(); }
@@ -84,7 +89,8 @@ private:
     bool stopAsked();
     // The command thread's body.
     void run();
-    void execute(Command command);
+    void execute(Command command, int32_t targetMs);
+    void answerSeek(int32_t targetMs, int32_t positionMs);
     void setStage(Stage stage) {
         stage_ = stage;
         wake_.wake();
@@ -93,15 +99,15 @@ private:
     MediaPlayer& player_;
     const std::string url_;
     const int32_t startMs_;
-    const int32_t seekStepMs_;
     WakePipe& wake_;
     std::thread thread_;
     std::atomic<Stage> stage_{Stage::kOpening};
     std::atomic<VelkaStatus> failure_{kStatusOk};
-    std::mutex mutex_;  // guards stopAsked_ and commands_
+    std::mutex mutex_;  // guards stopAsked_, commands_ and seekAnswers_
     std::condition_variable changed_;
     bool stopAsked_ = false;
-    std::deque<Command> commands_;
+    std::deque<std::pair<Command, int32_t>> commands_;  // with kSeek's target
+    std::deque<std::pair<int32_t, int32_t>> seekAnswers_;  // target, position after it
 };
 
 }  // namespace tools

@@ -83,8 +83,13 @@ bool showsPosition(const PlayStatus& s) {
     return s.state != MediaPlayer::kStateClosed || s.durationMs > 0;
 }
 
+// The seek's target until the engine has answered it.
+int32_t shownPosition(const PlayStatus& s) {
+    return s.seekTargetMs >= 0 ? s.seekTargetMs : s.positionMs;
+}
+
 std::string positionText(const PlayStatus& s) {
-    return formatTime(s.positionMs) + " / " +
+    return formatTime(shownPosition(s)) + " / " +
            (s.durationMs > 0 ? formatTime(s.durationMs) : std::string("-:--"));
 }
 
@@ -92,13 +97,14 @@ std::string positionText(const PlayStatus& s) {
 
 std::string statusLine(const PlayStatus& s, uint32_t columns) {
     char head[16];
-    snprintf(head, sizeof head, "%-8s", stateName(s.state));
+    snprintf(head, sizeof head, "%-8s",
+             stateName(s.seekTargetMs >= 0 ? MediaPlayer::kStateSeeking : s.state));
     std::string line = head;
     if (showsPosition(s)) {
         line += positionText(s);
         if (s.durationMs > 0) {
             const double fraction =
-                std::min(1.0, std::max(0.0, static_cast<double>(s.positionMs) / s.durationMs));
+                std::min(1.0, std::max(0.0, static_cast<double>(shownPosition(s)) / s.durationMs));
             const uint32_t cells = std::max(
                 kMinBarCells, std::min(kMaxBarCells, columns > 60 ? columns - 60 : 0u));
             const uint32_t filled = static_cast<uint32_t>(fraction * cells + 0.5);

@@ -20,6 +20,7 @@ struct PlayStatus {
     bool ended = false;          // the end of the stream was reached
     bool haveError = false;
     int32_t errorCode = 0;  // of the last error event
+    int32_t seekTargetMs = -1;  // a seek velka-play asked for and the engine has not answered; -1 none
 
     // Folds one event in; true when it changed the state.
     bool apply(const MediaPlayer::Event& event);
@@ -32,7 +33,8 @@ const char* stateName(MediaPlayer::State state);
 std::string formatTime(int32_t ms);
 
 // The line for a terminal, at most `columns` - 1 characters so that it never
-// wraps: state, position / duration, a progress bar and its percentage, then
+// wraps: state, position / duration (while a seek is under way "seeking" and
+// its target), a progress bar and its percentage, then
 // the buffering and the last error when there are any.
 std::string statusLine(const PlayStatus& status, uint32_t columns);
 

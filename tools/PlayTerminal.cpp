@@ -23,6 +23,7 @@ Key KeyDecoder::feed(uint8_t byte) {
             }
             if (byte == ' ') return Key::kPause;
             if (byte == 'q' || byte == 'Q') return Key::kQuit;
+            if (byte == '?') return Key::kHelp;
             return Key::kNone;
         case Stage::kEscape:
             if (byte == '[' || byte == 'O') {
@@ -39,6 +40,8 @@ Key KeyDecoder::feed(uint8_t byte) {
             stage_ = Stage::kPlain;
             if (byte == 'C') return Key::kForward;
             if (byte == 'D') return Key::kBack;
+            if (byte == 'A') return Key::kForwardLong;
+            if (byte == 'B') return Key::kBackLong;
             return Key::kNone;
     }
     return Key::kNone;

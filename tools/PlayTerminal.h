@@ -9,7 +9,7 @@ namespace velka {
 namespace tools {
 
 // What a key asks velka-play to do.
-enum class Key { kNone, kPause, kBack, kForward, kQuit };
+enum class Key { kNone, kPause, kBack, kForward, kBackLong, kForwardLong, kHelp, kQuit };
 
 // Turns the bytes a terminal sends into keys. An arrow arrives as an escape
 // sequence (ESC [ D, or ESC O D in application cursor mode) that may be split

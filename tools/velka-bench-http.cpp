@@ -46,6 +46,7 @@ extern "C" {
 #include <vector>
 
 #include "../tests/support/NginxServer.h"
+#include "LibraryLog.h"
 #include "velka/HttpFile.h"
 
 namespace {
@@ -84,7 +85,7 @@ const char kUsage[] =
 
 // The figures go to the original standard output; descriptor 1, where the
 // library prints, goes to the log.
-FILE* gOut = stdout;
+FILE* const gOut = stdout;
 
 void say(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void say(const char* format, ...) {
@@ -493,6 +494,10 @@ bool idle(const testing_support::NginxServer& server, const Settings& s) {
 
 }  // namespace
 
+// Also the lines the library prints while it is loaded go to --log FILE, or
+// nowhere.
+extern "C" void velka_log_setup(void) { velka::tools::holdLibraryLines(); }
+
 int main(int argc, char** argv) {
     Settings s;
     for (int i = 1; i < argc; ++i) {
@@ -514,18 +519,14 @@ int main(int argc, char** argv) {
             return arg == "--help" ? 0 : 2;
         }
     }
-    // Results to the original standard output, the library's lines away.
-    const int kept = dup(STDOUT_FILENO);
-    gOut = fdopen(kept, "w");
-    const int log = open(s.logPath.empty() ? "/dev/null" : s.logPath.c_str(),
-                         O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (gOut == nullptr || log == -1) {
-        fprintf(stderr, "velka-bench-http: cannot set up the output\n");
+    // The library's lines away from the results.
+    FILE* log = nullptr;
+    if (!s.logPath.empty() && (log = fopen(s.logPath.c_str(), "we")) == nullptr) {
+        fprintf(stderr, "velka-bench-http: cannot write the log %s: %s\n", s.logPath.c_str(),
+                strerror(errno));
         return 2;
     }
-    fflush(stdout);
-    dup2(log, STDOUT_FILENO);
-    close(log);
+    velka::tools::routeLibraryLines(log);  // open until the process ends
     av_log_set_level(AV_LOG_QUIET);
     avformat_network_init();
 

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "IMtkPb_Ctrl.h"
+#include "LibraryLog.h"
 #include "mtkpb_control.h"
 #include "velka/MediaPlayer.h"
 
@@ -58,38 +59,16 @@ const char kUsage[] =
     "The library's diagnostic lines go to FILE (default: discarded).\n";
 
 // --- The library's lines away from the figures --------------------------------
-//
-// The library prints from the moment it is loaded; the preinit array runs
-// before that, so even those lines go to the log. Plain data only: nothing
-// here has a constructor that would run after.
 
-struct Early {
-    bool ran;
-    int resultsFd;  // the original standard output
-    const char* logPath;
-};
-Early early_;
+}  // namespace
 
-void early_setup(int argc, char** argv, char**) {
-    if (early_.ran) return;
-    early_.ran = true;
-    for (int i = 1; i + 1 < argc; ++i) {
-        if (strcmp(argv[i], "--log") == 0) early_.logPath = argv[i + 1];
-    }
-    early_.resultsFd = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
-    const int fd = open(early_.logPath != nullptr ? early_.logPath : "/dev/null",
-                        O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd != -1) {
-        dup2(fd, STDOUT_FILENO);
-        close(fd);
-    }
-}
+// Also the lines the library prints while it is loaded go to --log FILE, or
+// nowhere.
+extern "C" void velka_log_setup(void) { velka::tools::holdLibraryLines(); }
 
-__attribute__((section(".preinit_array"), used)) void (*const earlySetupEntry_)(int, char**,
-                                                                               char**) =
-    early_setup;
+namespace {
 
-FILE* results_ = stderr;
+FILE* const results_ = stdout;
 
 void figure(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void figure(const char* format, ...) {
@@ -334,12 +313,11 @@ bool generateClip(const std::string& path) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    early_setup(argc, argv, environ);
-    if (FILE* out = fdopen(early_.resultsFd, "w")) results_ = out;
     std::string clip;
+    const char* logPath = nullptr;
     for (int i = 1; i < argc; ++i) {
         if (strcmp(argv[i], "--log") == 0 && i + 1 < argc) {
-            ++i;
+            logPath = argv[++i];
         } else if (argv[i][0] == '-' || !clip.empty()) {
             fputs(kUsage, strcmp(argv[i], "--help") == 0 ? results_ : stderr);
             return strcmp(argv[i], "--help") == 0 ? 0 : 2;
@@ -347,6 +325,13 @@ int main(int argc, char** argv) {
             clip = argv[i];
         }
     }
+
+    FILE* log = nullptr;
+    if (logPath != nullptr && (log = fopen(logPath, "we")) == nullptr) {
+        fprintf(stderr, "velka-bench-play: cannot write the log %s: %s\n", logPath, strerror(errno));
+        return 2;
+    }
+    velka::tools::routeLibraryLines(log);  // open until the process ends
 
     std::string dir;
     if (clip.empty()) {

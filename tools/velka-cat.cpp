@@ -27,6 +27,7 @@
 
 #include <curl/curl.h>
 
+#include "LibraryLog.h"
 #include "Md5.h"
 #include "velka/File.h"
 #include "velka/FileFactory.h"
@@ -104,14 +105,12 @@ struct Options {
     std::string url;
 };
 
-// velka-cat's own result lines: the original standard output, kept aside
-// before the library's lines are sent elsewhere.
-FILE* gResults = stdout;
+// velka-cat's own result lines.
+FILE* const gResults = stdout;
 
 void result(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 void result(const char* format, ...) {
-    fflush(stdout);  // library lines first when they share the stream
     fputs("velka-cat: ", gResults);
     va_list args;
     va_start(args, format);
@@ -204,29 +203,31 @@ int parseOptions(int argc, char** argv, Options* o) {
     return 0;
 }
 
-// Keeps the original standard output for the results and points descriptor
-// 1, where the library prints, at the log (or nowhere). False when the log
-// cannot be opened.
-bool redirectLibraryLines(const Options& o) {
-    // Lines the library printed while it was loaded ("Rpc init OK") may still
-    // sit in stdout's buffer: they are flushed below, once descriptor 1
-    // points at the log, so that they do not mix with the results.
-    int kept = dup(STDOUT_FILENO);
-    FILE* results = kept == -1 ? nullptr : fdopen(kept, "w");
-    if (results == nullptr) return false;
-    gResults = results;
-    if (o.logToStdout) return true;
-    const char* target = o.logPath.empty() ? "/dev/null" : o.logPath.c_str();
-    int fd = open(target, O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (fd == -1) {
-        fprintf(stderr, "velka-cat: cannot write the log %s: %s\n", target, strerror(errno));
-        return false;
+// Sends the library's lines to the log, or leaves them on standard output
+// with '-'; without --log they are dropped. False when the log cannot be
+// opened.
+bool routeLibraryLines(const Options& o) {
+    FILE* log = nullptr;
+    if (o.logToStdout) {
+        log = stdout;
+    } else if (!o.logPath.empty()) {
+        log = fopen(o.logPath.c_str(), "we");  // open until the process ends: the library prints at exit too
+        if (log == nullptr) {
+            fprintf(stderr, "velka-cat: cannot write the log %s: %s\n", o.logPath.c_str(), strerror(errno));
+            return false;
+        }
     }
-    dup2(fd, STDOUT_FILENO);
-    close(fd);
-    fflush(stdout);
+    velka::tools::routeLibraryLines(log);
     return true;
 }
+
+}  // namespace
+
+// The library's lines, also those it prints while it is loaded, go to the log
+// asked for, or nowhere. VELKA_LOG, when set, wins.
+extern "C" void velka_log_setup(void) { velka::tools::holdLibraryLines(); }
+
+namespace {
 
 // A plain path is a local file: made absolute and given the file:// prefix.
 std::string toUrl(const std::string& arg) {
@@ -711,7 +712,7 @@ int main(int argc, char** argv) {
     Options options;
     const int parsed = parseOptions(argc, argv, &options);
     if (parsed != 0) return parsed < 0 ? 0 : parsed;
-    if (!redirectLibraryLines(options)) return 2;
+    if (!routeLibraryLines(options)) return 2;
     const int status = options.bench ? bench(options) : catSource(options);
     fflush(nullptr);
     return status;

@@ -6,13 +6,11 @@
 // thread issues the player's commands, which may block (open, a time seek,
 // close); the player's own dispatch thread delivers events to the Inbox.
 
-#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
-#include <climits>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -22,8 +20,10 @@
 #include <mutex>
 #include <string>
 
+#include "LibraryLog.h"
 #include "PlayCommander.h"
-#include "PlayStartup.h"
+#include "PlayFailure.h"
+#include "PlayOptions.h"
 #include "PlayStatus.h"
 #include "PlayTerminal.h"
 #include "velka/MediaPlayer.h"
@@ -34,13 +34,17 @@ using velka::MediaPlayer;
 using velka::VelkaStatus;
 using velka::tools::Commander;
 using velka::tools::Key;
+using velka::tools::PlayFailure;
 using velka::tools::PlayOptions;
 using velka::tools::PlayStatus;
 using velka::tools::WakePipe;
 using Clock = std::chrono::steady_clock;
 
-// How far the arrow keys move.
+// How far the arrow keys move: left and right, up and down.
 constexpr int32_t kSeekStepMs = 10000;
+constexpr int32_t kLongSeekStepMs = 60000;
+// The header line on a terminal fits in this many columns.
+constexpr size_t kHeaderColumns = 80;
 // The main loop wakes at least this often, to notice a finished command thread.
 constexpr int kLoopTickMs = 500;
 // How long to wait for the player to announce kStateStopped after stop, and
@@ -50,6 +54,7 @@ constexpr std::chrono::milliseconds kEventWait(2000);
 
 const char kUsage[] =
     "Usage: velka-play [--start MS] [--speed N] [--log FILE] [--quiet] URL\n"
+    "       velka-play --help | --version\n"
     "\n"
     "Plays URL through the velka media player on the platform's playback engine\n"
     "until the end of the stream. URL is file://PATH, or a plain path, taken as\n"
@@ -61,20 +66,29 @@ const char kUsage[] =
     "  --speed N    speed factor of the software playback engine: 1 real time,\n"
     "               N times faster, 0 as fast as the data comes. A hardware\n"
     "               engine plays in real time and ignores it.\n"
-    "  --log FILE   where the library's diagnostic lines go, so that the screen\n"
-    "               stays readable; default ./velka-play.log\n"
+    "  --log FILE   write the library's diagnostic lines to FILE; by default they\n"
+    "               are dropped (VELKA_LOG=FILE also keeps those it prints while\n"
+    "               it is loaded)\n"
     "  --quiet      no status; errors only\n"
     "  --help       this text\n"
+    "  --version    the version\n"
     "\n"
     "On a terminal a status line shows the state, position / duration, progress,\n"
     "the buffering the library reports and the last error. Keys, when standard\n"
     "input is a terminal: space pauses and resumes, left and right arrows seek\n"
-    "10 s back and forward, q quits. Without a terminal one line is written per\n"
-    "state change.\n"
+    "10 s back and forward, up and down arrows 60 s, ? shows the keys, q quits.\n"
+    "Without a terminal one line is written per state change.\n"
     "\n"
-    "Exit status: 0 at the end of the stream or on q; 1 when the media cannot be\n"
-    "opened or playback fails (one line on standard error names the URL and the\n"
-    "error code); 2 on bad usage or an unwritable log; 128 + N after signal N.\n";
+    "Exit status, with one line on standard error that says why:\n"
+    "  0  the end of the stream, or q\n"
+    "  1  not a media file the engine can play, or playback failed\n"
+    "  2  bad usage\n"
+    "  3  no such file, permission denied, or a folder\n"
+    "  4  unsupported URL\n"
+    "  5  the server's answer or the network error, for a network URL\n"
+    "  128 + N after signal N\n";
+
+const char kKeysLine[] = "keys: space pause, left/right 10 s, up/down 60 s, q quit";
 
 // --- Talking to the main thread ------------------------------------------------
 
@@ -167,13 +181,13 @@ private:
     std::string last_;
 };
 
-// A plain path is a local file: made absolute and given the file:// prefix.
-std::string toUrl(const std::string& arg) {
-    if (arg.find("://") != std::string::npos) return arg;
-    if (!arg.empty() && arg[0] == '/') return "file://" + arg;
-    char cwd[PATH_MAX];
-    if (getcwd(cwd, sizeof cwd) == nullptr) return "file://" + arg;
-    return std::string("file://") + cwd + "/" + arg;
+// "URL  [? keys, q quit]" for the header, which fits in kHeaderColumns - 1
+// after "velka-play: ": a long URL loses its front.
+std::string headerText(const std::string& url, bool keys) {
+    const std::string tail = keys ? "  [? keys, q quit]" : "";
+    const size_t room = kHeaderColumns - 1 - strlen("velka-play: ") - tail.size();
+    if (url.size() <= room) return url + tail;
+    return "..." + url.substr(url.size() - (room - 3)) + tail;
 }
 
 // --- One playback ------------------------------------------------------------------
@@ -181,7 +195,7 @@ std::string toUrl(const std::string& arg) {
 class PlayApp {
 public:
     PlayApp(const PlayOptions& o, FILE* out)
-        : options_(o), url_(toUrl(o.url)), screen_(out, o.quiet), inbox_(wake_) {
+        : options_(o), url_(velka::tools::toPlayUrl(o.url)), screen_(out, o.quiet), inbox_(wake_) {
         status_.state = MediaPlayer::kStateOpening;  // the command thread opens first
         status_.positionMs = o.startMs;
     }
@@ -191,27 +205,43 @@ public:
             fprintf(stderr, "velka-play: cannot make a pipe: %s\n", strerror(errno));
             return 1;
         }
+        const PlayFailure early = velka::tools::checkBeforeOpen(url_);
+        if (!early.reason.empty()) {
+            fprintf(stderr, "velka-play: %s: %s\n", url_.c_str(), early.reason.c_str());
+            return early.exitStatus;
+        }
         velka::tools::installSignalHandlers(wake_.writeFd());
         const bool keys = velka::tools::enterRawMode(STDIN_FILENO);
-        if (screen_.terminal()) {
-            screen_.line("%s  [%slog: %s]", url_.c_str(),
-                         keys ? "space pause/resume, left/right seek 10 s, q quit; " : "",
-                         options_.logPath != nullptr ? options_.logPath : velka::tools::kDefaultPlayLog);
-        }
+        if (screen_.terminal()) screen_.line("%s", headerText(url_, keys).c_str());
 
         player_.addListener(inbox_);
-        Commander commander(player_, url_, options_.startMs, kSeekStepMs, wake_);
+        Commander commander(player_, url_, options_.startMs, wake_);
         commander.start();
         const int result = loop(commander, keys);
         velka::tools::leaveRawMode();
         screen_.endStatus();
-        if (!failureLine_.empty()) fprintf(stderr, "velka-play: %s\n", failureLine_.c_str());
+        if (!failure_.reason.empty()) {
+            fprintf(stderr, "velka-play: %s: %s\n", url_.c_str(), failure_.reason.c_str());
+        }
         return result;  // ~Commander joins its thread, which has closed the player
     }
 
     ~PlayApp() { player_.removeListener(inbox_); }
 
 private:
+    // Shows the target at once; the position catches up when the engine
+    // has answered. Presses in a row add up.
+    void seekBy(Commander& commander, int32_t stepMs) {
+        if (commander.stage() != Commander::Stage::kPlaying) return;
+        const int64_t from = status_.seekTargetMs >= 0 ? status_.seekTargetMs : status_.positionMs;
+        int64_t target = from + stepMs;
+        // The engine refuses a position past the end.
+        if (status_.durationMs > 0 && target > status_.durationMs) target = status_.durationMs;
+        if (target < 0) target = 0;
+        status_.seekTargetMs = static_cast<int32_t>(target);
+        commander.post(Commander::Command::kSeek, status_.seekTargetMs);
+    }
+
     // Until the player is closed. Quitting (q or a signal) stops the player;
     // once it has announced kStateStopped, by then or at the end of the
     // stream, it is closed; once it has announced kStateClosed, the loop
@@ -219,7 +249,6 @@ private:
     int loop(Commander& commander, bool keys) {
         velka::tools::KeyDecoder decoder;
         bool stopAsked = false, closeAsked = false, sawStopped = false, sawClosed = false;
-        bool failed = false;
         Commander::Stage lastStage = commander.stage();
         Clock::time_point stageSince = Clock::now();
         for (;;) {
@@ -234,16 +263,25 @@ private:
                 for (ssize_t i = 0; i < n; ++i) {
                     const Key key = decoder.feed(bytes[i]);
                     if (key == Key::kQuit) quit = true;
-                    if (!stopAsked && key == Key::kPause) commander.post(Commander::Command::kPause);
-                    if (!stopAsked && key == Key::kBack) commander.post(Commander::Command::kBack);
-                    if (!stopAsked && key == Key::kForward) {
-                        commander.post(Commander::Command::kForward);
-                    }
+                    if (key == Key::kHelp) screen_.line("%s", kKeysLine);
+                    if (stopAsked) continue;
+                    if (key == Key::kPause) commander.post(Commander::Command::kPause);
+                    if (key == Key::kBack) seekBy(commander, -kSeekStepMs);
+                    if (key == Key::kForward) seekBy(commander, kSeekStepMs);
+                    if (key == Key::kBackLong) seekBy(commander, -kLongSeekStepMs);
+                    if (key == Key::kForwardLong) seekBy(commander, kLongSeekStepMs);
                 }
             }
             if (quit && !stopAsked) {
                 stopAsked = true;
                 commander.post(Commander::Command::kStop);
+            }
+
+            int32_t target = 0, position = 0;
+            while (commander.takeSeekAnswer(&target, &position)) {
+                if (target != status_.seekTargetMs) continue;  // a later seek is under way
+                status_.seekTargetMs = -1;
+                if (position >= 0) status_.positionMs = position;
             }
 
             for (const MediaPlayer::Event& event : inbox_.take()) {
@@ -260,9 +298,7 @@ private:
                     // The end of the stream or an error stopped the player.
                     stopAsked = true;
                     if (status_.haveError) {
-                        failed = true;
-                        failureLine_ = url_ + ": playback failed (error code " +
-                                       std::to_string(status_.errorCode) + ")";
+                        failure_ = velka::tools::explainPlaybackError(url_, status_.errorCode);
                     }
                 }
             }
@@ -275,11 +311,13 @@ private:
             }
             const bool waitedLong = now - stageSince > kEventWait;
             if (stage == Commander::Stage::kOpenFailed || stage == Commander::Stage::kPlayFailed) {
-                failed = true;
-                failureLine_ = url_ + (stage == Commander::Stage::kOpenFailed
-                                           ? ": cannot open (error code "
-                                           : ": cannot play (error code ") +
-                               std::to_string(static_cast<int>(commander.failure())) + ")";
+                if (stage == Commander::Stage::kOpenFailed) {
+                    failure_ = velka::tools::explainOpenFailure(url_);
+                } else {
+                    failure_.reason = "cannot play (error code " +
+                                      std::to_string(static_cast<int>(commander.failure())) + ")";
+                    failure_.exitStatus = velka::tools::kExitCannotPlay;
+                }
                 screen_.draw(status_);
                 break;
             }
@@ -292,7 +330,7 @@ private:
             if (stage == Commander::Stage::kClosed && (sawClosed || waitedLong)) break;
         }
         if (velka::tools::quitSignal() != 0) return 128 + velka::tools::quitSignal();
-        return failed ? 1 : 0;
+        return failure_.reason.empty() ? velka::tools::kExitPlayed : failure_.exitStatus;
     }
 
     const PlayOptions& options_;
@@ -302,41 +340,47 @@ private:
     Inbox inbox_;
     PlayStatus status_;
     MediaPlayer player_;  // after inbox_: its dispatch thread ends before inbox_ goes
-    std::string failureLine_;
+    PlayFailure failure_;
 };
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    // Done already, from the preinit array, where the C library has one.
-    const velka::tools::PlayStartup& startup = velka::tools::playStartup(argc, argv, environ);
-    const PlayOptions& o = startup.options;
-    FILE* out = fdopen(startup.outputFd, "w");
-    if (out == nullptr) out = stderr;
+// The library's lines, also those it prints while it is loaded, go to the log
+// asked for, or nowhere. VELKA_LOG, when set, wins.
+extern "C" void velka_log_setup(void) { velka::tools::holdLibraryLines(); }
 
+int main(int argc, char** argv) {
+    const PlayOptions o = velka::tools::parsePlayOptions(argc, argv);
     if (o.help) {
-        fputs(kUsage, out);
+        fputs(kUsage, stdout);
+        return 0;
+    }
+    if (o.version) {
+        printf("velka-play %s\n", VELKA_VERSION);
         return 0;
     }
     if (o.error != nullptr) {
-        fprintf(stderr, "velka-play: %s%s%s\n%s", o.error, o.errorArg != nullptr ? ": " : "",
-                o.errorArg != nullptr ? o.errorArg : "", kUsage);
-        return 2;
+        fprintf(stderr, "velka-play: %s%s%s (velka-play --help tells more)\n", o.error,
+                o.errorArg != nullptr ? ": " : "", o.errorArg != nullptr ? o.errorArg : "");
+        return velka::tools::kExitUsage;
     }
-    if (startup.logErrno != 0) {
-        fprintf(stderr, "velka-play: cannot write the log %s: %s\n",
-                o.logPath != nullptr ? o.logPath : velka::tools::kDefaultPlayLog, strerror(startup.logErrno));
-        return 2;
+    // The log stays open until the process ends: the library prints at exit too.
+    FILE* log = o.logPath != nullptr ? fopen(o.logPath, "we") : nullptr;
+    if (o.logPath != nullptr && log == nullptr) {
+        fprintf(stderr, "velka-play: warning: cannot write the log %s: %s; playing without it\n",
+                o.logPath, strerror(errno));
     }
-    if (startup.speedErrno != 0) {
-        fprintf(stderr, "velka-play: cannot apply --speed %s: %s\n", o.speed,
-                strerror(startup.speedErrno));
-        return 2;
+    velka::tools::routeLibraryLines(log);
+    // The software engine reads its speed from the environment when it
+    // first plays, after this.
+    if (o.speed != nullptr && setenv("MTKPB_SPEED", o.speed, 1) != 0) {
+        fprintf(stderr, "velka-play: cannot apply --speed %s: %s\n", o.speed, strerror(errno));
+        return velka::tools::kExitUsage;
     }
 
     int status;
     {
-        PlayApp app(o, out);
+        PlayApp app(o, stdout);
         status = app.run();
     }
     fflush(nullptr);

@@ -1,5 +1,6 @@
 // hello-player: the smallest host application of velka. It plays one URL to
-// its end: create a player, add a listener, open, play, wait, close.
+// its end: create a player, add a listener, open, play, wait, close. The
+// library's diagnostic lines go through the host's own log function.
 //
 // Build against an installed velka with CMake (see CMakeLists.txt) or with
 //   c++ -std=c++17 main.cpp $(pkg-config --cflags --libs velka) -o hello-player
@@ -9,7 +10,19 @@
 #include <cstdio>
 #include <mutex>
 
+#include <velka/Log.h>
 #include <velka/MediaPlayer.h>
+
+// The host's log: each of the library's lines, marked as velka's, on the
+// stream given as context (a host on a box might hand them to syslog).
+void to_host_log(const char* line, void* context) {
+    fprintf(static_cast<FILE*>(context), "[velka] %s\n", line);
+}
+
+// Called by the library while it loads, so that even its first lines go to
+// the host's log. Without it the lines go to standard output, and a host can
+// still switch at any time with velka::logToFunction, logToFile or logOff.
+extern "C" void velka_log_setup(void) { velka::logToFunction(to_host_log, stdout); }
 
 // Told of every event, on the player's own thread.
 class EndListener : public velka::MediaPlayer::Listener {

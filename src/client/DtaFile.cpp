@@ -17,6 +17,7 @@
 #include "velka/Assert.h"
 #include "velka/Semaphore.h"
 #include "velka/Thread.h"
+#include "LogLine.h"
 
 namespace velka {
 
@@ -88,7 +89,7 @@ int low32(int64_t value) { return static_cast<int>(static_cast<uint32_t>(value))
 // Runs on the engine's threads.
 int dta_event_handler(CBctiDta* /*engine*/, int32_t event, int32_t param1, int32_t param2,
                       const char* message) {
-    printf("dta event[%d],param1[%d],param2[%d],message[%s]\n", event, param1, param2,
+    logPrint("dta event[%d],param1[%d],param2[%d],message[%s]\n", event, param1, param2,
            message != nullptr ? message : "");
     return 0;
 }
@@ -227,7 +228,7 @@ VelkaStatus DtaTaskThread::serve(DtaAsyncRequest* request, uint32_t* count) {
     // the network stalls.
     uint64_t n = request->length;
     int ret = dtaEngine_->readData(handle, request->buffer, &n);
-    printf("dta task handle %ld error %d data %p leng %d read %d\n", static_cast<long>(handle), ret,
+    logPrint("dta task handle %ld error %d data %p leng %d read %d\n", static_cast<long>(handle), ret,
            static_cast<void*>(request->buffer), static_cast<int>(request->length),
            low32(static_cast<int64_t>(n)));
 
@@ -272,7 +273,7 @@ int DtaFile::open() {
     info.totalLength = -1;
     int ret = dtaEngine_->queryTask(handle_, kDtaInfoTransfer, &info);
     length_ = info.totalLength;
-    printf("dta open handle %ld error %d length %d\n", static_cast<long>(handle_), ret,
+    logPrint("dta open handle %ld error %d length %d\n", static_cast<long>(handle_), ret,
            low32(length_));
     return 0;
 }
@@ -283,10 +284,10 @@ int DtaFile::open() {
 // makes fail) is waited for a moment. From inside a completion of the
 // worker, that completion itself cannot be waited for.
 int DtaFile::close() {
-    printf("DtaFile close\n");
+    logPrint("DtaFile close\n");
     const int handle = handle_;
     if (handle != -1) {
-        printf("DtaFile close1111\n");
+        logPrint("DtaFile close1111\n");
         DtaTaskThread* worker = DtaTaskThread::instance();
         std::vector<DtaAsyncRequest*> queued;
         {
@@ -303,7 +304,7 @@ int DtaFile::close() {
         }
         // Closing the task also ends an engine read of it that is waiting for data.
         dtaEngine_->closeTask(handle);
-        printf("dta close handle %ld\n", static_cast<long>(handle));
+        logPrint("dta close handle %ld\n", static_cast<long>(handle));
         if (!pthread_equal(worker->workerThread_.load(), pthread_self())) {
             Mutex::Autolock queueLock(worker->mutex_);
             auto readElsewhere = [worker, this] {
@@ -326,7 +327,7 @@ int DtaFile::close() {
         Mutex::Autolock queueLock(worker->mutex_);
         closing_ = false;
     }
-    printf("DtaFile close success\n");
+    logPrint("DtaFile close success\n");
     return 0;
 }
 
@@ -339,7 +340,7 @@ int DtaFile::read(char* buffer, uint32_t length) {
     uint64_t count = length;
     // Blocks this caller, with mutex_ held, for as long as the engine takes.
     int ret = dtaEngine_->readData(handle, buffer, &count);
-    printf("dta read handle %ld error %d length %d read %d\n", static_cast<long>(handle), ret,
+    logPrint("dta read handle %ld error %d length %d read %d\n", static_cast<long>(handle), ret,
            static_cast<int>(length), low32(static_cast<int64_t>(count)));
     if (ret != 0) return -1;
     position_ += static_cast<int64_t>(count);
@@ -430,7 +431,7 @@ int64_t DtaFile::seek(int64_t offset, Whence whence) {
 
     const int handle = handle_;
     int ret = dtaEngine_->seekTask(handle, 0, target, 0);
-    printf("dta seek handle %ld error %d pos %d\n", static_cast<long>(handle), ret, low32(target));
+    logPrint("dta seek handle %ld error %d pos %d\n", static_cast<long>(handle), ret, low32(target));
     return target;
 }
 
@@ -441,7 +442,7 @@ int64_t DtaFile::length() { return length_; }
 int64_t DtaFile::available() {
     const int64_t length = length_;
     const int64_t position = position_;
-    printf("DtaFile::available [%lld][%lld]\n", static_cast<long long>(length),
+    logPrint("DtaFile::available [%lld][%lld]\n", static_cast<long long>(length),
            static_cast<long long>(position));
     // Unknown length: nothing can be told.
     if (length < 0) return -1;
@@ -455,7 +456,7 @@ int DtaFile::cachePercent() {
     memset(&info, 0, sizeof(info));
     int ret = dtaEngine_->queryTask(handle, kDtaInfoTransfer, &info);
     const int percent = info.bufferPercent;
-    printf("dta handle %ld error %d percent %d\n", static_cast<long>(handle), ret, percent);
+    logPrint("dta handle %ld error %d percent %d\n", static_cast<long>(handle), ret, percent);
     return percent;
 }
 
@@ -468,7 +469,7 @@ int DtaFile::error() {
     memset(&info, 0, sizeof(info));
     int ret = dtaEngine_->queryTask(handle, kDtaInfoState, &info);
     const int state = info.state;
-    printf("dta handle %ld error %d percent %d\n", static_cast<long>(handle), ret, state);
+    logPrint("dta handle %ld error %d percent %d\n", static_cast<long>(handle), ret, state);
     switch (static_cast<uint32_t>(state)) {
         case 3:
             return 5;

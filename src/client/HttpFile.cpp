@@ -4,6 +4,7 @@
 
 #include "HttpTask.h"
 #include "velka/Assert.h"
+#include "LogLine.h"
 
 namespace velka {
 
@@ -16,20 +17,20 @@ constexpr unsigned int kCloseRecheckMs = 100;
 HttpFile::HttpFile(const std::string& url) : File(url), task_(nullptr) {}
 
 HttpFile::~HttpFile() {
-    puts("~HttpFile");
+    logPuts("~HttpFile");
     if (task_ != nullptr) close();
 }
 
 int HttpFile::open() {
-    puts("HttpFile::open");
+    logPuts("HttpFile::open");
     task_ = HttpTask::create(url_);
     if (task_ != nullptr) return 0;
-    puts("HttpFile::open fail 1");
+    logPuts("HttpFile::open fail 1");
     return -1;
 }
 
 int HttpFile::close() {
-    puts("HttpFile::close");
+    logPuts("HttpFile::close");
     if (task_ != nullptr) {
         if (onHttpWorker()) {
             // Inside a completion: the worker completes the queue right after.
@@ -44,25 +45,25 @@ int HttpFile::close() {
             }
         }
         task_ = nullptr;
-        puts("HttpFile::close end");
+        logPuts("HttpFile::close end");
     }
     return 0;
 }
 
 int HttpFile::read(char* buffer, uint32_t length) {
-    puts("HttpFile::read");
+    logPuts("HttpFile::read");
     VELKA_ASSERT(task_ != NULL);
     return task_->read(buffer, length);
 }
 
 void* HttpFile::readAsync(char* buffer, uint32_t length, AsyncCallback& callback) {
-    puts("HttpFile::readAsync");
+    logPuts("HttpFile::readAsync");
     VELKA_ASSERT(task_ != NULL);
     return task_->readAsync(buffer, length, callback);
 }
 
 int HttpFile::cancel(void* request) {
-    puts("HttpFile::cancel");
+    logPuts("HttpFile::cancel");
     AsyncRequest* asyncReq = static_cast<AsyncRequest*>(request);
     VELKA_ASSERT(task_ != NULL);
     VELKA_ASSERT(asyncReq != NULL);
@@ -80,19 +81,19 @@ int64_t HttpFile::tell() {
 }
 
 int64_t HttpFile::length() {
-    puts("HttpFile::length");
+    logPuts("HttpFile::length");
     VELKA_ASSERT(task_ != NULL);
     return task_->length();
 }
 
 int64_t HttpFile::available() {
-    puts("HttpFile::available");
+    logPuts("HttpFile::available");
     VELKA_ASSERT(task_ != NULL);
     return task_->length() - task_->tell();
 }
 
 int HttpFile::cachePercent() {
-    puts("HttpFile::cachePercent");
+    logPuts("HttpFile::cachePercent");
     if (task_ == nullptr) return 0;
     return task_->cachePercent();
 }

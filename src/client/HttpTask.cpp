@@ -7,6 +7,7 @@
 #include <ctime>
 
 #include "velka/Assert.h"
+#include "LogLine.h"
 
 namespace velka {
 
@@ -48,11 +49,26 @@ void formatRange(char (&range)[128], int64_t offset) {
     snprintf(range, sizeof range - 1, "%lld-", static_cast<long long>(offset));
 }
 
-// Set on every handle after its own options: libcurl's verbose lines go where
-// the library's own lines go, and neither the URL nor a redirect may lead to
-// another scheme than http or https.
+// libcurl's verbose lines, marked as libcurl marks them ("* " for its own
+// text, "< " and "> " for headers in and out), go where the library's own
+// lines go. Bodies are not shown.
+int debug_cb(CURL* /*curl*/, curl_infotype type, char* data, size_t size, void* /*user*/) {
+    const char* mark = nullptr;
+    if (type == CURLINFO_TEXT) mark = "* ";
+    if (type == CURLINFO_HEADER_IN) mark = "< ";
+    if (type == CURLINFO_HEADER_OUT) mark = "> ";
+    if (mark == nullptr) return 0;
+    std::string text(mark);
+    text.append(data, size);
+    logWrite(text.data(), text.size());
+    return 0;
+}
+
+// Set on every handle after its own options: libcurl's verbose lines go to
+// the library's log, and neither the URL nor a redirect may lead to another
+// scheme than http or https.
 void setCommonOptions(CURL* curl) {
-    curl_easy_setopt(curl, CURLOPT_STDERR, stdout);
+    curl_easy_setopt(curl, CURLOPT_DEBUGFUNCTION, &debug_cb);
     curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, kProtocols);
     curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, kProtocols);
 }
@@ -69,7 +85,7 @@ size_t tail_write_cb(char* data, size_t size, size_t count, void* sinkArg) {
     const size_t n = size * count;
     if (!workerRunning_) return n + 1;
     if (static_cast<size_t>(sink->received) + n > static_cast<size_t>(sink->capacity)) {
-        puts("out of cache");
+        logPuts("out of cache");
         return n + 1;
     }
     memcpy(sink->storage + sink->received, data, n);
@@ -80,7 +96,7 @@ size_t tail_write_cb(char* data, size_t size, size_t count, void* sinkArg) {
 }  // namespace
 
 void HttpAsyncCallback::complete(VelkaStatus status, uint32_t length) {
-    printf("HttpAsyncCallback, complete condition %d length %d\n", static_cast<int>(status),
+    logPrint("HttpAsyncCallback, complete condition %d length %d\n", static_cast<int>(status),
            static_cast<int>(length));
     result_ = static_cast<int>(length);
     task_->semaphore_.post();
@@ -147,10 +163,10 @@ HttpTask* HttpTask::create(const std::string& url) {
     task->waitForTaskInfoReady();
     if (task->error_ != 0 || task->length_ == 0) {
         // Failed, or the response ended without a byte of body.
-        printf("worker remove task %p\n", static_cast<void*>(task));
+        logPrint("worker remove task %p\n", static_cast<void*>(task));
         task->removed_ = true;
         worker->wake();
-        puts("HttpFile::open fail 3");
+        logPuts("HttpFile::open fail 3");
         return nullptr;
     }
     // Without a tail cache the task works all the same.
@@ -161,7 +177,7 @@ HttpTask* HttpTask::create(const std::string& url) {
 }
 
 void HttpTask::remove(HttpTask* task, Semaphore* destroyed) {
-    printf("worker remove task %p\n", static_cast<void*>(task));
+    logPrint("worker remove task %p\n", static_cast<void*>(task));
     // Stored before removed_ is published: the worker reads it after seeing the flag.
     task->destroyed_ = destroyed;
     task->removed_ = true;
@@ -169,7 +185,7 @@ void HttpTask::remove(HttpTask* task, Semaphore* destroyed) {
 }
 
 HttpTask::~HttpTask() {
-    printf("destroy task %p\n", static_cast<void*>(this));
+    logPrint("destroy task %p\n", static_cast<void*>(this));
     if (curl_ != nullptr) curl_easy_cleanup(curl_);
     if (tailCache_ != nullptr) free(tailCache_);
     delete ring_;
@@ -198,15 +214,15 @@ void HttpTask::setCurlOptions(const std::string& url) {
 }
 
 void HttpTask::waitForTaskInfoReady() {
-    puts("get task info wait");
+    logPuts("get task info wait");
     semaphore_.wait();
-    printf("get task info end status %d length %lld\n", error_.load(),
+    logPrint("get task info end status %d length %lld\n", error_.load(),
            static_cast<long long>(length_));
 }
 
 int HttpTask::cacheTail(const std::string& url, int size) {
     if (length_ <= size) return 0;
-    puts("create tail cache");
+    logPuts("create tail cache");
     tailCache_ = static_cast<char*>(malloc(static_cast<size_t>(size)));
     if (tailCache_ == nullptr) return 14;
     TailSink sink = {tailCache_, 0, size};
@@ -238,7 +254,7 @@ int HttpTask::cacheTail(const std::string& url, int size) {
         tailSize_ = size;
         return 0;
     }
-    printf("tail error perform %d, readed %d\n", static_cast<int>(ret), sink.received);
+    logPrint("tail error perform %d, readed %d\n", static_cast<int>(ret), sink.received);
     free(tailCache_);
     tailCache_ = nullptr;
     curl_easy_cleanup(curl);
@@ -289,7 +305,7 @@ int HttpTask::checkProgress(double downloaded) {
         return 0;
     }
     if (now - lastProgressTime_ <= kStallSeconds) return 0;
-    printf("cur time %u last time %u\n", now, lastProgressTime_);
+    logPrint("cur time %u last time %u\n", now, lastProgressTime_);
     return 1;
 }
 
@@ -303,20 +319,20 @@ void HttpTask::clearTimeoutCheck() {
 void HttpTask::notifyTaskInfo() {
     if (length_ != 0 || infoPublished_) return;
     if (error_ != 0) {
-        printf("notify task info fail %d\n", error_.load());
+        logPrint("notify task info fail %d\n", error_.load());
     } else if (downloadPos_ > 0) {
         double contentLength = -1;
         curl_easy_getinfo(curl_, CURLINFO_CONTENT_LENGTH_DOWNLOAD, &contentLength);
         // The first transfer has no range: this is the whole resource's length.
         length_ = static_cast<int64_t>(contentLength);
-        printf("notify task info ready %lld\n", static_cast<long long>(length_));
+        logPrint("notify task info ready %lld\n", static_cast<long long>(length_));
     } else {
         long status = 0;
         curl_easy_getinfo(curl_, CURLINFO_RESPONSE_CODE, &status);
         // An error status without a body, or any response that ended before
         // its first body byte: the open fails.
         if (status < 400 && !ended_) return;
-        printf("notify task info fail response %d without body\n", static_cast<int>(status));
+        logPrint("notify task info fail response %d without body\n", static_cast<int>(status));
     }
     infoPublished_ = true;
     semaphore_.post();
@@ -345,7 +361,7 @@ void HttpTask::continueDownload() {
     if (paused_) {
         paused_ = false;
         pausedCount_ -= 1;
-        printf("continue when paused %d\n", pausedCount_);
+        logPrint("continue when paused %d\n", pausedCount_);
     }
     runningCount_ += 1;
     curl_multi_add_handle(multiHandle_, curl_);
@@ -358,7 +374,7 @@ AsyncRequest* HttpTask::readAsync(char* buffer, uint32_t length, File::AsyncCall
     // does any task once the worker is torn down at process exit.
     if (error_ != 0 || removed_ || !workerRunning_) return nullptr;
     AsyncRequest* request = new AsyncRequest{buffer, length, length, false, &callback};
-    printf("readAsyncTask length %d callback %p req %p\n", static_cast<int>(length),
+    logPrint("readAsyncTask length %d callback %p req %p\n", static_cast<int>(length),
            static_cast<void*>(&callback), static_cast<void*>(request));
     {
         Mutex::Autolock lock(mutex_);
@@ -378,9 +394,9 @@ int HttpTask::read(char* buffer, uint32_t length) {
     if (error_ != 0) return -1;
     HttpAsyncCallback callback(this);
     if (readAsync(buffer, length, callback) == nullptr) return -1;
-    puts("readTask wait");
+    logPuts("readTask wait");
     semaphore_.wait();
-    printf("readTask end %d\n", callback.result_);
+    logPrint("readTask end %d\n", callback.result_);
     return callback.result_;
 }
 
@@ -443,7 +459,7 @@ int HttpTask::cachePercent() {
 
 void HttpTask::dealAsyncs() {
     if (length_ == 0) {
-        puts("no length now ");
+        logPuts("no length now ");
         return;
     }
     Mutex::Autolock lock(mutex_);
@@ -452,12 +468,12 @@ void HttpTask::dealAsyncs() {
         // A released task's transfer may fail on its way out (its progress
         // callback aborts it): its requests are cancelled, not failed.
         if (request->cancelled || removed_) {
-            puts("cancel request");
+            logPuts("cancel request");
             notifyComplete(request, kStatusCancelled, 0);
             continue;
         }
         if (error_ != 0) {
-            puts("open fail");
+            logPuts("open fail");
             notifyComplete(request, kStatusError, 0);
             continue;
         }
@@ -494,12 +510,12 @@ void HttpTask::dealAsyncs() {
         }
         if (n >= request->remaining) {
             feedAsync(request, request->remaining);
-            printf("async read to %lld\n", static_cast<long long>(readPos_));
+            logPrint("async read to %lld\n", static_cast<long long>(readPos_));
             notifyComplete(request, kStatusOk, request->length);
             continue;
         }
         if (allDownloaded) {
-            printf("EOF %p fifolen %d async length %d\n", static_cast<void*>(request->buffer),
+            logPrint("EOF %p fifolen %d async length %d\n", static_cast<void*>(request->buffer),
                    static_cast<int>(n), static_cast<int>(request->length));
             feedAsync(request, n);
             notifyComplete(request, kStatusEndOfFile, request->length - request->remaining);
@@ -517,16 +533,16 @@ void HttpTask::ajustReadPosition(int64_t ringStart) {
     if (distance < 0) {
         const int64_t back = -distance;
         if (back < (int64_t(1) << 32) && ring_->backwardSeek(static_cast<uint32_t>(back)) != 0) {
-            printf("back seek in buffer ok %lld %lld\n", static_cast<long long>(ringStart),
+            logPrint("back seek in buffer ok %lld %lld\n", static_cast<long long>(ringStart),
                    static_cast<long long>(readPos_));
         } else {
-            puts("back seek in buffer fail, reset request");
+            logPuts("back seek in buffer fail, reset request");
             resetRange();
         }
         return;
     }
     if (readPos_ <= downloadPos_) {
-        printf("skip %lld, pos %lld\n", static_cast<long long>(readPos_),
+        logPrint("skip %lld, pos %lld\n", static_cast<long long>(readPos_),
                static_cast<long long>(downloadPos_));
         ring_->skip(static_cast<uint32_t>(distance));
         return;
@@ -534,11 +550,11 @@ void HttpTask::ajustReadPosition(int64_t ringStart) {
     // Not downloaded yet. The gap counts from the ring start: its bytes must
     // all pass through the ring.
     if (distance <= kMaxWaitGapBytes && distance <= static_cast<int64_t>(ring_->space())) {
-        printf("seek forward %lld, pos %lld wait gap %lld\n", static_cast<long long>(readPos_),
+        logPrint("seek forward %lld, pos %lld wait gap %lld\n", static_cast<long long>(readPos_),
                static_cast<long long>(downloadPos_), static_cast<long long>(distance));
         return;
     }
-    printf("reseek forward %lld, pos %lld\n", static_cast<long long>(readPos_),
+    logPrint("reseek forward %lld, pos %lld\n", static_cast<long long>(readPos_),
            static_cast<long long>(downloadPos_));
     resetRange();
 }
@@ -551,7 +567,7 @@ void HttpTask::feedAsync(AsyncRequest* request, uint32_t count) {
 }
 
 void HttpTask::getDataFromTailCache(AsyncRequest* request, int64_t left) {
-    printf("get from tail cache offset %lld len %d\n", static_cast<long long>(readPos_),
+    logPrint("get from tail cache offset %lld len %d\n", static_cast<long long>(readPos_),
            static_cast<int>(request->length));
     const uint32_t count =
         left < static_cast<int64_t>(request->remaining) ? static_cast<uint32_t>(left)
@@ -559,7 +575,7 @@ void HttpTask::getDataFromTailCache(AsyncRequest* request, int64_t left) {
     readPos_ += count;
     memcpy(request->buffer, tailCache_ + (tailSize_ - left), count);
     notifyComplete(request, kStatusOk, request->length - request->remaining + count);
-    puts("get from tail cache end");
+    logPuts("get from tail cache end");
 }
 
 void HttpTask::notifyComplete(AsyncRequest* request, VelkaStatus status, uint32_t length) {
@@ -580,7 +596,7 @@ void HttpTask::notifyComplete(AsyncRequest* request, VelkaStatus status, uint32_
 void HttpTask::cancelAll() {
     Mutex::Autolock lock(mutex_);
     while (!requests_.empty()) {
-        puts("cancel request");
+        logPuts("cancel request");
         notifyComplete(requests_.front(), kStatusCancelled, 0);
     }
 }

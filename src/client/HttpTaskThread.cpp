@@ -7,6 +7,7 @@
 #include "HttpTask.h"
 #include "LibraryExit.h"
 #include "velka/HttpTaskThread.h"
+#include "LogLine.h"
 
 namespace velka {
 
@@ -60,7 +61,7 @@ HttpTaskThread* HttpTaskThread::instance() {
 
 HttpTaskThread::HttpTaskThread()
     : pending_(0), thread_(nullptr), wakeup_(0), wakePipe_{-1, -1}, wakeQueued_(false) {
-    puts("---HttpTaskThread ----");
+    logPuts("---HttpTaskThread ----");
     // Without the pipe the worker still runs; waits just end at their time-out.
     if (pipe2(wakePipe_, O_NONBLOCK | O_CLOEXEC) != 0) wakePipe_[0] = wakePipe_[1] = -1;
     initCurl();
@@ -92,7 +93,7 @@ void HttpTaskThread::tearDown() {
 
 void HttpTaskThread::run() {
     onWorker_ = true;
-    puts("http task thread start");
+    logPuts("http task thread start");
     while (workerRunning_) {
         // Serve, then walk the tasks: start, resume, drop.
         {
@@ -103,7 +104,7 @@ void HttpTaskThread::run() {
                 HttpTask* task = tasks_[i];
                 if (task->inMulti_) {
                     if (task->removed_) {
-                        printf("task removed %p\n", static_cast<void*>(task));
+                        logPrint("task removed %p\n", static_cast<void*>(task));
                         task->inMulti_ = false;
                         curl_multi_remove_handle(multiHandle_, task->curl_);
                         dropTask(i);
@@ -112,25 +113,25 @@ void HttpTaskThread::run() {
                     if (task->paused_) {
                         const unsigned int space = task->ring_->space();
                         if (space > kResumeFreeBytes) {
-                            printf("task unpaused %p left %d\n", static_cast<void*>(task),
+                            logPrint("task unpaused %p left %d\n", static_cast<void*>(task),
                                    static_cast<int>(space));
                             task->paused_ = false;
                             pausedCount_ -= 1;
                             // May hand over the kept block at once (write_cb).
                             curl_easy_pause(task->curl_, CURLPAUSE_CONT);
                         }
-                        printf("curl running count %d pause count %d\n", runningCount_,
+                        logPrint("curl running count %d pause count %d\n", runningCount_,
                                pausedCount_);
                     }
                 } else if (task->removed_) {
-                    printf("task removed 2 %p\n", static_cast<void*>(task));
+                    logPrint("task removed 2 %p\n", static_cast<void*>(task));
                     dropTask(i);
                     continue;
                 } else if (task->length_ == 0 && !task->infoPublished_) {
                     // Not started yet. A task whose first response failed or
                     // ended empty is not started again: its open fails.
                     if (curl_multi_add_handle(multiHandle_, task->curl_) == CURLM_OK) {
-                        puts("task start add ok");
+                        logPuts("task start add ok");
                         task->inMulti_ = true;
                     }
                 }
@@ -166,7 +167,7 @@ void HttpTaskThread::run() {
                 }
                 task->error_ = code;
             }
-            printf("--------Task end ----------- %p\n", static_cast<void*>(task));
+            logPrint("--------Task end ----------- %p\n", static_cast<void*>(task));
             curl_multi_remove_handle(multiHandle_, curl);
             task->inMulti_ = false;
             task->ended_ = true;
@@ -248,7 +249,7 @@ int HttpTaskThread::performAndSelect(void* multiArg) {
         while (read(wakePipe_[0], drain, sizeof drain) > 0) {
         }
     }
-    if (ret < 0) printf("Select multiple IO failed %d\n", ret);
+    if (ret < 0) logPrint("Select multiple IO failed %d\n", ret);
     return runningCount_;
 }
 

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "velka/Assert.h"
+#include "LogLine.h"
 
 namespace velka {
 
@@ -68,7 +69,7 @@ int LocalFile::open() {
     // Non-blocking, so that a FIFO without a writer (or a device that waits
     // for a carrier) does not hold the caller: such a file is refused below.
     int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK);
-    printf("local file open %s fd %d\n", path.c_str(), fd);
+    logPrint("local file open %s fd %d\n", path.c_str(), fd);
     if (fd <= 0) {
         // Descriptor 0 counts as a failure too; it is not kept.
         if (fd == 0) ::close(fd);
@@ -111,7 +112,7 @@ int LocalFile::close() {
 
 int LocalFile::read(char* buffer, uint32_t count) {
     VELKA_ASSERT(fd_ != -1);
-    printf("local file read length %d fd %d\n", static_cast<int>(count), fd_);
+    logPrint("local file read length %d fd %d\n", static_cast<int>(count), fd_);
     return static_cast<int>(::read(fd_, buffer, count));
 }
 
@@ -134,7 +135,7 @@ void* LocalFile::readAsync(char* buffer, uint32_t count, AsyncCallback& callback
         return request;
     }
     if (!submitLocked(request)) {
-        printf("free aio %p", static_cast<void*>(request));
+        logPrint("free aio %p", static_cast<void*>(request));
         delete request;
         return nullptr;
     }
@@ -151,7 +152,7 @@ void* LocalFile::readAsync(char* buffer, uint32_t count, AsyncCallback& callback
 bool LocalFile::submitLocked(Request* request) {
     int32_t offset = static_cast<int32_t>(tell());
     request->cb.aio_offset = offset;
-    printf("local file readAsync length %d off %d fd %d %p\n",
+    logPrint("local file readAsync length %d off %d fd %d %p\n",
            static_cast<int>(request->cb.aio_nbytes), offset, fd_, static_cast<void*>(request));
     request->cb.aio_sigevent.sigev_notify = SIGEV_THREAD;
     request->cb.aio_sigevent.sigev_notify_function = aio_complete_cb;
@@ -188,7 +189,7 @@ void LocalFile::finish(Request* request) {
     } else if (err == ECANCELED) {
         status = kStatusCancelled;
     } else {
-        printf("aio_complete_cb fail %d\n", err);
+        logPrint("aio_complete_cb fail %d\n", err);
         status = kStatusError;
     }
     submitted_ = nullptr;
@@ -206,7 +207,7 @@ void LocalFile::finish(Request* request) {
         } else if (submitLocked(next)) {
             break;
         } else {
-            printf("free aio %p", static_cast<void*>(next));
+            logPrint("free aio %p", static_cast<void*>(next));
             deliverLocked(lock, next, kStatusError, 0);
         }
     }
@@ -217,7 +218,7 @@ void LocalFile::finish(Request* request) {
 int LocalFile::cancel(void* request) {
     Request* asyncReq = static_cast<Request*>(request);
     VELKA_ASSERT(asyncReq != NULL);
-    printf("local file cancel fd %d\n", fd_);
+    logPrint("local file cancel fd %d\n", fd_);
     std::lock_guard<std::mutex> lock(mutex_);
     for (Request* queued : waiting_) {
         if (queued == asyncReq) {
@@ -238,7 +239,7 @@ int LocalFile::cancel(void* request) {
 
 int64_t LocalFile::seek(int64_t offset, Whence whence) {
     VELKA_ASSERT(fd_ != -1);
-    printf("local file seek whence %d off %lld fd %d\n", static_cast<int>(whence),
+    logPrint("local file seek whence %d off %lld fd %d\n", static_cast<int>(whence),
            static_cast<long long>(offset), fd_);
     // The Whence values are the POSIX origins.
     return fromSystemOffset(lseek(fd_, toSystemOffset(offset), static_cast<int>(whence)));
@@ -246,27 +247,27 @@ int64_t LocalFile::seek(int64_t offset, Whence whence) {
 
 int64_t LocalFile::tell() {
     VELKA_ASSERT(fd_ != -1);
-    printf("local file tell fd %d\n", fd_);
+    logPrint("local file tell fd %d\n", fd_);
     return fromSystemOffset(lseek(fd_, 0, SEEK_CUR));
 }
 
 int64_t LocalFile::length() {
-    printf("local file length fd %d len %lld\n", fd_, static_cast<long long>(length_));
+    logPrint("local file length fd %d len %lld\n", fd_, static_cast<long long>(length_));
     VELKA_ASSERT(fd_ != -1);
     return length_;
 }
 
 int64_t LocalFile::available() {
     VELKA_ASSERT(fd_ != -1);
-    printf("local file available fd %d\n", fd_);
+    logPrint("local file available fd %d\n", fd_);
     int64_t total = length();
     int64_t position = tell();
     if (position == -1) {
-        puts("local file available fail");
+        logPuts("local file available fail");
         return -1;
     }
     int64_t remaining = total - position;
-    printf("local file available %lld\n", static_cast<long long>(remaining));
+    logPrint("local file available %lld\n", static_cast<long long>(remaining));
     return remaining;
 }
 

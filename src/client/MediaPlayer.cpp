@@ -7,6 +7,7 @@
 
 #include "MediaPlayerImpl.h"
 #include "velka/Playback.h"
+#include "LogLine.h"
 
 namespace velka {
 
@@ -72,12 +73,12 @@ MediaPlayer::MediaPlayerImpl::MediaPlayerImpl()
       notifications_(0),
       dispatchThread_(nullptr) {
     Playback::setEventHook(wakeHolder);
-    puts("MediaPlayerImpl new thread ");
+    logPuts("MediaPlayerImpl new thread ");
     dispatchThread_ = new Thread(*this, false, "MediaPlayerImpl", kDispatchPriority,
                                  kDispatchStackSize);
-    puts("MediaPlayerImpl start thread ");
+    logPuts("MediaPlayerImpl start thread ");
     dispatchThread_->start();
-    puts("MediaPlayerImpl start thread end");
+    logPuts("MediaPlayerImpl start thread end");
 }
 
 MediaPlayer::MediaPlayerImpl::~MediaPlayerImpl() {
@@ -111,8 +112,8 @@ void MediaPlayer::MediaPlayerImpl::releaseEngine() {
 }
 
 VelkaStatus MediaPlayer::MediaPlayerImpl::open(const std::string& url) {
-    printf("MediaPlayerImpl open %s state %d\n", url.c_str(), static_cast<int>(state_.load()));
-    fflush(stdout);
+    logPrint("MediaPlayerImpl open %s state %d\n", url.c_str(), static_cast<int>(state_.load()));
+    logFlush();
     if (url.empty()) return kStatusInvalidArgument;
 
     Mutex::Autolock lock(stateMutex_);
@@ -138,17 +139,17 @@ VelkaStatus MediaPlayer::MediaPlayerImpl::open(const std::string& url) {
         result = kStatusError;
     } else {
         state_ = MediaPlayer::kStateOpened;
-        printf("MediaPlayerImpl open 1\n");
+        logPrint("MediaPlayerImpl open 1\n");
         queueState(MediaPlayer::kStateOpened);
-        printf("MediaPlayerImpl open end\n");
+        logPrint("MediaPlayerImpl open end\n");
         result = kStatusOk;
     }
     return result;
 }
 
 void MediaPlayer::MediaPlayerImpl::close() {
-    printf("MediaPlayerImpl close state %d\n", static_cast<int>(state_.load()));
-    fflush(stdout);
+    logPrint("MediaPlayerImpl close state %d\n", static_cast<int>(state_.load()));
+    logFlush();
     Mutex::Autolock lock(stateMutex_);
     if (state_ != MediaPlayer::kStateClosed) {
         state_ = MediaPlayer::kStateClosed;
@@ -161,21 +162,21 @@ void MediaPlayer::MediaPlayerImpl::close() {
 }
 
 VelkaStatus MediaPlayer::MediaPlayerImpl::play(int startMs) {
-    printf("MediaPlayerImpl play\n");
-    fflush(stdout);
+    logPrint("MediaPlayerImpl play\n");
+    logFlush();
     Mutex::Autolock lock(stateMutex_);
     if (state_ == MediaPlayer::kStateClosed) return kStatusInvalidState;
     if (Playback::instance_.play(startMs) != kStatusOk) return kStatusError;
-    printf("change to playing\n");
-    fflush(stdout);
+    logPrint("change to playing\n");
+    logFlush();
     state_ = MediaPlayer::kStatePlaying;
     queueState(MediaPlayer::kStatePlaying);
     return kStatusOk;
 }
 
 VelkaStatus MediaPlayer::MediaPlayerImpl::pause() {
-    printf("MediaPlayerImpl pause\n");
-    fflush(stdout);
+    logPrint("MediaPlayerImpl pause\n");
+    logFlush();
     Mutex::Autolock lock(stateMutex_);
     if (state_ != MediaPlayer::kStatePlaying) return kStatusInvalidState;
     // The state does not depend on the engine's answer.
@@ -185,8 +186,8 @@ VelkaStatus MediaPlayer::MediaPlayerImpl::pause() {
 }
 
 VelkaStatus MediaPlayer::MediaPlayerImpl::unPause() {
-    printf("MediaPlayerImpl unPause\n");
-    fflush(stdout);
+    logPrint("MediaPlayerImpl unPause\n");
+    logFlush();
     Mutex::Autolock lock(stateMutex_);
     if (state_ != MediaPlayer::kStatePaused) return kStatusInvalidState;
     if (Playback::instance_.unPause() != kStatusOk) return kStatusInvalidState;
@@ -196,8 +197,8 @@ VelkaStatus MediaPlayer::MediaPlayerImpl::unPause() {
 }
 
 VelkaStatus MediaPlayer::MediaPlayerImpl::stop() {
-    printf("MediaPlayerImpl stop state %d\n", static_cast<int>(state_.load()));
-    fflush(stdout);
+    logPrint("MediaPlayerImpl stop state %d\n", static_cast<int>(state_.load()));
+    logFlush();
     Mutex::Autolock lock(stateMutex_);
     if (state_ == MediaPlayer::kStateOpening || state_ == MediaPlayer::kStateClosed) {
         return kStatusInvalidState;
@@ -208,8 +209,8 @@ VelkaStatus MediaPlayer::MediaPlayerImpl::stop() {
 }
 
 VelkaStatus MediaPlayer::MediaPlayerImpl::timeSeek(int ms) {
-    printf("MediaPlayerImpl timeSeek\n");
-    fflush(stdout);
+    logPrint("MediaPlayerImpl timeSeek\n");
+    logFlush();
     Mutex::Autolock lock(stateMutex_);
     if (state_ == MediaPlayer::kStateClosed) return kStatusInvalidState;
     MediaPlayer::State previous = state_;
@@ -224,21 +225,21 @@ VelkaStatus MediaPlayer::MediaPlayerImpl::timeSeek(int ms) {
 }
 
 VelkaStatus MediaPlayer::MediaPlayerImpl::display(const MediaPlayer::OutputScreen& screen) {
-    printf("MediaPlayerImpl display\n");
-    fflush(stdout);
+    logPrint("MediaPlayerImpl display\n");
+    logFlush();
     Mutex::Autolock lock(stateMutex_);
     if (state_ == MediaPlayer::kStateClosed) return kStatusInvalidState;
     return Playback::instance_.display(screen);
 }
 
 int MediaPlayer::MediaPlayerImpl::duration() {
-    printf("MediaPlayerImpl duration\n");
-    fflush(stdout);
+    logPrint("MediaPlayerImpl duration\n");
+    logFlush();
     return Playback::instance_.duration();
 }
 
 int MediaPlayer::MediaPlayerImpl::currentPts() const {
-    printf("MediaPlayerImpl currentPts\n");
+    logPrint("MediaPlayerImpl currentPts\n");
     return Playback::instance_.currentPts();
 }
 
@@ -253,16 +254,16 @@ void MediaPlayer::MediaPlayerImpl::setMute(bool mute) { Playback::instance_.setM
 bool MediaPlayer::MediaPlayerImpl::isMute() { return Playback::instance_.isMute(); }
 
 VelkaStatus MediaPlayer::MediaPlayerImpl::addListener(MediaPlayer::Listener& listener) {
-    printf("MediaPlayerImpl addListener\n");
-    fflush(stdout);
+    logPrint("MediaPlayerImpl addListener\n");
+    logFlush();
     Mutex::Autolock lock(listenerMutex_);
     listeners_.push_back(&listener);
     return kStatusOk;
 }
 
 VelkaStatus MediaPlayer::MediaPlayerImpl::removeListener(MediaPlayer::Listener& listener) {
-    printf("MediaPlayerImpl removeListener\n");
-    fflush(stdout);
+    logPrint("MediaPlayerImpl removeListener\n");
+    logFlush();
     Mutex::Autolock lock(listenerMutex_);
     auto it = std::find(listeners_.begin(), listeners_.end(), &listener);
     if (it != listeners_.end()) {
@@ -277,7 +278,7 @@ VelkaStatus MediaPlayer::MediaPlayerImpl::removeListener(MediaPlayer::Listener& 
 
 void MediaPlayer::MediaPlayerImpl::addEvent(const MediaPlayer::Event& event, bool toFront) {
     Mutex::Autolock lock(eventMutex_);
-    printf("MediaPlayerImpl addEvent id  %d param %d\n", static_cast<int>(event.id),
+    logPrint("MediaPlayerImpl addEvent id  %d param %d\n", static_cast<int>(event.id),
            static_cast<int>(event.param));
     if (toFront) {
         events_.push_front(event);
@@ -316,8 +317,8 @@ void MediaPlayer::MediaPlayerImpl::getEvent() {
 }
 
 void MediaPlayer::MediaPlayerImpl::eventDispatch() {
-    printf("MediaPlayerImpl eventDispatch\n");
-    fflush(stdout);
+    logPrint("MediaPlayerImpl eventDispatch\n");
+    logFlush();
     using Clock = std::chrono::steady_clock;
     Clock::time_point nextPoll = Clock::now() + std::chrono::milliseconds(kPollIntervalMs);
     while (running_) {

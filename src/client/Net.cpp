@@ -1,4 +1,5 @@
 #include "velka/Net.h"
+#include "LogLine.h"
 
 #include <arpa/inet.h>
 #include <net/if.h>
@@ -52,7 +53,7 @@ std::string getMac(const std::string& name) {
         snprintf(mac, sizeof mac - 1, "%02X%02X%02X%02X%02X%02X", address[0], address[1],
                  address[2], address[3], address[4], address[5]);
     }
-    printf("mac %s\n", mac);
+    logPrint("mac %s\n", mac);
     return mac;
 }
 
@@ -66,7 +67,7 @@ std::string getIp(const std::string& name) {
         const char* text = inet_ntoa(address.sin_addr);
         if (text != nullptr) ip = text;
     }
-    printf("ip %s\n", ip.c_str());
+    logPrint("ip %s\n", ip.c_str());
     return ip;
 }
 
@@ -83,7 +84,7 @@ bool netIsReady(const std::string& name) {
 std::string getCurrentInterface() {
     FILE* command = popen(kDeviceNameCommand, "r");
     if (command == nullptr) {
-        puts("cant get device ");
+        logPuts("cant get device ");
         return std::string();
     }
     char answer[kDeviceAnswerSize];
@@ -92,7 +93,7 @@ std::string getCurrentInterface() {
     pclose(command);
 
     if (count < kDeviceAnswerMin || count > kDeviceAnswerSize - 1) {
-        printf("get device error %d\n", static_cast<int>(count));
+        logPrint("get device error %d\n", static_cast<int>(count));
         return "eth0";
     }
 
@@ -108,7 +109,7 @@ std::string getCurrentInterface() {
         const char* close = static_cast<const char*>(memchr(open + 1, '"', end - (open + 1)));
         if (close != nullptr) name.assign(open + 1, close);
     }
-    printf("device name is %s\n", name.c_str());
+    logPrint("device name is %s\n", name.c_str());
     return name;
 }
 

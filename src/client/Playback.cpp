@@ -17,6 +17,7 @@
 #include "velka/Mutex.h"
 #include "velka/Semaphore.h"
 #include "velka/Thread.h"
+#include "LogLine.h"
 
 extern "C" {
 int g_main_argc = 0;
@@ -196,52 +197,52 @@ int32_t pb_callback(IMTK_PB_CTRL_EVENT_T event, void* tag, intptr_t data) {
     (void)tag;
     switch (event) {
         case IMTK_PB_CTRL_EVENT_TOTAL_TIME_UPDATE:
-            printf("IMTK_PB_CTRL_EVENT_TOTAL_TIME_UPDATE %d\n", static_cast<int>(data));
+            logPrint("IMTK_PB_CTRL_EVENT_TOTAL_TIME_UPDATE %d\n", static_cast<int>(data));
             totalTime_ = static_cast<int32_t>(data);
             break;
         case IMTK_PB_CTRL_EVENT_CUR_TIME_UPDATE:
-            printf("IMTK_PB_CTRL_EVENT_CUR_TIME_UPDATE %d\n", static_cast<int>(data));
+            logPrint("IMTK_PB_CTRL_EVENT_CUR_TIME_UPDATE %d\n", static_cast<int>(data));
             currentTime_ = static_cast<int32_t>(data);
             break;
         case IMTK_PB_CTRL_EVENT_BUFFER_UNDERFLOW:
-            printf("IMTK_PB_CTRL_EVENT_BUFFER_UNDERFLOW \n");
+            logPrint("IMTK_PB_CTRL_EVENT_BUFFER_UNDERFLOW \n");
             break;
         case IMTK_PB_CTRL_EVENT_BUFFER_HIGH:
-            printf("IMTK_PB_CTRL_EVENT_BUFFER_HIGH \n");
+            logPrint("IMTK_PB_CTRL_EVENT_BUFFER_HIGH \n");
             break;
         case IMTK_PB_CTRL_EVENT_PLAYBACK_ERROR:
-            printf("IMTK_PB_CTRL_EVENT_PLAYBACK_ERROR \n");
+            logPrint("IMTK_PB_CTRL_EVENT_PLAYBACK_ERROR \n");
             recordError();
             releaseSeek();
             break;
         case IMTK_PB_CTRL_EVENT_EOS:
-            printf("IMTK_PB_CTRL_EVENT_EOS \n");
+            logPrint("IMTK_PB_CTRL_EVENT_EOS \n");
             currentTime_ = -1;
             eosPending_ = true;
             break;
         case IMTK_PB_CTRL_EVENT_PLAYED: {
-            printf("IMTK_PB_CTRL_EVENT_PLAYED \n");
+            logPrint("IMTK_PB_CTRL_EVENT_PLAYED \n");
             // The start position of play(), sought once playback runs.
             int32_t start = startPosition_.exchange(0);
             if (start != 0) IMtkPb_Ctrl_TimeSeek(engineHandle_, static_cast<uint32_t>(start));
             break;
         }
         case IMTK_PB_CTRL_EVENT_STEP_DONE:
-            printf("IMTK_PB_CTRL_EVENT_STEP_DONE \n");
+            logPrint("IMTK_PB_CTRL_EVENT_STEP_DONE \n");
             break;
         case IMTK_PB_CTRL_EVENT_TIMESEEK_DONE:
-            printf("IMTK_PB_CTRL_EVENT_TIMESEEK_DONE \n");
+            logPrint("IMTK_PB_CTRL_EVENT_TIMESEEK_DONE \n");
             if (data == -1) recordError();
             releaseSeek();
             break;
         case IMTK_PB_CTRL_EVENT_GET_BUF_READY:
-            printf("IMTK_PB_CTRL_EVENT_GET_BUF_READY \n");
+            logPrint("IMTK_PB_CTRL_EVENT_GET_BUF_READY \n");
             break;
         default:
-            printf("call back default %d \n", static_cast<int>(event));
+            logPrint("call back default %d \n", static_cast<int>(event));
             break;
     }
-    fflush(stdout);
+    logFlush();
     void (*hook)() = eventHook_;
     if (hook != nullptr) hook();
     return 0;
@@ -252,23 +253,23 @@ int32_t pb_callback(IMTK_PB_CTRL_EVENT_T event, void* tag, intptr_t data) {
 void rpcInit() {
     RTOS_CONFIG_T config = {};
     int32_t ret = x_rtos_init(&config);
-    if (ret != 0) printf("rtos init failed %d \n", static_cast<int>(ret));
+    if (ret != 0) logPrint("rtos init failed %d \n", static_cast<int>(ret));
 
     void* memory = nullptr;
     size_t memorySize = kRpcMemorySize;
     ret = handle_init(kRpcHandles, &memory, &memorySize);
-    if (ret != 0) printf("handle init failed %d \n", static_cast<int>(ret));
+    if (ret != 0) logPrint("handle init failed %d \n", static_cast<int>(ret));
 
     ret = os_init(memory, memorySize);
-    if (ret != 0) printf("os init failed %d \n", static_cast<int>(ret));
+    if (ret != 0) logPrint("os init failed %d \n", static_cast<int>(ret));
 
     ret = c_rpc_init_client();
-    if (ret != 0) printf("rpc init failed %d \n", static_cast<int>(ret));
+    if (ret != 0) logPrint("rpc init failed %d \n", static_cast<int>(ret));
 
     ret = c_rpc_start_client();
-    if (ret < 0) printf("rpc start failed %d \n", static_cast<int>(ret));
+    if (ret < 0) logPrint("rpc start failed %d \n", static_cast<int>(ret));
 
-    printf("Rpc init OK\n");
+    logPrint("Rpc init OK\n");
 }
 
 }  // namespace
@@ -318,9 +319,9 @@ void PlaybackThread::execute() {
             params.pbAbort = pb_abort;
             params.pbSeek = pb_seek;
             params.pbAvailable = pb_available;
-            printf("IMtkPb_Ctrl_SetEngineParam\n");
+            logPrint("IMtkPb_Ctrl_SetEngineParam\n");
             result_ = IMtkPb_Ctrl_SetEngineParam(handle, &params);
-            printf("IMtkPb_Ctrl_SetEngineParam end\n");
+            logPrint("IMtkPb_Ctrl_SetEngineParam end\n");
             break;
         }
         case kCmdPlay:
@@ -335,10 +336,10 @@ void PlaybackThread::execute() {
             break;
         }
         case kCmdClose:
-            printf("IMtkPb_Ctrl_Close\n");
-            fflush(stdout);
+            logPrint("IMtkPb_Ctrl_Close\n");
+            logFlush();
             result_ = IMtkPb_Ctrl_Close(handle);
-            printf("IMtkPb_Ctrl_Close end %d\n", result_);
+            logPrint("IMtkPb_Ctrl_Close end %d\n", result_);
             break;
         default:
             // Unknown: answered without reaching the engine.
@@ -401,8 +402,8 @@ VelkaStatus Playback::open(const std::string& url) {
     opening_ = false;
     totalTime_ = 0;
 
-    printf("create tempfile %s\n", url.c_str());
-    fflush(stdout);
+    logPrint("create tempfile %s\n", url.c_str());
+    logFlush();
     File* file = FileFactory::createFile(url);
     if (file == nullptr) return kStatusError;
     tempFile_ = file;
@@ -412,12 +413,12 @@ VelkaStatus Playback::open(const std::string& url) {
         OpeningScope() { opening_ = true; }
         ~OpeningScope() { opening_ = false; }
     } openingScope;
-    printf("open state change tempfile %d-------------------\n", 1);
-    fflush(stdout);
+    logPrint("open state change tempfile %d-------------------\n", 1);
+    logFlush();
 
     // Failure before the engine instance exists: the source goes without close().
     auto failWithoutEngine = [file]() {
-        fflush(stdout);
+        logFlush();
         errorCode_ = file->error();
         {
             std::lock_guard<std::mutex> lock(tempFileLock_);
@@ -428,100 +429,100 @@ VelkaStatus Playback::open(const std::string& url) {
     };
     // Failure with the engine instance open: close() ends both.
     auto failWithEngine = [this, file]() {
-        fflush(stdout);
+        logFlush();
         errorCode_ = file->error();
         close();
         return kStatusError;
     };
 
     if (file->open() != 0) {
-        printf("open tempfile fail\n");
+        logPrint("open tempfile fail\n");
         return failWithoutEngine();
     }
-    printf("open state change 2222222 tempfile %d-------------------------------------+\n",
+    logPrint("open state change 2222222 tempfile %d-------------------------------------+\n",
            opening_ ? 1 : 0);
-    fflush(stdout);
+    logFlush();
 
     int ret = playbackThread_->exchange(kCmdOpen, 0);
     if (ret != 0) {
-        printf("Open playback failed %d\n", ret);
+        logPrint("Open playback failed %d\n", ret);
         return failWithoutEngine();
     }
     ret = IMtkPb_Ctrl_RegCallback(engineHandle_, this, pb_callback);
     if (ret != 0) {
-        printf("reg callback failed %d\n", ret);
+        logPrint("reg callback failed %d\n", ret);
         return failWithEngine();
     }
     // The app tag: this URL string, which lives until open() returns.
     ret = playbackThread_->exchange(kCmdSetParam, reinterpret_cast<uintptr_t>(&url));
     if (ret != 0) {
-        printf("set IMtkPb_Ctrl_SetEngineParam failed %d\n", ret);
+        logPrint("set IMtkPb_Ctrl_SetEngineParam failed %d\n", ret);
         return failWithEngine();
     }
     IMTK_PB_CTRL_MEDIA_INFO_T info;
     ret = IMtkPb_Ctrl_GetMediaInfo(engineHandle_, &info);
     if (ret != 0) {
-        printf("get media info failed %d\n", ret);
+        logPrint("get media info failed %d\n", ret);
         return failWithEngine();
     }
 
     openedPending_ = true;
-    printf("!!!!!!!!!!End to open file\n");
-    fflush(stdout);
+    logPrint("!!!!!!!!!!End to open file\n");
+    logFlush();
     return kStatusOk;
 }
 
 VelkaStatus Playback::play(int start) {
-    printf("start to play %d\n", start);
+    logPrint("start to play %d\n", start);
     // Whole seconds; below one second plays from the beginning.
     int ret = playbackThread_->exchange(kCmdPlay, static_cast<uintptr_t>(start / 1000));
     if (ret != 0) {
-        printf("play Failed %d !\n", ret);
-        fflush(stdout);
+        logPrint("play Failed %d !\n", ret);
+        logFlush();
         return kStatusError;
     }
     paused_ = false;
-    printf("play end\n");
-    fflush(stdout);
+    logPrint("play end\n");
+    logFlush();
     return kStatusOk;
 }
 
 VelkaStatus Playback::pause() {
-    printf("playback pause\n");
-    fflush(stdout);
+    logPrint("playback pause\n");
+    logFlush();
     IMtkPb_Ctrl_Pause(engineHandle_);
     paused_ = true;
     return kStatusOk;
 }
 
 VelkaStatus Playback::unPause() {
-    printf("playback unPause\n");
-    fflush(stdout);
+    logPrint("playback unPause\n");
+    logFlush();
     if (seeking_) return kStatusError;
     bool wasPaused = paused_.exchange(false);
     int ret = playbackThread_->exchange(kCmdPlay, 0);
     if (ret != 0) {
         paused_ = wasPaused;
-        printf("unpause play failed %d !\n", ret);
+        logPrint("unpause play failed %d !\n", ret);
         return kStatusError;
     }
     return kStatusOk;
 }
 
 VelkaStatus Playback::stop() {
-    printf("playback stop\n");
-    fflush(stdout);
+    logPrint("playback stop\n");
+    logFlush();
     int ret = playbackThread_->exchange(kCmdStop, 0);
     if (ret != 0) {
-        printf("playback stop fail %d\n", ret);
+        logPrint("playback stop fail %d\n", ret);
         return kStatusError;
     }
     return kStatusOk;
 }
 
 void Playback::close() {
-    printf("playback close\n");
-    fflush(stdout);
+    logPrint("playback close\n");
+    logFlush();
     playbackThread_->exchange(kCmdClose, 0);
     // The engine instance is closed: no pull callback uses the tmp file any
     // more. Take it away under the lock, so that no getEvent() or
@@ -539,10 +540,10 @@ void Playback::close() {
 }
 
 VelkaStatus Playback::timeSeek(int position) {
-    printf("playback timeSeek %d\n", position);
+    logPrint("playback timeSeek %d\n", position);
     seeking_ = true;
     int ret = IMtkPb_Ctrl_TimeSeek(engineHandle_, static_cast<uint32_t>(position / 1000));
-    printf("playback timeSeek result %d\n", ret);
+    logPrint("playback timeSeek result %d\n", ret);
     if (ret != 0) {
         // A notification that ended the seek meanwhile posted seekDone_:
         // take that unit back so that the next seek waits for its own end.
@@ -550,12 +551,12 @@ VelkaStatus Playback::timeSeek(int position) {
         return kStatusError;
     }
     seekDone_.wait();
-    printf("playback timeSeek end\n");
+    logPrint("playback timeSeek end\n");
     return kStatusOk;
 }
 
 VelkaStatus Playback::display(const MediaPlayer::OutputScreen& screen) {
-    printf("playback display\n");
+    logPrint("playback display\n");
     // Compared as unsigned: a negative value is out of range too.
     EngineRect output = {static_cast<uint32_t>(screen.x), static_cast<uint32_t>(screen.y),
                          static_cast<uint32_t>(screen.width),
@@ -571,7 +572,7 @@ VelkaStatus Playback::display(const MediaPlayer::OutputScreen& screen) {
 
 int Playback::duration() {
     int total = totalTime_;
-    printf("playback duration %d\n", total);
+    logPrint("playback duration %d\n", total);
     return total;
 }
 
@@ -591,11 +592,11 @@ void Playback::getEvent(MediaPlayer::Event& event) {
     }
     if (openedPending_.exchange(false)) {
         event.id = MediaPlayer::kEventNone;
-        printf("play back opened !\n");
+        logPrint("play back opened !\n");
         return;
     }
     if (eosPending_.exchange(false)) {
-        printf("play back eos !\n");
+        logPrint("play back eos !\n");
         event.id = MediaPlayer::kEventEndOfStream;
         event.param = 0;
         return;
@@ -603,7 +604,7 @@ void Playback::getEvent(MediaPlayer::Event& event) {
     {
         std::lock_guard<std::mutex> lock(tempFileLock_);
         File* file = tempFile_;
-        printf("------ %d %p!!!!!!\n", opening_ ? 1 : 0, static_cast<void*>(file));
+        logPrint("------ %d %p!!!!!!\n", opening_ ? 1 : 0, static_cast<void*>(file));
         if ((opening_ || seeking_) && file != nullptr) {
             event.id = MediaPlayer::kEventBuffering;
             event.param = file->cachePercent();

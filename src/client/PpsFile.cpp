@@ -14,6 +14,7 @@
 #include "velka/Assert.h"
 #include "velka/Semaphore.h"
 #include "velka/Thread.h"
+#include "LogLine.h"
 
 namespace velka {
 
@@ -146,14 +147,14 @@ static_assert(sizeof kEventRows / sizeof kEventRows[0] == 31, "event types 0 to 
 int ems_event_handler(int taskIndex, ems_event event) {
     const int type = event.type;
     if (type < 0 || type >= kEventTypes) {
-        puts("[ems_callback]: unknown event.");
+        logPuts("[ems_callback]: unknown event.");
         return 0;
     }
     const EventRow& row = kEventRows[type];
     if (row.percentSuffix != nullptr) {
-        printf("[ems_callback]: %s%d%%%s\n", row.text, event.param, row.percentSuffix);
+        logPrint("[ems_callback]: %s%d%%%s\n", row.text, event.param, row.percentSuffix);
     } else {
-        printf("[ems_callback]: %s\n", row.text);
+        logPrint("[ems_callback]: %s\n", row.text);
     }
     // An event of no particular task changes nothing.
     if (taskIndex < 0) return 0;
@@ -285,7 +286,7 @@ VelkaStatus PpsTaskThread::serve(PpsAsyncRequest* request, uint32_t* count) {
     const int taskIndex = file->taskIndex_;
     int64_t hint = kReadHint;
     const int ret = ems_readdata(taskIndex, request->buffer, request->length, file->position_, &hint);
-    printf("task index %d data %p leng %d ret %d\n", taskIndex,
+    logPrint("task index %d data %p leng %d ret %d\n", taskIndex,
            static_cast<void*>(request->buffer), static_cast<int>(request->length), ret);
     if (ret < 0) return kStatusError;
     // 0: that part has not arrived yet; the caller asks again later.
@@ -303,12 +304,12 @@ int PpsFile::open() {
     PpsTaskThread::instance();
     const int taskIndex = ems_add_task(url_.c_str(), 0, 0);
     if (taskIndex < 0) {
-        puts("------Add task failed!");
+        logPuts("------Add task failed!");
         return -1;
     }
-    printf("open task index %d\n", taskIndex);
+    logPrint("open task index %d\n", taskIndex);
     if (ems_start_task(taskIndex, 0) < 0) {
-        printf("------Can not start task %d!\n", taskIndex);
+        logPrint("------Can not start task %d!\n", taskIndex);
         // A task that did not start is not left behind.
         ems_stop_task(taskIndex);
         ems_del_task(taskIndex);
@@ -321,14 +322,14 @@ int PpsFile::open() {
     if (ems_get_task_status(taskIndex, &status) == 0) {
         length_ = status.total_length;
     } else {
-        puts("------Can not get task info!");
+        logPuts("------Can not get task info!");
     }
-    printf("file length %lld\n", static_cast<long long>(length_));
+    logPrint("file length %lld\n", static_cast<long long>(length_));
     return 0;
 }
 
 int PpsFile::close() {
-    printf("close task index %d\n", taskIndex_.load());
+    logPrint("close task index %d\n", taskIndex_.load());
     Mutex::Autolock lock(mutex_);
     const int taskIndex = taskIndex_;
     if (taskIndex != -1) {

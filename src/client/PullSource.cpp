@@ -8,6 +8,7 @@
 
 #include "velka/Assert.h"
 #include "velka/FileFactory.h"
+#include "LogLine.h"
 
 namespace velka {
 
@@ -36,14 +37,14 @@ void PlaybackCallback::handOff(void* request) {
 void PlaybackCallback::complete(VelkaStatus status, uint32_t length) {
     // Deliver only once pb_read_async has stored this request's handle.
     handedOff_.wait();
-    printf("complete condition %d len %d\n", static_cast<int>(status), static_cast<int>(length));
+    logPrint("complete condition %d len %d\n", static_cast<int>(status), static_cast<int>(length));
     void* request = request_;
     switch (status) {
         case kStatusOk:
             done_(IMTK_PB_PULL_READ_DONE, tag_, request, length);
             break;
         case kStatusEndOfFile:
-            printf("file end len %d\n", static_cast<int>(length));
+            logPrint("file end len %d\n", static_cast<int>(length));
             done_(IMTK_PB_PULL_READ_DONE, tag_, request, length);
             break;
         case kStatusCancelled:
@@ -53,7 +54,7 @@ void PlaybackCallback::complete(VelkaStatus status, uint32_t length) {
             done_(IMTK_PB_PULL_READ_FAILED, tag_, request, 0);
             break;
     }
-    printf("task complete %p length %d\n", static_cast<void*>(this), static_cast<int>(length));
+    logPrint("task complete %p length %d\n", static_cast<void*>(this), static_cast<int>(length));
     delete this;
 }
 
@@ -62,7 +63,7 @@ IMTK_PB_CB_ERROR_CODE_T pb_open(IMTK_PB_HANDLE_T hHandle, IMTK_PULL_HANDLE_T* ph
     (void)hHandle;
     VELKA_ASSERT(phPullSrc != NULL && pvAppTag != NULL);
     if (tempFile_ != nullptr) {
-        printf("using tmp file\n");
+        logPrint("using tmp file\n");
         // A non-null placeholder; the callbacks use the tmp file.
         *phPullSrc = reinterpret_cast<IMTK_PULL_HANDLE_T>(phPullSrc);
         return IMTK_PB_CB_ERROR_CODE_OK;
@@ -71,21 +72,21 @@ IMTK_PB_CB_ERROR_CODE_T pb_open(IMTK_PB_HANDLE_T hHandle, IMTK_PULL_HANDLE_T* ph
     // keeps its own copy.
     File* file = FileFactory::createFile(*static_cast<const std::string*>(pvAppTag));
     if (file->open() != 0) {
-        printf("pb_open open fail\n");
+        logPrint("pb_open open fail\n");
         delete file;
         return IMTK_PB_CB_ERROR_CODE_NOT_OK;
     }
-    printf("pb_open success \n");
+    logPrint("pb_open success \n");
     *phPullSrc = reinterpret_cast<IMTK_PULL_HANDLE_T>(file);
     return IMTK_PB_CB_ERROR_CODE_OK;
 }
 
 IMTK_PB_CB_ERROR_CODE_T pb_close(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag) {
-    printf("pb_close %p %p\n", reinterpret_cast<void*>(hPullSrc), pvAppTag);
+    logPrint("pb_close %p %p\n", reinterpret_cast<void*>(hPullSrc), pvAppTag);
     currentTime_ = -1;
     if (tempFile_ != nullptr) {
         // Playback::close closes the tmp file.
-        printf("using tmp file close\n");
+        logPrint("using tmp file close\n");
         return IMTK_PB_CB_ERROR_CODE_OK;
     }
     File* file = reinterpret_cast<File*>(hPullSrc);
@@ -96,14 +97,14 @@ IMTK_PB_CB_ERROR_CODE_T pb_close(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag) {
 
 IMTK_PB_CB_ERROR_CODE_T pb_read(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag, uint8_t* pu1DstBuf,
                                 uint32_t u4Count, uint32_t* pu4Read) {
-    printf("pb_read %p %p\n", reinterpret_cast<void*>(hPullSrc), pvAppTag);
+    logPrint("pb_read %p %p\n", reinterpret_cast<void*>(hPullSrc), pvAppTag);
     int n = sourceOf(hPullSrc)->read(reinterpret_cast<char*>(pu1DstBuf), u4Count);
     // Show only bytes that were asked for and read; zeros in place of the rest.
     uint32_t filled = n > 0 ? static_cast<uint32_t>(n) : 0;
     if (filled > u4Count) filled = u4Count;
     unsigned int shown[kShownBytes] = {0, 0, 0, 0};
     for (uint32_t i = 0; i < kShownBytes && i < filled; ++i) shown[i] = pu1DstBuf[i];
-    printf("file dest %p readed %d count %d data %x%x%x%x \n", static_cast<void*>(pu1DstBuf), n,
+    logPrint("file dest %p readed %d count %d data %x%x%x%x \n", static_cast<void*>(pu1DstBuf), n,
            static_cast<int>(u4Count), shown[0], shown[1], shown[2], shown[3]);
     if (n < 0) {
         *pu4Read = 0;
@@ -118,16 +119,16 @@ IMTK_PB_CB_ERROR_CODE_T pb_read_async(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTa
                                       uint8_t* pu1DstBuf, uint32_t u4Count,
                                       IMtkPb_Ctrl_PullReadAsyncNfy pfnNfy, void* pvNfyTag,
                                       IMTK_PULL_REQ_HANDLE_T* phReq) {
-    printf("pb_read asyc %d %p\n", static_cast<int>(hPullSrc), pvAppTag);
+    logPrint("pb_read asyc %d %p\n", static_cast<int>(hPullSrc), pvAppTag);
     PlaybackCallback* callback = new PlaybackCallback(pfnNfy, pvNfyTag);
-    printf("create playback read async task\n");
+    logPrint("create playback read async task\n");
     void* request =
         sourceOf(hPullSrc)->readAsync(reinterpret_cast<char*>(pu1DstBuf), u4Count, *callback);
-    printf("file readAsync dest %p task %p len %d req %p\n", static_cast<void*>(pu1DstBuf),
+    logPrint("file readAsync dest %p task %p len %d req %p\n", static_cast<void*>(pu1DstBuf),
            static_cast<void*>(callback), static_cast<int>(u4Count), request);
     if (request == nullptr) {
         // A refused read never completes.
-        printf("file readAsync fail\n");
+        logPrint("file readAsync fail\n");
         delete callback;
         return IMTK_PB_CB_ERROR_CODE_NOT_OK;
     }
@@ -139,7 +140,7 @@ IMTK_PB_CB_ERROR_CODE_T pb_read_async(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTa
 
 IMTK_PB_CB_ERROR_CODE_T pb_abort(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag,
                                  IMTK_PULL_REQ_HANDLE_T hReq) {
-    printf("pb_abort %d %p\n", static_cast<int>(hPullSrc), pvAppTag);
+    logPrint("pb_abort %d %p\n", static_cast<int>(hPullSrc), pvAppTag);
     // The read still completes once, cancelled.
     return sourceOf(hPullSrc)->cancel(hReq) == 0 ? IMTK_PB_CB_ERROR_CODE_OK
                                                  : IMTK_PB_CB_ERROR_CODE_NOT_OK;
@@ -147,7 +148,7 @@ IMTK_PB_CB_ERROR_CODE_T pb_abort(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag,
 
 IMTK_PB_CB_ERROR_CODE_T pb_seek(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag, int64_t i8Offset,
                                 uint8_t u1Origin, uint64_t* pu8CurPos) {
-    printf("pb_seek %d %p\n", static_cast<int>(hPullSrc), pvAppTag);
+    logPrint("pb_seek %d %p\n", static_cast<int>(hPullSrc), pvAppTag);
     File::Whence whence = File::kSeekSet;
     switch (u1Origin) {
         case IMTK_PB_PULL_SEEK_SET:
@@ -164,7 +165,7 @@ IMTK_PB_CB_ERROR_CODE_T pb_seek(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag, int
             VELKA_ASSERT(0);
     }
     int64_t position = sourceOf(hPullSrc)->seek(i8Offset, whence);
-    printf("pb_seek pos %lld from %d off %lld\n", static_cast<long long>(position),
+    logPrint("pb_seek pos %lld from %d off %lld\n", static_cast<long long>(position),
            static_cast<int>(whence), static_cast<long long>(i8Offset));
     // A source refuses a seek it cannot serve (one from the end of a stream
     // of unknown length) with -1; no source gives another negative position.
@@ -178,14 +179,14 @@ IMTK_PB_CB_ERROR_CODE_T pb_seek(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag, int
 
 IMTK_PB_CB_ERROR_CODE_T pb_available(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag,
                                      uint64_t* pu8Avail) {
-    printf("pb_available %d %p\n", static_cast<int>(hPullSrc), pvAppTag);
+    logPrint("pb_available %d %p\n", static_cast<int>(hPullSrc), pvAppTag);
     int64_t available = sourceOf(hPullSrc)->available();
     if (available < 0) {
         *pu8Avail = 0;
         return IMTK_PB_CB_ERROR_CODE_NOT_OK;
     }
     *pu8Avail = static_cast<uint64_t>(available);
-    printf("pb_available %lld\n", static_cast<long long>(available));
+    logPrint("pb_available %lld\n", static_cast<long long>(available));
     return IMTK_PB_CB_ERROR_CODE_OK;
 }
 

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "velka/Assert.h"
+#include "LogLine.h"
 
 namespace velka {
 
@@ -18,7 +19,7 @@ RingBuffer::RingBuffer(char* buffer, unsigned int size)
 
 RingBuffer::~RingBuffer() {
     if (ownsBuffer_) {
-        puts("Ring buffer free");
+        logPuts("Ring buffer free");
         free(buffer_);
     }
 }
@@ -27,7 +28,7 @@ bool RingBuffer::allocate(unsigned int size) {
     VELKA_ASSERT((size & (size-1)) == 0);
     buffer_ = static_cast<char*>(malloc(size));
     if (buffer_ == nullptr) return false;
-    printf("Ring buffer allocate %d\n", static_cast<int>(size));
+    logPrint("Ring buffer allocate %d\n", static_cast<int>(size));
     size_ = size;
     ownsBuffer_ = true;
     return true;

@@ -6,6 +6,7 @@
 
 #include "Posix.h"
 #include "velka/Assert.h"
+#include "LogLine.h"
 
 namespace velka {
 
@@ -23,7 +24,7 @@ void Semaphore::wait() {
     pthread_mutex_lock(&mutex_);
     while (count_ == 0) {
         if (pthread_cond_wait(&cond_, &mutex_) != 0) {
-            puts("Wait fail");
+            logPuts("Wait fail");
             VELKA_ASSERT(0);
         }
     }
@@ -55,7 +56,7 @@ bool Semaphore::timedWait(unsigned int ms) {
         }
         if (ret != 0) {
             pthread_mutex_unlock(&mutex_);
-            puts("timedWait fail");
+            logPuts("timedWait fail");
             VELKA_ASSERT(0);
         }
     }
@@ -66,7 +67,7 @@ void Semaphore::post() {
     ++count_;
     if (pthread_cond_signal(&cond_) != 0) {
         pthread_mutex_unlock(&mutex_);
-        puts("post fail");
+        logPuts("post fail");
         VELKA_ASSERT(0);
     }
     pthread_mutex_unlock(&mutex_);

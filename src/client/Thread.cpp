@@ -10,6 +10,7 @@
 
 #include "Posix.h"
 #include "velka/Assert.h"
+#include "LogLine.h"
 
 namespace velka {
 
@@ -87,9 +88,9 @@ void Thread::localstart() {
     try {
         runnable_.run();
     } catch (const std::exception& e) {
-        printf("exception in create thread %s n message: %s\n", name_.c_str(), e.what());
+        logPrint("exception in create thread %s n message: %s\n", name_.c_str(), e.what());
     } catch (...) {
-        printf("unknown exception in create thread %s\n", name_.c_str());
+        logPrint("unknown exception in create thread %s\n", name_.c_str());
     }
 
     // Once FINISHED is published the owner may join and destroy a joinable

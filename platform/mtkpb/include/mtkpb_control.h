@@ -44,7 +44,8 @@ void clearResult(Op op);
 
 // Playback speed: 1 = real time, N = N times faster, 0 = as fast as the data
 // comes. The start value is taken from the environment variable MTKPB_SPEED
-// (1 when it is unset or not a number); reset() takes it again.
+// (1 when it is unset or not a number) when the speed is first needed: the
+// first playback, or the first call of speed(). reset() takes it again.
 void setSpeed(uint32_t factor);
 uint32_t speed();
 

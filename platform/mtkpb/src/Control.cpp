@@ -20,6 +20,8 @@ struct ControlState {
     std::atomic<bool> isForced[kOpCount] = {};
     std::atomic<int32_t> forcedResult[kOpCount] = {};
     std::atomic<uint64_t> calls[kOpCount] = {};
+    std::mutex speedMutex;  // serialises the first read of MTKPB_SPEED with setSpeed and reset
+    std::atomic<bool> speedTaken{false};  // speed holds a value (the environment's or a set one)
     std::atomic<uint32_t> speed{1};
     Stats stats;
 
@@ -49,11 +51,7 @@ uint32_t speedFromEnvironment() {
 // Built once and never destroyed: engine threads may still count things while
 // the process exits.
 ControlState& state() {
-    static ControlState* s = [] {
-        ControlState* created = new ControlState;
-        created->speed = speedFromEnvironment();
-        return created;
-    }();
+    static ControlState* s = new ControlState;
     return *s;
 }
 
@@ -123,11 +121,28 @@ void clearResult(Op op) {
 }
 
 void setSpeed(uint32_t factor) {
-    state().speed = factor;
+    detail::ControlState& s = state();
+    {
+        std::lock_guard<std::mutex> lock(s.speedMutex);
+        s.speed = factor;
+        s.speedTaken = true;
+    }
     detail::changed();
 }
 
-uint32_t speed() { return state().speed; }
+// The environment is read when the speed is first needed, not when the engine
+// is loaded: a program may set MTKPB_SPEED in main(), before it plays.
+uint32_t speed() {
+    detail::ControlState& s = state();
+    if (!s.speedTaken) {
+        std::lock_guard<std::mutex> lock(s.speedMutex);
+        if (!s.speedTaken) {
+            s.speed = detail::speedFromEnvironment();
+            s.speedTaken = true;
+        }
+    }
+    return s.speed;
+}
 
 Counters counters() {
     detail::ControlState& s = state();
@@ -205,7 +220,11 @@ void reset() {
         s.isForced[i] = false;
         s.calls[i] = 0;
     }
-    s.speed = detail::speedFromEnvironment();
+    {
+        std::lock_guard<std::mutex> lock(s.speedMutex);
+        s.speed = detail::speedFromEnvironment();
+        s.speedTaken = true;
+    }
     detail::Stats& st = s.stats;
     st.readsIssued = 0;
     st.readsRefused = 0;

@@ -1,0 +1,27 @@
+// velka-play's command line.
+#ifndef VELKA_TOOLS_PLAYOPTIONS_H
+#define VELKA_TOOLS_PLAYOPTIONS_H
+
+#include <cstdint>
+
+namespace velka {
+namespace tools {
+
+struct PlayOptions {
+    const char* url = nullptr;
+    int32_t startMs = 0;
+    const char* speed = nullptr;    // decimal digits, or null
+    const char* logPath = nullptr;  // null: the library's lines are dropped
+    bool quiet = false;
+    bool help = false;
+    bool version = false;
+    const char* error = nullptr;  // bad usage: what is wrong, null when all is well
+    const char* errorArg = nullptr;
+};
+
+PlayOptions parsePlayOptions(int argc, char** argv);
+
+}  // namespace tools
+}  // namespace velka
+
+#endif  // VELKA_TOOLS_PLAYOPTIONS_H
