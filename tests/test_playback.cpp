@@ -286,9 +286,9 @@ public:
         return static_cast<int>(n);
     }
 
-    void* readAsync(char*, uint32_t, AsyncCallback& callback) override {
+    void* readAsync(char* buffer, uint32_t count, AsyncCallback& callback) override {
         if (asyncMode == AsyncMode::kRefuse) return nullptr;
-        pending_.push_back(&callback);
+        pending_.push_back({&callback, buffer, count});
         ++issued_;
         if (asyncMode == AsyncMode::kCompleteFirst) {
             completeHeld(velka::kStatusOk, 40);
@@ -304,22 +304,32 @@ public:
         return handle();
     }
 
-    // Completes the newest held request on a thread of its own, as a source would.
+    // Completes the newest held request on a thread of its own, as a source
+    // would: its buffer gets `length` bytes of kFill first (at most as many
+    // as asked for).
     void completeHeld(VelkaStatus status, uint32_t length) {
-        AsyncCallback* cb = pending_.back();
+        Pending p = pending_.back();
         pending_.pop_back();
-        threads_.emplace_back([this, cb, status, length] {
+        threads_.emplace_back([this, p, status, length] {
             count(&started_);
-            cb->complete(status, length);
+            std::memset(p.buffer, kFill, std::min(length, p.count));
+            p.callback->complete(status, length);
             count(&done_);
         });
+    }
+
+    // Waits until `n` completions made by completeHeld() have returned.
+    bool waitForCompletions(size_t n) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::milliseconds(kEventWaitMs),
+                                 [&] { return done_ >= n; });
     }
 
     int cancel(void* request) override {
         lastCancel = request;
         if (cancelResult != 0) return -1;
         // Cancelled: it still completes once, here before cancel returns.
-        AsyncCallback* cb = pending_.back();
+        AsyncCallback* cb = pending_.back().callback;
         pending_.pop_back();
         cb->complete(velka::kStatusCancelled, 0);
         return 0;
@@ -349,8 +359,15 @@ public:
     int64_t availableResult = 0;
     int64_t lastOffset = 0;
     Whence lastWhence = kSeekSet;
+    static constexpr uint8_t kFill = 0x5a;  // what a completing source writes
 
 private:
+    struct Pending {
+        AsyncCallback* callback;
+        char* buffer;
+        uint32_t count;
+    };
+
     void count(size_t* counter) {
         std::lock_guard<std::mutex> lock(mutex_);
         ++*counter;
@@ -358,7 +375,7 @@ private:
     }
 
     static constexpr size_t kTokens = 8;
-    std::vector<AsyncCallback*> pending_;  // accepted and not completed, oldest first
+    std::vector<Pending> pending_;  // accepted and not completed, oldest first
     int tokens_[kTokens] = {};             // their addresses are the request handles, in turn
     size_t issued_ = 0;
     std::vector<std::thread> threads_;  // on the test's thread only
@@ -404,6 +421,12 @@ protected:
         return completions_.back();
     }
 
+    // Bytes of the engine's buffer that a source wrote.
+    size_t filled() const {
+        return static_cast<size_t>(std::count(buffer_, buffer_ + sizeof buffer_,
+                                              ScriptedFile::kFill));
+    }
+
     std::mutex mutex_;  // guards completions_
     std::condition_variable changed_;
     std::vector<Completion> completions_;
@@ -441,16 +464,23 @@ TEST_F(PullSourceTest, EachCompletionStatusReachesTheEngineOnce) {
     size_t count = 0;
     for (const Row& row : rows) {
         SCOPED_TRACE(::testing::Message() << row.status << " " << row.length);
+        std::memset(buffer_, 0, sizeof buffer_);
         ASSERT_EQ(0, readAsync());
         EXPECT_EQ(file_.handle(), request_);
         file_.completeHeld(row.status, row.length);
         const Completion got = completion(++count);
         EXPECT_EQ(row.result, got.result);
         EXPECT_EQ(row.engineLength, got.length);
+        // The engine's buffer holds what was delivered, and only that.
+        EXPECT_EQ(row.engineLength, filled());
     }
 }
 
-TEST_F(PullSourceTest, AbortGivesTheEngineOneAndZeroBytesOrFailsWhenTooLate) {
+// A source that is not a local file may hold a read it can no longer cancel
+// (a network read in service) for as long as the network stalls: the abort
+// still completes it toward the engine at once, and the source's late
+// completion neither reaches the engine nor writes into its buffer.
+TEST_F(PullSourceTest, AbortGivesTheEngineOneAndZeroBytesAtOnceAlsoWhenTheSourceCannotCancel) {
     ASSERT_EQ(0, readAsync());
     EXPECT_EQ(0, velka::pb_abort(file_.pullHandle(), kTag, request_));
     EXPECT_EQ(file_.handle(), file_.lastCancel);
@@ -460,11 +490,16 @@ TEST_F(PullSourceTest, AbortGivesTheEngineOneAndZeroBytesOrFailsWhenTooLate) {
 
     ASSERT_EQ(0, readAsync());
     file_.cancelResult = -1;
-    EXPECT_EQ(-1, velka::pb_abort(file_.pullHandle(), kTag, request_));
-    file_.completeHeld(velka::kStatusOk, 32);
+    EXPECT_EQ(0, velka::pb_abort(file_.pullHandle(), kTag, request_));
+    EXPECT_EQ(file_.handle(), file_.lastCancel);
     got = completion(2);
-    EXPECT_EQ(IMTK_PB_PULL_READ_DONE, got.result);
-    EXPECT_EQ(32u, got.length);
+    EXPECT_EQ(IMTK_PB_PULL_READ_CANCELLED, got.result);
+    EXPECT_EQ(0u, got.length);
+    file_.completeHeld(velka::kStatusOk, 32);
+    ASSERT_TRUE(file_.waitForCompletions(1));
+    std::lock_guard<std::mutex> lock(mutex_);
+    EXPECT_EQ(2u, completions_.size());
+    EXPECT_EQ(0u, filled());
 }
 
 TEST_F(PullSourceTest, RefusedReadFailsAndNeverCompletes) {

@@ -26,6 +26,7 @@ extern "C" {
 #include <vector>
 
 #include "PlayerFixture.h"
+#include "bctidta_control.h"
 #include "support/FaultServer.h"
 #include "support/NginxServer.h"
 #include "velka/MediaPlayer.h"
@@ -523,6 +524,70 @@ TEST_F(PlayerTest, CommandsOnTwoPlayersFromSeveralThreadsNeitherDeadlockNorRace)
     ASSERT_TRUE(log_.waitForTransitions(3));
     player_->close();
     expectTransitions({kOpening, kOpened, kPlaying, kClosed});
+}
+
+// ---------------------------------------------------------------------------
+// The download engine holds a read for as long as the network stalls; the
+// playback engine's stop aborts it and waits for its completion. Stop, close
+// and the destructor still return promptly: the abort completes the read
+// toward the engine at once, and the held read, once let go, lands in a
+// buffer of the library's own (a write into the engine's buffer, freed by
+// then, shows under AddressSanitizer). The bound is far above a prompt answer
+// and far below the engine's own read deadline. Each round's playback also
+// shows that the previous round's held read has left the engine's worker.
+
+TEST_F(PlayerTest, StopCloseAndDestructorDoNotWaitForAStalledDownloadRead) {
+    enum class Ending { kClose, kDestructor, kStopThenPlayAgain };
+    const std::pair<const char*, Ending> rounds[] = {
+        {"close", Ending::kClose},
+        {"destructor", Ending::kDestructor},
+        {"stop", Ending::kStopThenPlayAgain},
+    };
+    // Fast enough that the engine soon wants its next read; the 600 s clip
+    // still outlasts the test.
+    mtkpb::control::setSpeed(20);
+    const std::string url = "dta-test://" + media().longClip;
+    auto timeUpdate = [](const Events& all) {
+        for (const Event& e : all) {
+            if (e.id == MediaPlayer::kEventTimeUpdate) return true;
+        }
+        return false;
+    };
+    for (const auto& round : rounds) {
+        SCOPED_TRACE(round.first);
+        if (!player_) {
+            player_.reset(new MediaPlayer);
+            player_->addListener(log_);
+        }
+        log_.clear();
+        ASSERT_EQ(kStatusOk, player_->open(url));
+        ASSERT_EQ(kStatusOk, player_->play(0));
+        ASSERT_TRUE(log_.waitFor(timeUpdate));
+        bctidta::control::holdReads();
+        ASSERT_TRUE(bctidta::control::waitForHeldReads(1, testing_support::kWaitMs));
+
+        std::future<VelkaStatus> ended = std::async(std::launch::async, [&]() -> VelkaStatus {
+            switch (round.second) {
+                case Ending::kClose: player_->close(); return kStatusOk;
+                case Ending::kDestructor: player_.reset(); return kStatusOk;
+                case Ending::kStopThenPlayAgain: return player_->stop();
+            }
+            return kStatusError;
+        });
+        const bool prompt = ended.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+        bctidta::control::releaseReads();
+        EXPECT_TRUE(prompt) << "waited for the held read";
+        EXPECT_EQ(kStatusOk, ended.get());
+        if (round.second == Ending::kStopThenPlayAgain) {
+            log_.clear();
+            ASSERT_EQ(kStatusOk, player_->play(0));
+            EXPECT_TRUE(log_.waitFor(timeUpdate));
+            player_->close();
+        }
+    }
+    // The engine never had a read completed twice, nor one left outstanding.
+    EXPECT_EQ(0u, mtkpb::control::counters().protocolErrors);
+    EXPECT_EQ(0u, mtkpb::control::readsOutstanding());
 }
 
 // ---------------------------------------------------------------------------

@@ -2,12 +2,18 @@
 
 #include "PullSource.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdio>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <new>
 #include <string>
 
 #include "velka/Assert.h"
 #include "velka/FileFactory.h"
+#include "velka/LocalFile.h"
 
 namespace velka {
 
@@ -22,14 +28,66 @@ File* sourceOf(IMTK_PULL_HANDLE_T hPullSrc) {
 // How many leading bytes of a read buffer the read line shows.
 const uint32_t kShownBytes = 4;
 
+// Bounced reads whose completion the engine has not had yet, by request
+// handle. A read leaves when its completion is claimed, by complete() or by
+// abandon(), whichever comes first; only the claimer calls the engine. While
+// a read is listed its source has not freed its request record, so no two
+// listed reads share a handle. Built once and never destroyed: a source may
+// complete a late read while the process exits.
+struct OwedReads {
+    std::mutex mutex;  // guards reads
+    std::map<void*, PlaybackCallback*> reads;
+};
+
+OwedReads& owedReads() {
+    static OwedReads* const owed = new OwedReads;
+    return *owed;
+}
+
 }  // namespace
 
 PlaybackCallback::PlaybackCallback(IMtkPb_Ctrl_PullReadAsyncNfy done, void* tag)
-    : request_(nullptr), handedOff_(0), done_(done), tag_(tag) {}
+    : request_(nullptr),
+      handedOff_(0),
+      done_(done),
+      tag_(tag),
+      engineBuffer_(nullptr),
+      count_(0) {}
+
+char* PlaybackCallback::bounce(uint8_t* engineBuffer, uint32_t count) {
+    bounce_.reset(new (std::nothrow) char[count]);
+    engineBuffer_ = engineBuffer;
+    count_ = count;
+    return bounce_.get();
+}
 
 void PlaybackCallback::handOff(void* request) {
     request_ = request;
+    if (bounce_) {
+        OwedReads& owed = owedReads();
+        std::lock_guard<std::mutex> lock(owed.mutex);
+        owed.reads[request] = this;
+    }
     handedOff_.post();
+}
+
+// On an engine thread, inside pb_abort. The callback itself stays for the
+// source's late completion, which frees it with its bounce buffer.
+bool PlaybackCallback::abandon(void* request) {
+    IMtkPb_Ctrl_PullReadAsyncNfy done;
+    void* tag;
+    {
+        OwedReads& owed = owedReads();
+        std::lock_guard<std::mutex> lock(owed.mutex);
+        auto it = owed.reads.find(request);
+        if (it == owed.reads.end()) return false;
+        // Once unlisted, the callback may be gone at any moment.
+        done = it->second->done_;
+        tag = it->second->tag_;
+        owed.reads.erase(it);
+    }
+    done(IMTK_PB_PULL_READ_CANCELLED, tag, request, 0);
+    return true;
 }
 
 // On the source's completion thread, possibly before readAsync has returned.
@@ -38,6 +96,26 @@ void PlaybackCallback::complete(VelkaStatus status, uint32_t length) {
     handedOff_.wait();
     printf("complete condition %d len %d\n", static_cast<int>(status), static_cast<int>(length));
     void* request = request_;
+    if (bounce_) {
+        bool claimed = false;
+        {
+            OwedReads& owed = owedReads();
+            std::lock_guard<std::mutex> lock(owed.mutex);
+            auto it = owed.reads.find(request);
+            if (it != owed.reads.end() && it->second == this) {
+                owed.reads.erase(it);
+                claimed = true;
+            }
+        }
+        if (!claimed) {
+            // The engine had this read completed, cancelled, at its abort.
+            delete this;
+            return;
+        }
+        if (status == kStatusOk || status == kStatusEndOfFile) {
+            std::memcpy(engineBuffer_, bounce_.get(), std::min(length, count_));
+        }
+    }
     switch (status) {
         case kStatusOk:
             done_(IMTK_PB_PULL_READ_DONE, tag_, request, length);
@@ -119,10 +197,21 @@ IMTK_PB_CB_ERROR_CODE_T pb_read_async(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTa
                                       IMtkPb_Ctrl_PullReadAsyncNfy pfnNfy, void* pvNfyTag,
                                       IMTK_PULL_REQ_HANDLE_T* phReq) {
     printf("pb_read asyc %d %p\n", static_cast<int>(hPullSrc), pvAppTag);
+    File* source = sourceOf(hPullSrc);
     PlaybackCallback* callback = new PlaybackCallback(pfnNfy, pvNfyTag);
     printf("create playback read async task\n");
-    void* request =
-        sourceOf(hPullSrc)->readAsync(reinterpret_cast<char*>(pu1DstBuf), u4Count, *callback);
+    char* destination = reinterpret_cast<char*>(pu1DstBuf);
+    // Every source but a local file may hold a read past the engine's abort
+    // (see PlaybackCallback): a copy per read is cheap next to network rates.
+    if (dynamic_cast<LocalFile*>(source) == nullptr) {
+        destination = callback->bounce(pu1DstBuf, u4Count);
+        if (destination == nullptr) {
+            printf("file readAsync fail\n");
+            delete callback;
+            return IMTK_PB_CB_ERROR_CODE_NOT_OK;
+        }
+    }
+    void* request = source->readAsync(destination, u4Count, *callback);
     printf("file readAsync dest %p task %p len %d req %p\n", static_cast<void*>(pu1DstBuf),
            static_cast<void*>(callback), static_cast<int>(u4Count), request);
     if (request == nullptr) {
@@ -141,8 +230,11 @@ IMTK_PB_CB_ERROR_CODE_T pb_abort(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag,
                                  IMTK_PULL_REQ_HANDLE_T hReq) {
     printf("pb_abort %d %p\n", static_cast<int>(hPullSrc), pvAppTag);
     // The read still completes once, cancelled.
-    return sourceOf(hPullSrc)->cancel(hReq) == 0 ? IMTK_PB_CB_ERROR_CODE_OK
-                                                 : IMTK_PB_CB_ERROR_CODE_NOT_OK;
+    if (sourceOf(hPullSrc)->cancel(hReq) == 0) return IMTK_PB_CB_ERROR_CODE_OK;
+    // In service: a bounced read completes toward the engine now, however
+    // long its source still holds it; any other completes on its own.
+    return PlaybackCallback::abandon(hReq) ? IMTK_PB_CB_ERROR_CODE_OK
+                                           : IMTK_PB_CB_ERROR_CODE_NOT_OK;
 }
 
 IMTK_PB_CB_ERROR_CODE_T pb_seek(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag, int64_t i8Offset,
