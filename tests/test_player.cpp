@@ -29,7 +29,9 @@ extern "C" {
 #include "bctidta_control.h"
 #include "support/FaultServer.h"
 #include "support/NginxServer.h"
+#include "velka/HttpFile.h"
 #include "velka/MediaPlayer.h"
+#include "velka/PpsFile.h"
 
 namespace {
 
@@ -591,16 +593,34 @@ TEST_F(PlayerTest, StopCloseAndDestructorDoNotWaitForAStalledDownloadRead) {
 }
 
 // ---------------------------------------------------------------------------
-// A host that returns from main (here: exit) while a network medium plays
-// through the download engine, its player never destroyed: at unload
-// Playback stops and closes the medium through the engine's worker, which
-// must still be there. A hang at exit ends the child by its alarm.
+// A host that returns from main (here: exit) while a network medium is in
+// use, nothing destroyed: the source workers are torn down after Playback's
+// shut-down (a player's medium is still stopped and closed through its
+// worker) and refuse reads from then on. A hang at exit ends the child by its
+// alarm; under AddressSanitizer the child's exit is checked too.
 
-MediaPlayer* exitingPlayer = nullptr;  // globals: left to the process's end
+// Globals: left to the process's end.
+MediaPlayer* exitingPlayer = nullptr;
 EventLog* exitingLog = nullptr;
+testing_support::FaultServer* exitingServer = nullptr;
+velka::File* exitingFile = nullptr;
 
-void playNetworkMediumThenExit() {
-    alarm(60);
+// Reads a File on and on: each completion issues the next read, on the
+// source's worker, until the worker refuses one at its tear-down.
+struct ChainedReads : velka::File::AsyncCallback {
+    explicit ChainedReads(uint32_t size) : buffer(size) {}
+    bool next() { return exitingFile->readAsync(buffer.data(), buffer.size(), *this) != nullptr; }
+    void complete(VelkaStatus, uint32_t) override {
+        ++completions;
+        next();
+    }
+    std::vector<char> buffer;
+    std::atomic<int> completions{0};
+};
+ChainedReads* exitingReads = nullptr;
+
+// The download engine's medium, playing in a player.
+void playDownloadThenExit() {
     mtkpb::control::setSpeed(1);
     exitingLog = new EventLog;
     exitingPlayer = new MediaPlayer;
@@ -616,11 +636,59 @@ void playNetworkMediumThenExit() {
     exit(playing ? 0 : 5);
 }
 
-TEST(PlayerExitDeathTest, ProcessExitWhileANetworkMediumPlaysEndsCleanly) {
+// An HTTP medium whose server holds the response after its first 64 KiB:
+// the read in flight waits for the rest.
+void readHttpThenExit() {
+    testing_support::FaultServer::Reply held;
+    held.cutAt = 64 * 1024;
+    held.holdMs = 120000;
+    exitingServer = new testing_support::FaultServer(std::vector<char>(1024 * 1024, 'h'));
+    exitingServer->script("/held", {held});
+    std::string why;
+    if (!exitingServer->start(&why)) exit(3);
+    exitingFile = new velka::HttpFile(exitingServer->url("/held"));
+    if (exitingFile->open() != 0) exit(4);
+    exitingReads = new ChainedReads(1024 * 1024);
+    exit(exitingReads->next() ? 0 : 5);
+}
+
+// A peer-to-peer medium read on and on.
+void readPpsThenExit() {
+    exitingFile = new velka::PpsFile("pps-test://" + media().longClip);
+    if (exitingFile->open() != 0) exit(3);
+    exitingReads = new ChainedReads(64 * 1024);
+    if (!exitingReads->next()) exit(4);
+    const bool reading = testing_support::waitUntil([] { return exitingReads->completions >= 3; });
+    exit(reading ? 0 : 5);
+}
+
+struct ExitCase {
+    const char* name;
+    void (*run)();
+};
+
+void PrintTo(const ExitCase& c, std::ostream* os) { *os << c.name; }
+
+class PlayerExitDeathTest : public ::testing::TestWithParam<ExitCase> {};
+
+TEST_P(PlayerExitDeathTest, ProcessExitWhileANetworkMediumIsInUseEndsCleanly) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     ASSERT_FALSE(media().dir.empty()) << "ffmpeg could not make the test media";
-    EXPECT_EXIT(playNetworkMediumThenExit(), ::testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(
+        {
+            alarm(60);
+            GetParam().run();
+        },
+        ::testing::ExitedWithCode(0), "");
 }
+
+INSTANTIATE_TEST_SUITE_P(Workers, PlayerExitDeathTest,
+                         ::testing::Values(ExitCase{"DownloadEngine", playDownloadThenExit},
+                                           ExitCase{"Http", readHttpThenExit},
+                                           ExitCase{"PeerToPeer", readPpsThenExit}),
+                         [](const ::testing::TestParamInfo<ExitCase>& info) {
+                             return info.param.name;
+                         });
 
 // ---------------------------------------------------------------------------
 // End to end, through LocalFile or (over HTTP from nginx) the download
