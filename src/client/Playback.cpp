@@ -511,7 +511,9 @@ VelkaStatus Playback::unPause() {
 VelkaStatus Playback::stop() {
     printf("playback stop\n");
     fflush(stdout);
+    beginEngineStop();
     int ret = playbackThread_->exchange(kCmdStop, 0);
+    endEngineStop();
     if (ret != 0) {
         printf("playback stop fail %d\n", ret);
         return kStatusError;
@@ -522,7 +524,9 @@ VelkaStatus Playback::stop() {
 void Playback::close() {
     printf("playback close\n");
     fflush(stdout);
+    beginEngineStop();
     playbackThread_->exchange(kCmdClose, 0);
+    endEngineStop();
     // The engine instance is closed: no pull callback uses the tmp file any
     // more. Take it away under the lock, so that no getEvent() or
     // notification still uses it, then close and destroy it.

@@ -3,6 +3,7 @@
 #include "PullSource.h"
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -42,6 +43,84 @@ struct OwedReads {
 OwedReads& owedReads() {
     static OwedReads* const owed = new OwedReads;
     return *owed;
+}
+
+// Blocking reads of network sources and the engine stops that end them.
+// Built once and never destroyed: Playback stops the engine at unload.
+struct BlockingReads {
+    std::mutex mutex;                  // guards the members and those of every BlockingRead
+    std::condition_variable changed;   // a read completed, or a stop began
+    int stopping = 0;                  // engine stops and closes under way
+    uint64_t stops = 0;                // engine stops and closes begun so far
+};
+
+BlockingReads& blockingReads() {
+    static BlockingReads* const reads = new BlockingReads;
+    return *reads;
+}
+
+// One blocking read made asynchronous into a buffer of its own. The waiting
+// pb_read frees it, or, when a stop made it give up, the late completion.
+class BlockingRead final : public File::AsyncCallback {
+public:
+    explicit BlockingRead(uint32_t count) : buffer(new (std::nothrow) char[count]) {}
+
+    // On the source's completion thread, possibly before readAsync has returned.
+    void complete(VelkaStatus completed, uint32_t bytes) override {
+        BlockingReads& reads = blockingReads();
+        bool abandoned;
+        {
+            std::lock_guard<std::mutex> lock(reads.mutex);
+            status = completed;
+            length = bytes;
+            done = true;
+            abandoned = this->abandoned;
+        }
+        // Not abandoned: the waiting pb_read may free it from here on.
+        if (abandoned) {
+            delete this;
+        } else {
+            reads.changed.notify_all();
+        }
+    }
+
+    const std::unique_ptr<char[]> buffer;  // the source's destination
+    VelkaStatus status = kStatusError;
+    uint32_t length = 0;
+    bool done = false;       // complete() has run
+    bool abandoned = false;  // pb_read gave up on it
+};
+
+// A blocking read of a source that may hold it for as long as the network
+// stalls: bytes read, or -1, also when an engine stop began meanwhile.
+int readUnlessStopped(File* source, uint8_t* destination, uint32_t count) {
+    BlockingReads& reads = blockingReads();
+    uint64_t stops;
+    {
+        std::lock_guard<std::mutex> lock(reads.mutex);
+        if (reads.stopping != 0) return -1;
+        stops = reads.stops;
+    }
+    BlockingRead* read = new BlockingRead(count);
+    if (read->buffer == nullptr || source->readAsync(read->buffer.get(), count, *read) == nullptr) {
+        delete read;
+        return -1;
+    }
+    std::unique_lock<std::mutex> lock(reads.mutex);
+    reads.changed.wait(lock, [&] { return read->done || reads.stops != stops; });
+    if (!read->done) {
+        read->abandoned = true;  // its completion frees it
+        return -1;
+    }
+    lock.unlock();
+    int n = -1;
+    if (read->status == kStatusOk || read->status == kStatusEndOfFile) {
+        const uint32_t length = std::min(read->length, count);
+        std::memcpy(destination, read->buffer.get(), length);
+        n = static_cast<int>(length);
+    }
+    delete read;
+    return n;
 }
 
 }  // namespace
@@ -135,6 +214,22 @@ void PlaybackCallback::complete(VelkaStatus status, uint32_t length) {
     delete this;
 }
 
+void beginEngineStop() {
+    BlockingReads& reads = blockingReads();
+    {
+        std::lock_guard<std::mutex> lock(reads.mutex);
+        reads.stopping++;
+        reads.stops++;
+    }
+    reads.changed.notify_all();
+}
+
+void endEngineStop() {
+    BlockingReads& reads = blockingReads();
+    std::lock_guard<std::mutex> lock(reads.mutex);
+    reads.stopping--;
+}
+
 IMTK_PB_CB_ERROR_CODE_T pb_open(IMTK_PB_HANDLE_T hHandle, IMTK_PULL_HANDLE_T* phPullSrc,
                                 void* pvAppTag) {
     (void)hHandle;
@@ -175,7 +270,12 @@ IMTK_PB_CB_ERROR_CODE_T pb_close(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag) {
 IMTK_PB_CB_ERROR_CODE_T pb_read(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag, uint8_t* pu1DstBuf,
                                 uint32_t u4Count, uint32_t* pu4Read) {
     printf("pb_read %p %p\n", reinterpret_cast<void*>(hPullSrc), pvAppTag);
-    int n = sourceOf(hPullSrc)->read(reinterpret_cast<char*>(pu1DstBuf), u4Count);
+    File* source = sourceOf(hPullSrc);
+    // The engine cannot abort a blocking read, and waits for it when it
+    // stops: only a local file's read is sure to end on its own.
+    int n = dynamic_cast<LocalFile*>(source) != nullptr
+                ? source->read(reinterpret_cast<char*>(pu1DstBuf), u4Count)
+                : readUnlessStopped(source, pu1DstBuf, u4Count);
     // Show only bytes that were asked for and read; zeros in place of the rest.
     uint32_t filled = n > 0 ? static_cast<uint32_t>(n) : 0;
     if (filled > u4Count) filled = u4Count;

@@ -80,6 +80,13 @@ private:
     uint32_t count_;         // the byte count asked for
 };
 
+// By Playback around each engine stop and close, which wait for the engine's
+// threads: a blocking read of a network source that is waiting (pb_read)
+// gives up with -1, since the engine has no abort for it, and one that starts
+// meanwhile fails at once. Any thread.
+void beginEngineStop();
+void endEngineStop();
+
 // The pull callbacks. Each returns 0 on success and -1 on failure.
 IMTK_PB_CB_ERROR_CODE_T pb_open(IMTK_PB_HANDLE_T hHandle, IMTK_PULL_HANDLE_T* phPullSrc,
                                 void* pvAppTag);
