@@ -6,7 +6,10 @@
 // through the download engine (nginx, and the fault server for a live stream
 // of unknown length and a server that fails in the middle).
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 extern "C" {
@@ -602,7 +605,6 @@ TEST_F(PlayerTest, StopCloseAndDestructorDoNotWaitForAStalledDownloadRead) {
 // Globals: left to the process's end.
 MediaPlayer* exitingPlayer = nullptr;
 EventLog* exitingLog = nullptr;
-testing_support::FaultServer* exitingServer = nullptr;
 velka::File* exitingFile = nullptr;
 
 // Reads a File on and on: each completion issues the next read, on the
@@ -636,18 +638,33 @@ void playDownloadThenExit() {
     exit(playing ? 0 : 5);
 }
 
-// An HTTP medium whose server holds the response after its first 64 KiB:
-// the read in flight waits for the rest.
+// An HTTP medium whose server (this thread: no server thread is left behind
+// at exit) answers with the first 64 KiB of 1 MiB and then holds the
+// connection: the read in flight waits for the rest.
 void readHttpThenExit() {
-    testing_support::FaultServer::Reply held;
-    held.cutAt = 64 * 1024;
-    held.holdMs = 120000;
-    exitingServer = new testing_support::FaultServer(std::vector<char>(1024 * 1024, 'h'));
-    exitingServer->script("/held", {held});
-    std::string why;
-    if (!exitingServer->start(&why)) exit(3);
-    exitingFile = new velka::HttpFile(exitingServer->url("/held"));
-    if (exitingFile->open() != 0) exit(4);
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    if (bind(listener, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
+        listen(listener, 1) != 0 ||
+        getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+        exit(3);
+    }
+    exitingFile = new velka::HttpFile("http://127.0.0.1:" +
+                                      std::to_string(ntohs(address.sin_port)) + "/held");
+    std::atomic<bool> opened(false);
+    std::thread opener([&opened] { opened = exitingFile->open() == 0; });
+    const int connection = accept(listener, nullptr, nullptr);
+    char request[4096];
+    const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 1048576\r\n\r\n" +
+                               std::string(64 * 1024, 'h');
+    const bool answered = connection >= 0 && recv(connection, request, sizeof request, 0) > 0 &&
+                          send(connection, answer.data(), answer.size(), MSG_NOSIGNAL) ==
+                              static_cast<ssize_t>(answer.size());
+    opener.join();
+    if (!answered || !opened) exit(4);
     exitingReads = new ChainedReads(1024 * 1024);
     exit(exitingReads->next() ? 0 : 5);
 }
