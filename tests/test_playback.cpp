@@ -269,6 +269,7 @@ public:
         kHold,           // accept; the test completes it later
         kRefuse,         // return null
         kCompleteFirst,  // complete 40 bytes on another thread before readAsync returns
+        kReadAtOnce,     // complete as read() answers, before readAsync returns
     };
 
     ScriptedFile() : File("scripted://") {}
@@ -286,10 +287,22 @@ public:
         return static_cast<int>(n);
     }
 
-    void* readAsync(char*, uint32_t, AsyncCallback& callback) override {
+    void* readAsync(char* buffer, uint32_t count, AsyncCallback& callback) override {
         if (asyncMode == AsyncMode::kRefuse) return nullptr;
-        pending_.push_back(&callback);
-        ++issued_;
+        if (asyncMode == AsyncMode::kReadAtOnce) {
+            const int n = read(buffer, count);
+            callback.complete(n < 0    ? velka::kStatusError
+                              : n == 0 ? velka::kStatusEndOfFile
+                                       : velka::kStatusOk,
+                              n < 0 ? 0 : static_cast<uint32_t>(n));
+            return handle();
+        }
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            pending_.push_back({&callback, buffer, count});
+            ++issued_;
+            changed_.notify_all();
+        }
         if (asyncMode == AsyncMode::kCompleteFirst) {
             completeHeld(velka::kStatusOk, 40);
             // The completion is under way. It must not reach the engine
@@ -304,23 +317,48 @@ public:
         return handle();
     }
 
-    // Completes the newest held request on a thread of its own, as a source would.
+    // Completes the newest held request on a thread of its own, as a source
+    // would: its buffer gets `length` bytes of kFill first (at most as many
+    // as asked for).
     void completeHeld(VelkaStatus status, uint32_t length) {
-        AsyncCallback* cb = pending_.back();
-        pending_.pop_back();
-        threads_.emplace_back([this, cb, status, length] {
+        Pending p;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            p = pending_.back();
+            pending_.pop_back();
+        }
+        threads_.emplace_back([this, p, status, length] {
             count(&started_);
-            cb->complete(status, length);
+            std::memset(p.buffer, kFill, std::min(length, p.count));
+            p.callback->complete(status, length);
             count(&done_);
         });
+    }
+
+    // Waits until `n` reads are held (readAsync on another thread).
+    bool waitForPending(size_t n) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::milliseconds(kEventWaitMs),
+                                 [&] { return pending_.size() >= n; });
+    }
+
+    // Waits until `n` completions made by completeHeld() have returned.
+    bool waitForCompletions(size_t n) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::milliseconds(kEventWaitMs),
+                                 [&] { return done_ >= n; });
     }
 
     int cancel(void* request) override {
         lastCancel = request;
         if (cancelResult != 0) return -1;
         // Cancelled: it still completes once, here before cancel returns.
-        AsyncCallback* cb = pending_.back();
-        pending_.pop_back();
+        AsyncCallback* cb;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            cb = pending_.back().callback;
+            pending_.pop_back();
+        }
         cb->complete(velka::kStatusCancelled, 0);
         return 0;
     }
@@ -349,8 +387,15 @@ public:
     int64_t availableResult = 0;
     int64_t lastOffset = 0;
     Whence lastWhence = kSeekSet;
+    static constexpr uint8_t kFill = 0x5a;  // what a completing source writes
 
 private:
+    struct Pending {
+        AsyncCallback* callback;
+        char* buffer;
+        uint32_t count;
+    };
+
     void count(size_t* counter) {
         std::lock_guard<std::mutex> lock(mutex_);
         ++*counter;
@@ -358,11 +403,11 @@ private:
     }
 
     static constexpr size_t kTokens = 8;
-    std::vector<AsyncCallback*> pending_;  // accepted and not completed, oldest first
+    std::vector<Pending> pending_;  // accepted and not completed, oldest first; under mutex_
     int tokens_[kTokens] = {};             // their addresses are the request handles, in turn
     size_t issued_ = 0;
     std::vector<std::thread> threads_;  // on the test's thread only
-    std::mutex mutex_;                  // guards started_ and done_
+    std::mutex mutex_;                  // guards pending_, started_ and done_
     std::condition_variable changed_;
     size_t started_ = 0;  // completion threads that began
     size_t done_ = 0;     // completion threads whose complete() returned
@@ -404,6 +449,12 @@ protected:
         return completions_.back();
     }
 
+    // Bytes of the engine's buffer that a source wrote.
+    size_t filled() const {
+        return static_cast<size_t>(std::count(buffer_, buffer_ + sizeof buffer_,
+                                              ScriptedFile::kFill));
+    }
+
     std::mutex mutex_;  // guards completions_
     std::condition_variable changed_;
     std::vector<Completion> completions_;
@@ -441,16 +492,23 @@ TEST_F(PullSourceTest, EachCompletionStatusReachesTheEngineOnce) {
     size_t count = 0;
     for (const Row& row : rows) {
         SCOPED_TRACE(::testing::Message() << row.status << " " << row.length);
+        std::memset(buffer_, 0, sizeof buffer_);
         ASSERT_EQ(0, readAsync());
         EXPECT_EQ(file_.handle(), request_);
         file_.completeHeld(row.status, row.length);
         const Completion got = completion(++count);
         EXPECT_EQ(row.result, got.result);
         EXPECT_EQ(row.engineLength, got.length);
+        // The engine's buffer holds what was delivered, and only that.
+        EXPECT_EQ(row.engineLength, filled());
     }
 }
 
-TEST_F(PullSourceTest, AbortGivesTheEngineOneAndZeroBytesOrFailsWhenTooLate) {
+// A source that is not a local file may hold a read it can no longer cancel
+// (a network read in service) for as long as the network stalls: the abort
+// still completes it toward the engine at once, and the source's late
+// completion neither reaches the engine nor writes into its buffer.
+TEST_F(PullSourceTest, AbortGivesTheEngineOneAndZeroBytesAtOnceAlsoWhenTheSourceCannotCancel) {
     ASSERT_EQ(0, readAsync());
     EXPECT_EQ(0, velka::pb_abort(file_.pullHandle(), kTag, request_));
     EXPECT_EQ(file_.handle(), file_.lastCancel);
@@ -460,11 +518,16 @@ TEST_F(PullSourceTest, AbortGivesTheEngineOneAndZeroBytesOrFailsWhenTooLate) {
 
     ASSERT_EQ(0, readAsync());
     file_.cancelResult = -1;
-    EXPECT_EQ(-1, velka::pb_abort(file_.pullHandle(), kTag, request_));
-    file_.completeHeld(velka::kStatusOk, 32);
+    EXPECT_EQ(0, velka::pb_abort(file_.pullHandle(), kTag, request_));
+    EXPECT_EQ(file_.handle(), file_.lastCancel);
     got = completion(2);
-    EXPECT_EQ(IMTK_PB_PULL_READ_DONE, got.result);
-    EXPECT_EQ(32u, got.length);
+    EXPECT_EQ(IMTK_PB_PULL_READ_CANCELLED, got.result);
+    EXPECT_EQ(0u, got.length);
+    file_.completeHeld(velka::kStatusOk, 32);
+    ASSERT_TRUE(file_.waitForCompletions(1));
+    std::lock_guard<std::mutex> lock(mutex_);
+    EXPECT_EQ(2u, completions_.size());
+    EXPECT_EQ(0u, filled());
 }
 
 TEST_F(PullSourceTest, RefusedReadFailsAndNeverCompletes) {
@@ -561,6 +624,8 @@ TEST_F(PullSourceTest, BlockingReadReportsBytesAndShowsNoMoreThanRequested) {
         {8, 0, 0, 0, "0000"},     // the end: 0 bytes is a success
         {8, -1, -1, 0, "0000"},   // a failing source
     };
+    // A source that is not a local file is read asynchronously (see below).
+    file_.asyncMode = ScriptedFile::AsyncMode::kReadAtOnce;
     for (const Row& row : rows) {
         SCOPED_TRACE(row.shown);
         file_.readResult = row.readResult;
@@ -577,6 +642,26 @@ TEST_F(PullSourceTest, BlockingReadReportsBytesAndShowsNoMoreThanRequested) {
                                               row.shown + " \n"))
             << out;
     }
+}
+
+// The engine has no abort for a blocking read and waits for it when it
+// stops, while a network source may hold the read for as long as the network
+// stalls: an engine stop makes the read fail at once, and the source's late
+// completion writes nothing into the engine's buffer.
+TEST_F(PullSourceTest, BlockingReadOfANetworkSourceFailsWhenTheEngineStops) {
+    uint32_t bytes = 777;
+    std::future<IMTK_PB_CB_ERROR_CODE_T> read = std::async(std::launch::async, [&] {
+        return velka::pb_read(file_.pullHandle(), kTag, buffer_, sizeof buffer_, &bytes);
+    });
+    ASSERT_TRUE(file_.waitForPending(1));
+    velka::Playback::instance_.stop();
+    const bool gaveUp = read.wait_for(testing_support::kWait) == std::future_status::ready;
+    file_.completeHeld(velka::kStatusOk, 32);
+    ASSERT_TRUE(gaveUp) << "the blocking read waited through the engine's stop";
+    EXPECT_EQ(IMTK_PB_CB_ERROR_CODE_NOT_OK, read.get());
+    EXPECT_EQ(0u, bytes);
+    ASSERT_TRUE(file_.waitForCompletions(1));
+    EXPECT_EQ(0u, filled());
 }
 
 TEST(PullSourceDeathTest, BrokenEngineContractStopsTheProcess) {

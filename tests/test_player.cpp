@@ -6,7 +6,10 @@
 // through the download engine (nginx, and the fault server for a live stream
 // of unknown length and a server that fails in the middle).
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 extern "C" {
@@ -26,9 +29,12 @@ extern "C" {
 #include <vector>
 
 #include "PlayerFixture.h"
+#include "bctidta_control.h"
 #include "support/FaultServer.h"
 #include "support/NginxServer.h"
+#include "velka/HttpFile.h"
 #include "velka/MediaPlayer.h"
+#include "velka/PpsFile.h"
 
 namespace {
 
@@ -526,16 +532,97 @@ TEST_F(PlayerTest, CommandsOnTwoPlayersFromSeveralThreadsNeitherDeadlockNorRace)
 }
 
 // ---------------------------------------------------------------------------
-// A host that returns from main (here: exit) while a network medium plays
-// through the download engine, its player never destroyed: at unload
-// Playback stops and closes the medium through the engine's worker, which
-// must still be there. A hang at exit ends the child by its alarm.
+// The download engine holds a read for as long as the network stalls; the
+// playback engine's stop aborts it and waits for its completion. Stop, close
+// and the destructor still return promptly: the abort completes the read
+// toward the engine at once, and the held read, once let go, lands in a
+// buffer of the library's own (a write into the engine's buffer, freed by
+// then, shows under AddressSanitizer). The bound is far above a prompt answer
+// and far below the engine's own read deadline. Each round's playback also
+// shows that the previous round's held read has left the engine's worker.
 
-MediaPlayer* exitingPlayer = nullptr;  // globals: left to the process's end
+TEST_F(PlayerTest, StopCloseAndDestructorDoNotWaitForAStalledDownloadRead) {
+    enum class Ending { kClose, kDestructor, kStopThenPlayAgain };
+    const std::pair<const char*, Ending> rounds[] = {
+        {"close", Ending::kClose},
+        {"destructor", Ending::kDestructor},
+        {"stop", Ending::kStopThenPlayAgain},
+    };
+    // Fast enough that the engine soon wants its next read; the 600 s clip
+    // still outlasts the test.
+    mtkpb::control::setSpeed(20);
+    const std::string url = "dta-test://" + media().longClip;
+    auto timeUpdate = [](const Events& all) {
+        for (const Event& e : all) {
+            if (e.id == MediaPlayer::kEventTimeUpdate) return true;
+        }
+        return false;
+    };
+    for (const auto& round : rounds) {
+        SCOPED_TRACE(round.first);
+        if (!player_) {
+            player_.reset(new MediaPlayer);
+            player_->addListener(log_);
+        }
+        log_.clear();
+        ASSERT_EQ(kStatusOk, player_->open(url));
+        ASSERT_EQ(kStatusOk, player_->play(0));
+        ASSERT_TRUE(log_.waitFor(timeUpdate));
+        bctidta::control::holdReads();
+        ASSERT_TRUE(bctidta::control::waitForHeldReads(1, testing_support::kWaitMs));
+
+        std::future<VelkaStatus> ended = std::async(std::launch::async, [&]() -> VelkaStatus {
+            switch (round.second) {
+                case Ending::kClose: player_->close(); return kStatusOk;
+                case Ending::kDestructor: player_.reset(); return kStatusOk;
+                case Ending::kStopThenPlayAgain: return player_->stop();
+            }
+            return kStatusError;
+        });
+        const bool prompt = ended.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+        bctidta::control::releaseReads();
+        EXPECT_TRUE(prompt) << "waited for the held read";
+        EXPECT_EQ(kStatusOk, ended.get());
+        if (round.second == Ending::kStopThenPlayAgain) {
+            log_.clear();
+            ASSERT_EQ(kStatusOk, player_->play(0));
+            EXPECT_TRUE(log_.waitFor(timeUpdate));
+            player_->close();
+        }
+    }
+    // The engine never had a read completed twice, nor one left outstanding.
+    EXPECT_EQ(0u, mtkpb::control::counters().protocolErrors);
+    EXPECT_EQ(0u, mtkpb::control::readsOutstanding());
+}
+
+// ---------------------------------------------------------------------------
+// A host that returns from main (here: exit) while a network medium is in
+// use, nothing destroyed: the source workers are torn down after Playback's
+// shut-down (a player's medium is still stopped and closed through its
+// worker) and refuse reads from then on. A hang at exit ends the child by its
+// alarm; under AddressSanitizer the child's exit is checked too.
+
+// Globals: left to the process's end.
+MediaPlayer* exitingPlayer = nullptr;
 EventLog* exitingLog = nullptr;
+velka::File* exitingFile = nullptr;
 
-void playNetworkMediumThenExit() {
-    alarm(60);
+// Reads a File on and on: each completion issues the next read, on the
+// source's worker, until the worker refuses one at its tear-down.
+struct ChainedReads : velka::File::AsyncCallback {
+    explicit ChainedReads(uint32_t size) : buffer(size) {}
+    bool next() { return exitingFile->readAsync(buffer.data(), buffer.size(), *this) != nullptr; }
+    void complete(VelkaStatus, uint32_t) override {
+        ++completions;
+        next();
+    }
+    std::vector<char> buffer;
+    std::atomic<int> completions{0};
+};
+ChainedReads* exitingReads = nullptr;
+
+// The download engine's medium, playing in a player.
+void playDownloadThenExit() {
     mtkpb::control::setSpeed(1);
     exitingLog = new EventLog;
     exitingPlayer = new MediaPlayer;
@@ -551,11 +638,74 @@ void playNetworkMediumThenExit() {
     exit(playing ? 0 : 5);
 }
 
-TEST(PlayerExitDeathTest, ProcessExitWhileANetworkMediumPlaysEndsCleanly) {
+// An HTTP medium whose server (this thread: no server thread is left behind
+// at exit) answers with the first 64 KiB of 1 MiB and then holds the
+// connection: the read in flight waits for the rest.
+void readHttpThenExit() {
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    if (bind(listener, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
+        listen(listener, 1) != 0 ||
+        getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+        exit(3);
+    }
+    exitingFile = new velka::HttpFile("http://127.0.0.1:" +
+                                      std::to_string(ntohs(address.sin_port)) + "/held");
+    std::atomic<bool> opened(false);
+    std::thread opener([&opened] { opened = exitingFile->open() == 0; });
+    const int connection = accept(listener, nullptr, nullptr);
+    char request[4096];
+    const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 1048576\r\n\r\n" +
+                               std::string(64 * 1024, 'h');
+    const bool answered = connection >= 0 && recv(connection, request, sizeof request, 0) > 0 &&
+                          send(connection, answer.data(), answer.size(), MSG_NOSIGNAL) ==
+                              static_cast<ssize_t>(answer.size());
+    opener.join();
+    if (!answered || !opened) exit(4);
+    exitingReads = new ChainedReads(1024 * 1024);
+    exit(exitingReads->next() ? 0 : 5);
+}
+
+// A peer-to-peer medium read on and on.
+void readPpsThenExit() {
+    exitingFile = new velka::PpsFile("pps-test://" + media().longClip);
+    if (exitingFile->open() != 0) exit(3);
+    exitingReads = new ChainedReads(64 * 1024);
+    if (!exitingReads->next()) exit(4);
+    const bool reading = testing_support::waitUntil([] { return exitingReads->completions >= 3; });
+    exit(reading ? 0 : 5);
+}
+
+struct ExitCase {
+    const char* name;
+    void (*run)();
+};
+
+void PrintTo(const ExitCase& c, std::ostream* os) { *os << c.name; }
+
+class PlayerExitDeathTest : public ::testing::TestWithParam<ExitCase> {};
+
+TEST_P(PlayerExitDeathTest, ProcessExitWhileANetworkMediumIsInUseEndsCleanly) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     ASSERT_FALSE(media().dir.empty()) << "ffmpeg could not make the test media";
-    EXPECT_EXIT(playNetworkMediumThenExit(), ::testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(
+        {
+            alarm(60);
+            GetParam().run();
+        },
+        ::testing::ExitedWithCode(0), "");
 }
+
+INSTANTIATE_TEST_SUITE_P(Workers, PlayerExitDeathTest,
+                         ::testing::Values(ExitCase{"DownloadEngine", playDownloadThenExit},
+                                           ExitCase{"Http", readHttpThenExit},
+                                           ExitCase{"PeerToPeer", readPpsThenExit}),
+                         [](const ::testing::TestParamInfo<ExitCase>& info) {
+                             return info.param.name;
+                         });
 
 // ---------------------------------------------------------------------------
 // End to end, through LocalFile or (over HTTP from nginx) the download

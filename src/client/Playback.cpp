@@ -512,7 +512,9 @@ VelkaStatus Playback::unPause() {
 VelkaStatus Playback::stop() {
     logPrint("playback stop\n");
     logFlush();
+    beginEngineStop();
     int ret = playbackThread_->exchange(kCmdStop, 0);
+    endEngineStop();
     if (ret != 0) {
         logPrint("playback stop fail %d\n", ret);
         return kStatusError;
@@ -523,7 +525,9 @@ VelkaStatus Playback::stop() {
 void Playback::close() {
     logPrint("playback close\n");
     logFlush();
+    beginEngineStop();
     playbackThread_->exchange(kCmdClose, 0);
+    endEngineStop();
     // The engine instance is closed: no pull callback uses the tmp file any
     // more. Take it away under the lock, so that no getEvent() or
     // notification still uses it, then close and destroy it.

@@ -2,13 +2,20 @@
 
 #include "PullSource.h"
 
+#include <algorithm>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdio>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <new>
 #include <string>
 
 #include "velka/Assert.h"
 #include "velka/FileFactory.h"
 #include "LogLine.h"
+#include "velka/LocalFile.h"
 
 namespace velka {
 
@@ -23,14 +30,144 @@ File* sourceOf(IMTK_PULL_HANDLE_T hPullSrc) {
 // How many leading bytes of a read buffer the read line shows.
 const uint32_t kShownBytes = 4;
 
+// Bounced reads whose completion the engine has not had yet, by request
+// handle. A read leaves when its completion is claimed, by complete() or by
+// abandon(), whichever comes first; only the claimer calls the engine. While
+// a read is listed its source has not freed its request record, so no two
+// listed reads share a handle. Built once and never destroyed: a source may
+// complete a late read while the process exits.
+struct OwedReads {
+    std::mutex mutex;  // guards reads
+    std::map<void*, PlaybackCallback*> reads;
+};
+
+OwedReads& owedReads() {
+    static OwedReads* const owed = new OwedReads;
+    return *owed;
+}
+
+// Blocking reads of network sources and the engine stops that end them.
+// Built once and never destroyed: Playback stops the engine at unload.
+struct BlockingReads {
+    std::mutex mutex;                  // guards the members and those of every BlockingRead
+    std::condition_variable changed;   // a read completed, or a stop began
+    int stopping = 0;                  // engine stops and closes under way
+    uint64_t stops = 0;                // engine stops and closes begun so far
+};
+
+BlockingReads& blockingReads() {
+    static BlockingReads* const reads = new BlockingReads;
+    return *reads;
+}
+
+// One blocking read made asynchronous into a buffer of its own. The waiting
+// pb_read frees it, or, when a stop made it give up, the late completion.
+class BlockingRead final : public File::AsyncCallback {
+public:
+    explicit BlockingRead(uint32_t count) : buffer(new (std::nothrow) char[count]) {}
+
+    // On the source's completion thread, possibly before readAsync has returned.
+    void complete(VelkaStatus completed, uint32_t bytes) override {
+        BlockingReads& reads = blockingReads();
+        bool abandoned;
+        {
+            std::lock_guard<std::mutex> lock(reads.mutex);
+            status = completed;
+            length = bytes;
+            done = true;
+            abandoned = this->abandoned;
+        }
+        // Not abandoned: the waiting pb_read may free it from here on.
+        if (abandoned) {
+            delete this;
+        } else {
+            reads.changed.notify_all();
+        }
+    }
+
+    const std::unique_ptr<char[]> buffer;  // the source's destination
+    VelkaStatus status = kStatusError;
+    uint32_t length = 0;
+    bool done = false;       // complete() has run
+    bool abandoned = false;  // pb_read gave up on it
+};
+
+// A blocking read of a source that may hold it for as long as the network
+// stalls: bytes read, or -1, also when an engine stop began meanwhile.
+int readUnlessStopped(File* source, uint8_t* destination, uint32_t count) {
+    BlockingReads& reads = blockingReads();
+    uint64_t stops;
+    {
+        std::lock_guard<std::mutex> lock(reads.mutex);
+        if (reads.stopping != 0) return -1;
+        stops = reads.stops;
+    }
+    BlockingRead* read = new BlockingRead(count);
+    if (read->buffer == nullptr || source->readAsync(read->buffer.get(), count, *read) == nullptr) {
+        delete read;
+        return -1;
+    }
+    std::unique_lock<std::mutex> lock(reads.mutex);
+    reads.changed.wait(lock, [&] { return read->done || reads.stops != stops; });
+    if (!read->done) {
+        read->abandoned = true;  // its completion frees it
+        return -1;
+    }
+    lock.unlock();
+    int n = -1;
+    if (read->status == kStatusOk || read->status == kStatusEndOfFile) {
+        const uint32_t length = std::min(read->length, count);
+        std::memcpy(destination, read->buffer.get(), length);
+        n = static_cast<int>(length);
+    }
+    delete read;
+    return n;
+}
+
 }  // namespace
 
 PlaybackCallback::PlaybackCallback(IMtkPb_Ctrl_PullReadAsyncNfy done, void* tag)
-    : request_(nullptr), handedOff_(0), done_(done), tag_(tag) {}
+    : request_(nullptr),
+      handedOff_(0),
+      done_(done),
+      tag_(tag),
+      engineBuffer_(nullptr),
+      count_(0) {}
+
+char* PlaybackCallback::bounce(uint8_t* engineBuffer, uint32_t count) {
+    bounce_.reset(new (std::nothrow) char[count]);
+    engineBuffer_ = engineBuffer;
+    count_ = count;
+    return bounce_.get();
+}
 
 void PlaybackCallback::handOff(void* request) {
     request_ = request;
+    if (bounce_) {
+        OwedReads& owed = owedReads();
+        std::lock_guard<std::mutex> lock(owed.mutex);
+        owed.reads[request] = this;
+    }
     handedOff_.post();
+}
+
+// On an engine thread, inside pb_abort. The callback itself stays for the
+// source's late completion, which frees it with its bounce buffer.
+bool PlaybackCallback::abandon(void* request) {
+    IMtkPb_Ctrl_PullReadAsyncNfy done;
+    void* tag;
+    {
+        OwedReads& owed = owedReads();
+        std::lock_guard<std::mutex> lock(owed.mutex);
+        auto it = owed.reads.find(request);
+        if (it == owed.reads.end()) return false;
+        // Once unlisted, the callback may be gone at any moment.
+        done = it->second->done_;
+        tag = it->second->tag_;
+        owed.reads.erase(it);
+    }
+    done(IMTK_PB_PULL_READ_CANCELLED, tag, request, 0);
+    return true;
 }
 
 // On the source's completion thread, possibly before readAsync has returned.
@@ -39,6 +176,26 @@ void PlaybackCallback::complete(VelkaStatus status, uint32_t length) {
     handedOff_.wait();
     logPrint("complete condition %d len %d\n", static_cast<int>(status), static_cast<int>(length));
     void* request = request_;
+    if (bounce_) {
+        bool claimed = false;
+        {
+            OwedReads& owed = owedReads();
+            std::lock_guard<std::mutex> lock(owed.mutex);
+            auto it = owed.reads.find(request);
+            if (it != owed.reads.end() && it->second == this) {
+                owed.reads.erase(it);
+                claimed = true;
+            }
+        }
+        if (!claimed) {
+            // The engine had this read completed, cancelled, at its abort.
+            delete this;
+            return;
+        }
+        if (status == kStatusOk || status == kStatusEndOfFile) {
+            std::memcpy(engineBuffer_, bounce_.get(), std::min(length, count_));
+        }
+    }
     switch (status) {
         case kStatusOk:
             done_(IMTK_PB_PULL_READ_DONE, tag_, request, length);
@@ -56,6 +213,22 @@ void PlaybackCallback::complete(VelkaStatus status, uint32_t length) {
     }
     logPrint("task complete %p length %d\n", static_cast<void*>(this), static_cast<int>(length));
     delete this;
+}
+
+void beginEngineStop() {
+    BlockingReads& reads = blockingReads();
+    {
+        std::lock_guard<std::mutex> lock(reads.mutex);
+        reads.stopping++;
+        reads.stops++;
+    }
+    reads.changed.notify_all();
+}
+
+void endEngineStop() {
+    BlockingReads& reads = blockingReads();
+    std::lock_guard<std::mutex> lock(reads.mutex);
+    reads.stopping--;
 }
 
 IMTK_PB_CB_ERROR_CODE_T pb_open(IMTK_PB_HANDLE_T hHandle, IMTK_PULL_HANDLE_T* phPullSrc,
@@ -98,7 +271,12 @@ IMTK_PB_CB_ERROR_CODE_T pb_close(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag) {
 IMTK_PB_CB_ERROR_CODE_T pb_read(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag, uint8_t* pu1DstBuf,
                                 uint32_t u4Count, uint32_t* pu4Read) {
     logPrint("pb_read %p %p\n", reinterpret_cast<void*>(hPullSrc), pvAppTag);
-    int n = sourceOf(hPullSrc)->read(reinterpret_cast<char*>(pu1DstBuf), u4Count);
+    File* source = sourceOf(hPullSrc);
+    // The engine cannot abort a blocking read, and waits for it when it
+    // stops: only a local file's read is sure to end on its own.
+    int n = dynamic_cast<LocalFile*>(source) != nullptr
+                ? source->read(reinterpret_cast<char*>(pu1DstBuf), u4Count)
+                : readUnlessStopped(source, pu1DstBuf, u4Count);
     // Show only bytes that were asked for and read; zeros in place of the rest.
     uint32_t filled = n > 0 ? static_cast<uint32_t>(n) : 0;
     if (filled > u4Count) filled = u4Count;
@@ -120,10 +298,21 @@ IMTK_PB_CB_ERROR_CODE_T pb_read_async(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTa
                                       IMtkPb_Ctrl_PullReadAsyncNfy pfnNfy, void* pvNfyTag,
                                       IMTK_PULL_REQ_HANDLE_T* phReq) {
     logPrint("pb_read asyc %d %p\n", static_cast<int>(hPullSrc), pvAppTag);
+    File* source = sourceOf(hPullSrc);
     PlaybackCallback* callback = new PlaybackCallback(pfnNfy, pvNfyTag);
     logPrint("create playback read async task\n");
-    void* request =
-        sourceOf(hPullSrc)->readAsync(reinterpret_cast<char*>(pu1DstBuf), u4Count, *callback);
+    char* destination = reinterpret_cast<char*>(pu1DstBuf);
+    // Every source but a local file may hold a read past the engine's abort
+    // (see PlaybackCallback): a copy per read is cheap next to network rates.
+    if (dynamic_cast<LocalFile*>(source) == nullptr) {
+        destination = callback->bounce(pu1DstBuf, u4Count);
+        if (destination == nullptr) {
+            logPrint("file readAsync fail\n");
+            delete callback;
+            return IMTK_PB_CB_ERROR_CODE_NOT_OK;
+        }
+    }
+    void* request = source->readAsync(destination, u4Count, *callback);
     logPrint("file readAsync dest %p task %p len %d req %p\n", static_cast<void*>(pu1DstBuf),
            static_cast<void*>(callback), static_cast<int>(u4Count), request);
     if (request == nullptr) {
@@ -142,8 +331,11 @@ IMTK_PB_CB_ERROR_CODE_T pb_abort(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag,
                                  IMTK_PULL_REQ_HANDLE_T hReq) {
     logPrint("pb_abort %d %p\n", static_cast<int>(hPullSrc), pvAppTag);
     // The read still completes once, cancelled.
-    return sourceOf(hPullSrc)->cancel(hReq) == 0 ? IMTK_PB_CB_ERROR_CODE_OK
-                                                 : IMTK_PB_CB_ERROR_CODE_NOT_OK;
+    if (sourceOf(hPullSrc)->cancel(hReq) == 0) return IMTK_PB_CB_ERROR_CODE_OK;
+    // In service: a bounced read completes toward the engine now, however
+    // long its source still holds it; any other completes on its own.
+    return PlaybackCallback::abandon(hReq) ? IMTK_PB_CB_ERROR_CODE_OK
+                                           : IMTK_PB_CB_ERROR_CODE_NOT_OK;
 }
 
 IMTK_PB_CB_ERROR_CODE_T pb_seek(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag, int64_t i8Offset,

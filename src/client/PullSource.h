@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 
 #include "IMtkPb_Ctrl.h"
 #include "velka/File.h"
@@ -36,6 +37,15 @@ extern VELKA_INTERNAL std::atomic<int32_t> currentTime_;
 // read's own hand-off, so that one read's completion can never go ahead on
 // another read's hand-off (with several reads outstanding, or a late
 // completion after an abort) and give the engine a null request handle.
+//
+// A network source cannot cancel the read it has in service, and its engine
+// may hold that read for as long as the network stalls, while the playback
+// engine's stop waits for every aborted read to complete. Such a read goes
+// through a bounce buffer of the callback's own: pb_abort then completes it
+// toward the engine at once (cancelled), and the source's late completion
+// lands in the bounce buffer and is swallowed. Either way the engine's
+// completion function is called once, and the engine's buffer is never
+// written after it. Local files need no bounce: their reads end on their own.
 class PlaybackCallback final : public File::AsyncCallback {
 public:
     PlaybackCallback(IMtkPb_Ctrl_PullReadAsyncNfy done, void* tag);
@@ -43,17 +53,39 @@ public:
     void complete(VelkaStatus status, uint32_t length) override;
     ~PlaybackCallback() override {}
 
+    // Before readAsync: makes the source read into a bounce buffer, copied to
+    // `engineBuffer` on completion. Returns the buffer to give the source;
+    // null when it cannot be had.
+    char* bounce(uint8_t* engineBuffer, uint32_t count);
+
     // By pb_read_async once readAsync has accepted the request: stores its
     // handle and lets the completion go. The callback may be gone as soon as
     // this returns.
     void handOff(void* request);
+
+    // By pb_abort when the source could not cancel `request`: completes it
+    // toward the engine as cancelled, unless its completion is already being
+    // delivered or it has no bounce buffer. True when it was completed here.
+    static bool abandon(void* request);
 
 private:
     std::atomic<void*> request_;         // the handle readAsync returned; null until then
     Semaphore handedOff_;                // posted once, by handOff(); waited once, by complete()
     IMtkPb_Ctrl_PullReadAsyncNfy done_;  // the engine's completion function
     void* tag_;                          // the engine's context for done_
+    // The source's destination for a bounced read, freed with the callback;
+    // null when the source reads into the engine's buffer directly.
+    std::unique_ptr<char[]> bounce_;
+    uint8_t* engineBuffer_;  // where a bounced read's bytes go
+    uint32_t count_;         // the byte count asked for
 };
+
+// By Playback around each engine stop and close, which wait for the engine's
+// threads: a blocking read of a network source that is waiting (pb_read)
+// gives up with -1, since the engine has no abort for it, and one that starts
+// meanwhile fails at once. Any thread.
+void beginEngineStop();
+void endEngineStop();
 
 // The pull callbacks. Each returns 0 on success and -1 on failure.
 IMTK_PB_CB_ERROR_CODE_T pb_open(IMTK_PB_HANDLE_T hHandle, IMTK_PULL_HANDLE_T* phPullSrc,
