@@ -206,8 +206,7 @@ protected:
         control::setBufferCapacity(kHttpBuffer);
     }
     std::vector<char> slice(int64_t from, int64_t count) {
-        const std::vector<char>& all = server_.file();
-        return std::vector<char>(all.begin() + from, all.begin() + from + count);
+        return testing_support::slice(server_.file(), from, count);
     }
     std::vector<std::string> ranges(const std::string& path) {
         std::vector<std::string> out;
