@@ -117,6 +117,13 @@ inline std::vector<char> patternBytes(size_t size, uint32_t seed) {
     return bytes;
 }
 
+// The `count` bytes of `bytes` at `offset`, clipped at the end.
+inline std::vector<char> slice(const std::vector<char>& bytes, int64_t offset, int64_t count) {
+    const size_t begin = std::min(bytes.size(), static_cast<size_t>(offset));
+    const size_t end = std::min(bytes.size(), begin + static_cast<size_t>(count));
+    return std::vector<char>(bytes.begin() + begin, bytes.begin() + end);
+}
+
 // A directory of its own under /tmp, removed with its contents.
 class TempDir {
 public:
@@ -158,9 +165,7 @@ public:
     std::string dtaUrl() const { return "dta-test://" + path_; }
     // The `count` bytes at `offset`, clipped at the end.
     std::vector<char> slice(int64_t offset, size_t count) const {
-        const size_t begin = std::min(bytes_.size(), static_cast<size_t>(offset));
-        const size_t end = std::min(bytes_.size(), begin + count);
-        return std::vector<char>(bytes_.begin() + begin, bytes_.begin() + end);
+        return testing_support::slice(bytes_, offset, static_cast<int64_t>(count));
     }
 
 private:
@@ -236,19 +241,31 @@ private:
 
 // Reads a File to its end, each asynchronous read issued from inside the
 // completion of the one before, the way the playback engine pulls. Stops at
-// the first status other than kStatusOk, or after `maxReads` reads.
+// the first status other than kStatusOk, or after `maxReads` reads. With
+// `retryEmpty`, a read that meets a part not yet downloaded (kStatusOk with 0
+// bytes) is issued again from run()'s thread a millisecond later, as
+// velka-cat does.
 class ChainedReader : public velka::File::AsyncCallback {
 public:
-    ChainedReader(velka::File& file, uint32_t block, size_t maxReads = 100000)
-        : file_(file), buffer_(block), maxReads_(maxReads) {}
+    ChainedReader(velka::File& file, uint32_t block, size_t maxReads = 100000,
+                  bool retryEmpty = false)
+        : file_(file), buffer_(block), maxReads_(maxReads), retryEmpty_(retryEmpty) {}
 
     // False when a request was refused, or the chain stalled for kWaitMs.
     bool run() {
         if (!issue()) return false;
         std::unique_lock<std::mutex> lock(mutex_);
         for (size_t seen = 0; !done_; seen = statuses.size()) {
-            if (!changed_.wait_for(lock, kWait, [&] { return done_ || statuses.size() != seen; })) {
+            if (!changed_.wait_for(lock, kWait,
+                                   [&] { return done_ || starved_ || statuses.size() != seen; })) {
                 return false;
+            }
+            if (starved_) {
+                starved_ = false;
+                lock.unlock();
+                usleep(1000);
+                if (!issue()) return false;
+                lock.lock();
             }
         }
         return !refused_;
@@ -262,6 +279,12 @@ public:
             data.insert(data.end(), buffer_.begin(),
                         buffer_.begin() + std::min<size_t>(length, buffer_.size()));
             next = status == velka::kStatusOk && statuses.size() < maxReads_;
+            if (next && length == 0 && retryEmpty_) {
+                ++empty;
+                starved_ = true;
+                changed_.notify_all();
+                return;
+            }
         }
         // The next request may complete on another thread before readAsync()
         // returns; nothing of this object is touched after it.
@@ -277,6 +300,7 @@ public:
     // Read only after run().
     std::vector<velka::VelkaStatus> statuses;
     std::vector<char> data;
+    int empty = 0;  // reads retried because they met a part not yet downloaded
 
 private:
     bool issue() {
@@ -287,9 +311,11 @@ private:
     velka::File& file_;
     std::vector<char> buffer_;
     const size_t maxReads_;
+    const bool retryEmpty_;
     std::mutex mutex_;
     std::condition_variable changed_;
     bool done_ = false;
+    bool starved_ = false;  // the last read got nothing; run() issues the next
     bool refused_ = false;
 };
 

@@ -146,29 +146,6 @@ TEST_F(BctiDtaTest, StreamsTheResourceByteExactThroughASlowDownloadAndReportsIt)
     for (char c : record) ASSERT_EQ(0x5a, c) << "a failed query leaves the record alone";
 }
 
-TEST_F(BctiDtaTest, StartFailsForMissingResourceUnknownSchemeAndOnRequest) {
-    TempDataFile file(1000, 8);
-    for (const std::string url : {"dta-test:///nonexistent/velka/none.ts", "gopher://example/a",
-                                  "dta-test:///", "scripted"}) {
-        SCOPED_TRACE(url);
-        const bool scripted = url == "scripted";
-        if (scripted) control::setStartTaskResult(-42);
-        const int handle = task(scripted ? file.dtaUrl() : url, false);
-        const int result = engine_->startTask(handle);
-        EXPECT_TRUE(scripted ? result == -42 : result != 0) << result;
-        EXPECT_EQ(kDtaStateOpenFailed, state(handle));
-        ASSERT_TRUE(control::waitForDownloadsIdle(kWaitMs));
-        const std::vector<Event> reported = eventsOf(handle);
-        ASSERT_EQ(1u, reported.size());
-        EXPECT_EQ(kDtaEventFailed, reported[0].event);
-        EXPECT_EQ(kDtaStateOpenFailed, reported[0].param2);
-        uint64_t n = 10;
-        char buffer[10];
-        EXPECT_NE(0, engine_->readData(handle, buffer, &n));
-        EXPECT_EQ(0u, n);
-    }
-}
-
 TEST_F(BctiDtaTest, CloseEndsABlockedReaderAndForgetsTheHandle) {
     TempDataFile file(100000, 10);
     control::setDownloadPace(1, 50);  // far too slow for the read below
@@ -206,8 +183,7 @@ protected:
         control::setBufferCapacity(kHttpBuffer);
     }
     std::vector<char> slice(int64_t from, int64_t count) {
-        const std::vector<char>& all = server_.file();
-        return std::vector<char>(all.begin() + from, all.begin() + from + count);
+        return testing_support::slice(server_.file(), from, count);
     }
     std::vector<std::string> ranges(const std::string& path) {
         std::vector<std::string> out;
@@ -265,6 +241,8 @@ TEST_F(BctiDtaHttpTest, StreamsByteExactAndSeeksBackWithARangeWhateverTheFraming
     }
 }
 
+// Starts fail for a missing resource, an unknown scheme, on request, on the
+// server's refusal and when nobody listens; a drop in the middle breaks the task.
 TEST_F(BctiDtaHttpTest, FailuresCarryTheServersAnswerOrTheNetworkError) {
     Reply notFound = withStatus(404);
     notFound.body = "not here";
@@ -283,21 +261,36 @@ TEST_F(BctiDtaHttpTest, FailuresCarryTheServersAnswerOrTheNetworkError) {
     const std::string refused = closed.url("/x");
     closed.stop();
 
-    struct Row {
+    TempDataFile file(1000, 8);
+    const struct Row {
         std::string url;
-        std::string reason;
-    } rows[] = {{server_.url("/missing"), "HTTP 404"}, {refused, "onnect"}};
+        int startResult;     // scripted; 0: any failure
+        std::string reason;  // in the event's message
+    } rows[] = {{"dta-test:///nonexistent/velka/none.ts", 0, ""},
+                {"gopher://example/a", 0, ""},
+                {"dta-test:///", 0, ""},
+                {file.dtaUrl(), -42, ""},
+                {server_.url("/missing"), 0, "HTTP 404"},
+                {refused, 0, "onnect"}};
     for (const Row& row : rows) {
         SCOPED_TRACE(row.url);
+        control::setStartTaskResult(row.startResult);
         const int handle = task(row.url, false);
-        EXPECT_NE(0, engine_->startTask(handle));
+        const int result = engine_->startTask(handle);
+        EXPECT_TRUE(row.startResult != 0 ? result == row.startResult : result != 0) << result;
         EXPECT_EQ(kDtaStateOpenFailed, state(handle));
         ASSERT_TRUE(control::waitForDownloadsIdle(kWaitMs));
         const std::vector<Event> reported = eventsOf(handle);
         ASSERT_EQ(1u, reported.size());
         EXPECT_EQ(kDtaEventFailed, reported[0].event);
+        EXPECT_EQ(kDtaStateOpenFailed, reported[0].param2);
         EXPECT_NE(std::string::npos, reported[0].message.find(row.reason)) << reported[0].message;
+        uint64_t n = 10;
+        char buffer[10];
+        EXPECT_NE(0, engine_->readData(handle, buffer, &n));
+        EXPECT_EQ(0u, n);
     }
+    control::setStartTaskResult(0);
 
     // Dropped in the middle and never served again: what came is read, then
     // the read fails and the task is broken.

@@ -5,17 +5,11 @@
 // server, every call can be made to fail, and ems_uninit() ends every task
 // and thread.
 
-#include <arpa/inet.h>
 #include <dirent.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cinttypes>
 #include <cstring>
 #include <fstream>
 #include <mutex>
@@ -26,10 +20,12 @@
 #include "TestSupport.h"
 #include "ems.h"
 #include "ems_control.h"
+#include "support/FaultServer.h"
 
 namespace {
 
 namespace control = ems::control;
+using testing_support::FaultServer;
 using testing_support::kWaitMs;
 using testing_support::TempDataFile;
 using testing_support::TempDir;
@@ -78,105 +74,6 @@ int threadsNamed(const std::string& wanted) {
     if (dir != nullptr) closedir(dir);
     return count;
 }
-
-// A one-connection-at-a-time HTTP server on 127.0.0.1 for "/data": HEAD gives
-// the length, GET with a range gives 206 and the slice, or (when told to
-// ignore ranges) 200 and the whole body.
-class RangeServer {
-public:
-    RangeServer(const std::vector<char>& body, bool honourRanges)
-        : body_(body), honourRanges_(honourRanges) {
-        fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof addr;
-        EXPECT_EQ(0, bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
-        EXPECT_EQ(0, listen(fd_, 8));
-        getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len);
-        port_ = ntohs(addr.sin_port);
-        thread_ = std::thread(&RangeServer::serve, this);
-    }
-    ~RangeServer() {
-        stop_ = true;
-        thread_.join();
-        close(fd_);
-    }
-
-    std::string url(const std::string& path = "/data") const {
-        return "pps-test://http://127.0.0.1:" + std::to_string(port_) + path;
-    }
-    int rangeRequests() const { return ranges_; }
-
-private:
-    void serve() {
-        while (!stop_) {
-            pollfd p = {fd_, POLLIN, 0};
-            if (poll(&p, 1, 20) != 1) continue;
-            const int conn = accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
-            if (conn < 0) continue;
-            answer(conn);
-            close(conn);
-        }
-    }
-
-    void answer(int conn) {
-        std::string request;
-        char buffer[4096];
-        while (request.find("\r\n\r\n") == std::string::npos && request.size() < 65536) {
-            pollfd p = {conn, POLLIN, 0};
-            if (poll(&p, 1, kWaitMs) != 1) return;
-            const ssize_t n = recv(conn, buffer, sizeof buffer, 0);
-            if (n <= 0) return;
-            request.append(buffer, static_cast<size_t>(n));
-        }
-        const bool head = request.compare(0, 5, "HEAD ") == 0;
-        const size_t pathAt = request.find(' ') + 1;
-        const std::string path = request.substr(pathAt, request.find(' ', pathAt) - pathAt);
-        const int64_t size = static_cast<int64_t>(body_.size());
-        int64_t first = 0, last = size - 1;
-        const size_t range = request.find("Range: bytes=");
-        const bool ranged = range != std::string::npos && honourRanges_;
-        if (range != std::string::npos) {
-            ++ranges_;
-            sscanf(request.c_str() + range, "Range: bytes=%" SCNd64 "-%" SCNd64, &first, &last);
-        }
-        std::string header;
-        if (path != "/data") {
-            header = "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n";
-            first = 0, last = -1;
-        } else if (ranged) {
-            header = "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + std::to_string(first) +
-                     "-" + std::to_string(last) + "/" + std::to_string(size) +
-                     "\r\nContent-Length: " + std::to_string(last - first + 1) + "\r\n";
-        } else {
-            first = 0, last = size - 1;
-            header = "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(size) + "\r\n";
-        }
-        header += "Connection: close\r\n\r\n";
-        if (head) first = 0, last = -1;
-        if (!sendAll(conn, header.data(), header.size())) return;
-        sendAll(conn, body_.data() + first, static_cast<size_t>(last - first + 1));
-    }
-
-    static bool sendAll(int conn, const char* data, size_t size) {
-        while (size > 0) {
-            const ssize_t n = send(conn, data, size, MSG_NOSIGNAL);
-            if (n <= 0) return false;  // the client hung up
-            data += n;
-            size -= static_cast<size_t>(n);
-        }
-        return true;
-    }
-
-    const std::vector<char> body_;
-    const bool honourRanges_;
-    int fd_;
-    uint16_t port_ = 0;
-    std::atomic<bool> stop_{false};
-    std::atomic<int> ranges_{0};
-    std::thread thread_;
-};
 
 class EmsTest : public ::testing::Test {
 protected:
@@ -272,18 +169,28 @@ TEST_F(EmsTest, DownloadsPiecesAtTheSetRateAndReportsItsStartUpInOrder) {
 }
 
 TEST_F(EmsTest, HttpStreamsComeInByteRanges) {
-    const std::vector<char> body = testing_support::patternBytes(100 * 1024 + 7, 9);
-    RangeServer server(body, true);
-    const int task = start(server.url());
+    FaultServer server(testing_support::patternBytes(100 * 1024 + 7, 9));
+    std::string why;
+    ASSERT_TRUE(server.start(&why)) << why;
+    const auto url = [&](const std::string& path) { return "pps-test://" + server.url(path); };
+    const int task = start(url("/data"));
     int notYet = 0;
-    EXPECT_EQ(body, readAll(task, static_cast<int64_t>(body.size()), &notYet));
-    EXPECT_GE(server.rangeRequests(), 7) << "one range request per piece";
-    start(server.url("/missing"), EMS_ERR_SOURCE);
+    EXPECT_EQ(server.file(), readAll(task, static_cast<int64_t>(server.file().size()), &notYet));
+    ASSERT_TRUE(server.waitIdle());
+    int ranged = 0;
+    for (const FaultServer::Request& r : server.requests("/data")) ranged += r.range != "-";
+    EXPECT_GE(ranged, 7) << "one range request per piece";
+    FaultServer::Reply notFound;
+    notFound.status = 404;
+    server.script("/missing", {notFound});
+    start(url("/missing"), EMS_ERR_SOURCE);
 
     // A server that answers a range with the whole body breaks the download:
     // reads of what did not arrive fail, and the listener hears of it.
-    RangeServer careless(body, false);
-    const int broken = start(careless.url());
+    FaultServer::Reply whole;
+    whole.status = 200;
+    server.script("/careless", {whole});
+    const int broken = start(url("/careless"));
     ASSERT_TRUE(control::waitForDownloadsIdle(kWaitMs));
     char byte;
     int64_t hint = 15;

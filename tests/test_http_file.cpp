@@ -7,14 +7,11 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
-#include <mutex>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "TestSupport.h"
@@ -26,9 +23,9 @@ namespace {
 using testing_support::ChainedReader;
 using testing_support::Completion;
 using testing_support::CompletionLog;
-using testing_support::kWait;
 using testing_support::NginxServer;
 using testing_support::patternBytes;
+using testing_support::slice;
 using testing_support::StdoutTap;
 using velka::File;
 using velka::HttpFile;
@@ -37,42 +34,26 @@ using velka::VelkaStatus;
 constexpr int64_t kMiB = 1024 * 1024;
 constexpr int64_t kRingBytes = 16 * kMiB;
 
-std::vector<char> slice(const std::vector<char>& bytes, int64_t offset, int64_t count) {
-    const size_t begin = static_cast<size_t>(std::min<int64_t>(offset, bytes.size()));
-    const size_t end = static_cast<size_t>(std::min<int64_t>(offset + count, bytes.size()));
-    return std::vector<char>(bytes.begin() + begin, bytes.begin() + end);
-}
-
-// One asynchronous read, waited for.
-class OneRead : public File::AsyncCallback {
-public:
-    explicit OneRead(uint32_t size) : buffer(size) {}
-    void complete(VelkaStatus s, uint32_t length) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        status = s;
-        count = length;
-        ++completions;
-        done_.notify_all();
-    }
-    // False when the request was refused or did not complete in time.
-    bool run(File& file) {
-        if (file.readAsync(buffer.data(), static_cast<uint32_t>(buffer.size()), *this) == nullptr) {
-            return false;
-        }
-        std::unique_lock<std::mutex> lock(mutex_);
-        return done_.wait_for(lock, kWait, [this] { return completions > 0; });
-    }
-    std::vector<char> data() const { return std::vector<char>(buffer.begin(), buffer.begin() + count); }
-
-    std::vector<char> buffer;
+// What one asynchronous read gave.
+struct Got {
     VelkaStatus status = velka::kStatusError;
     uint32_t count = 0;
-    int completions = 0;
-
-private:
-    std::mutex mutex_;
-    std::condition_variable done_;
+    std::vector<char> data;
 };
+
+// Issues one asynchronous read of `size` bytes and waits for it; false when
+// it was refused or did not complete in time.
+bool readOnce(File& file, uint32_t size, Got* got) {
+    CompletionLog log;
+    CompletionLog::Callback callback(log, 0);
+    std::vector<char> buffer(size);
+    if (file.readAsync(buffer.data(), size, callback) == nullptr || !log.waitFor(1)) return false;
+    const Completion c = log.all()[0];
+    got->status = c.status;
+    got->count = c.length;
+    got->data.assign(buffer.begin(), buffer.begin() + std::min(c.length, size));
+    return true;
+}
 
 class HttpFileTest : public ::testing::Test {
 protected:
@@ -225,14 +206,13 @@ TEST_F(HttpFileTest, SeededSeeksAndReadsCostRequestsOnlyWhereTheRingCannotServe)
         const size_t mark = tap_.text().size();
         const size_t endsBeforeSeek = tap_.count("--------Task end");
         ASSERT_EQ(target, file.seek(target, File::kSeekSet));
-        OneRead read(static_cast<uint32_t>(uniform(1, kMiB)));
-        ASSERT_TRUE(read.run(file)) << kindNames[kind];
-        const int64_t expected = std::min<int64_t>(read.buffer.size(), size - target);
-        EXPECT_EQ(expected == static_cast<int64_t>(read.buffer.size()) ? velka::kStatusOk
-                                                                       : velka::kStatusEndOfFile,
-                  read.status);
+        const uint32_t asked = static_cast<uint32_t>(uniform(1, kMiB));
+        Got read;
+        ASSERT_TRUE(readOnce(file, asked, &read)) << kindNames[kind];
+        const int64_t expected = std::min<int64_t>(asked, size - target);
+        EXPECT_EQ(expected == asked ? velka::kStatusOk : velka::kStatusEndOfFile, read.status);
         ASSERT_EQ(expected, read.count) << kindNames[kind];
-        EXPECT_TRUE(read.data() == slice(bytes, target, expected)) << kindNames[kind];
+        EXPECT_TRUE(read.data == slice(bytes, target, expected)) << kindNames[kind];
         EXPECT_EQ(1u, tap_.count(line, mark)) << kindNames[kind] << ": " << line;
         if (restarts) {
             expectedRanges.push_back(target == 0 ? "-" : "bytes=" + std::to_string(target) + "-");
@@ -263,10 +243,10 @@ TEST_F(HttpFileTest, SeekAheadOfTheDownloadWaitsForAShortGapAndRestartsForALongO
     HttpFile& file = openFile("slow/gap", static_cast<int64_t>(bytes.size()));
     for (const int64_t target : {int64_t(100 * 1024), 3 * kMiB}) {
         ASSERT_EQ(target, file.seek(target, File::kSeekSet));
-        OneRead read(1000);
-        ASSERT_TRUE(read.run(file));
+        Got read;
+        ASSERT_TRUE(readOnce(file, 1000, &read));
         EXPECT_EQ(velka::kStatusOk, read.status);
-        EXPECT_TRUE(read.data() == slice(bytes, target, 1000)) << target;
+        EXPECT_TRUE(read.data == slice(bytes, target, 1000)) << target;
     }
     // The short gap is waited for, or (on a slow machine) has already come
     // and is skipped; either way only the long one restarts.
@@ -304,14 +284,13 @@ TEST_P(HttpFileEndTest, ReadsAtTheEndOfTheStream) {
 
     const VelkaStatus atEnd = c.tail ? velka::kStatusOk : velka::kStatusEndOfFile;
     ASSERT_EQ(c.size - 1000, file.seek(-1000, File::kSeekEnd));
-    OneRead beforeEnd(4096);
-    ASSERT_TRUE(beforeEnd.run(file));
+    Got beforeEnd, exactlyAtEnd;
+    ASSERT_TRUE(readOnce(file, 4096, &beforeEnd));
     EXPECT_EQ(atEnd, beforeEnd.status);
     ASSERT_EQ(1000u, beforeEnd.count);
-    EXPECT_TRUE(beforeEnd.data() == slice(bytes, c.size - 1000, 1000));
+    EXPECT_TRUE(beforeEnd.data == slice(bytes, c.size - 1000, 1000));
     EXPECT_EQ(c.size, file.tell());
-    OneRead exactlyAtEnd(4096);
-    ASSERT_TRUE(exactlyAtEnd.run(file));
+    ASSERT_TRUE(readOnce(file, 4096, &exactlyAtEnd));
     EXPECT_EQ(atEnd, exactlyAtEnd.status);
     EXPECT_EQ(0u, exactlyAtEnd.count);
     // The tail path prints its last line after the completion.
@@ -391,45 +370,6 @@ TEST_F(HttpFileTest, RequestsCompleteInQueueOrderAndCancelledOnesAsCancelled) {
     EXPECT_EQ(1000, file.read(sync.data(), 1000));
     EXPECT_TRUE(sync == slice(bytes, 96 * 1024, 1000));
     EXPECT_EQ(96 * 1024 + 1000, file.tell());
-}
-
-// Three files stream at once on the one worker while a fourth, waiting on the
-// slow location, is closed: its queued request completes as cancelled before
-// close() returns, and the others stay byte-exact.
-TEST_F(HttpFileTest, SeveralFilesShareTheWorkerAndClosingOneLeavesTheOthers) {
-    std::vector<std::vector<char>> contents;
-    std::vector<HttpFile*> streams;
-    for (int i = 0; i < 3; ++i) {
-        contents.push_back(patternBytes(20 * kMiB + static_cast<size_t>(i), 20 + i));
-        server_.serve("stream" + std::to_string(i), contents.back());
-        streams.push_back(&openFile("stream" + std::to_string(i), 20 * kMiB + i));
-    }
-    server_.serve("closed", patternBytes(4 * kMiB, 30));
-    std::unique_ptr<HttpFile> closing(new HttpFile(server_.url("slow/closed")));
-    ASSERT_EQ(0, closing->open());
-
-    std::vector<std::unique_ptr<ChainedReader>> readers;
-    for (int i = 0; i < 3; ++i) readers.emplace_back(new ChainedReader(*streams[i], 64 * 1024));
-    std::vector<std::thread> threads;
-    std::vector<int> ok(3, 0);
-    for (int i = 0; i < 3; ++i) threads.emplace_back([&, i] { ok[i] = readers[i]->run(); });
-    CompletionLog log;
-    CompletionLog::Callback callback(log, 1);
-    std::vector<char> buffer(2 * kMiB);
-    ASSERT_NE(nullptr, closing->readAsync(buffer.data(), 2 * kMiB, callback));
-    EXPECT_EQ(0, closing->close());
-    const std::vector<Completion> cancelled = log.all();
-    ASSERT_EQ(1u, cancelled.size()) << "close() returned before the queued request completed";
-    EXPECT_EQ(velka::kStatusCancelled, cancelled[0].status);
-    EXPECT_EQ(0, closing->close());
-    closing.reset();
-
-    for (auto& t : threads) t.join();
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_TRUE(ok[i]) << "stream " << i;
-        EXPECT_TRUE(readers[i]->data == contents[i]) << "stream " << i;
-    }
-    EXPECT_EQ(1u, log.all().size());
 }
 
 TEST(HttpFileDeathTest, OperationsOnAFileThatIsNotOpenStopAtTheAssertion) {

@@ -6,13 +6,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <climits>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -23,9 +20,9 @@
 namespace {
 
 namespace control = ems::control;
+using testing_support::ChainedReader;
 using testing_support::Completion;
 using testing_support::CompletionLog;
-using testing_support::kWait;
 using testing_support::kWaitMs;
 using testing_support::TempDataFile;
 using velka::File;
@@ -52,78 +49,14 @@ protected:
     std::vector<std::unique_ptr<PpsFile>> files_;
 };
 
-// Reads a file to its end with chained asynchronous reads. A read that meets a
-// part not yet downloaded (kStatusOk with 0 bytes) is issued again by the
-// test thread a millisecond later, as velka-cat does.
-class PatientReader : public File::AsyncCallback {
-public:
-    PatientReader(File& file, uint32_t block) : file_(file), buffer_(block) {}
-
-    // False when a request was refused, the chain stalled for kWaitMs, or it
-    // kept meeting missing parts for too long.
-    bool run() {
-        for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
-            if (!issue()) return false;
-            std::unique_lock<std::mutex> lock(mutex_);
-            if (!changed_.wait_for(lock, kWait, [this] { return state_ != kReading; })) return false;
-            if (state_ == kDone) return !refused_;
-            state_ = kReading;
-            lock.unlock();
-            usleep(1000);
-        }
-        return false;
-    }
-
-    void complete(velka::VelkaStatus status, uint32_t length) override {
-        std::unique_lock<std::mutex> lock(mutex_);
-        statuses.push_back(status);
-        data.insert(data.end(), buffer_.begin(), buffer_.begin() + std::min<size_t>(length, buffer_.size()));
-        if (status == velka::kStatusOk && length > 0) {
-            lock.unlock();
-            // The next request may complete before readAsync() returns.
-            if (issue()) return;
-            lock.lock();
-            refused_ = true;
-        } else if (status == velka::kStatusOk) {
-            ++notYet;
-            state_ = kStarved;
-            changed_.notify_all();
-            return;
-        }
-        state_ = kDone;
-        changed_.notify_all();
-    }
-
-    // Read only after run().
-    std::vector<velka::VelkaStatus> statuses;
-    std::vector<char> data;
-    int notYet = 0;  // reads that met a part not yet downloaded
-
-private:
-    static constexpr int kMaxAttempts = 20000;
-    enum State { kReading, kStarved, kDone };
-
-    bool issue() {
-        return file_.readAsync(buffer_.data(), static_cast<uint32_t>(buffer_.size()), *this) !=
-               nullptr;
-    }
-
-    File& file_;
-    std::vector<char> buffer_;
-    std::mutex mutex_;  // guards all but file_ and buffer_
-    std::condition_variable changed_;
-    State state_ = kReading;
-    bool refused_ = false;
-};
-
 TEST_F(PpsFileTest, ChainedReadsAtALimitedRateMeetMissingPartsAndDeliverTheFileByteExact) {
     control::setDownloadRate(512 * 1024);  // a piece every 32 ms: about a second for the file
     TempDataFile data(500 * 1024 + 333, 21);
     PpsFile& file = openFile(data);
 
-    PatientReader reader(file, 20000);
+    ChainedReader reader(file, 20000, 20000, true);
     ASSERT_TRUE(reader.run());
-    EXPECT_GT(reader.notYet, 0) << "the reads never overtook the download";
+    EXPECT_GT(reader.empty, 0) << "the reads never overtook the download";
     EXPECT_EQ(data.bytes(), reader.data);
     EXPECT_EQ(velka::kStatusEndOfFile, reader.statuses.back());
     EXPECT_EQ(reader.statuses.size() - 1,

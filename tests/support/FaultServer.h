@@ -5,7 +5,8 @@
 // tests. It runs inside the test process on 127.0.0.1 with a free port: one
 // thread accepts, each connection gets a thread of its own, and every answer
 // says "Connection: close". It serves one generated file under any path (a
-// Range of "bytes=N-" gets 206, anything else 200) unless script() gave the
+// Range of "bytes=N-" or "bytes=N-M" gets 206, anything else 200; HEAD gets
+// the headers alone) unless script() gave the
 // path a list of Replies: each request to it takes the next one, the last
 // repeats. A Reply can serve only a prefix of the file, answer another status
 // with or without a body, redirect, claim 200 for a range or 206 for a plain
@@ -299,8 +300,14 @@ private:
         if (r->method.empty() || reply.hangUp) return false;
         if (reply.headerDelayMs > 0 && !pause(fd, reply.headerDelayMs)) return false;
         const int64_t size = reply.size < 0 ? static_cast<int64_t>(file_.size()) : reply.size;
-        int64_t offset = 0;
-        if (r->range.compare(0, 6, "bytes=") == 0) offset = atoll(r->range.c_str() + 6);
+        int64_t offset = 0, last = size;  // [offset, last) asked for
+        if (r->range.compare(0, 6, "bytes=") == 0) {
+            offset = atoll(r->range.c_str() + 6);
+            const size_t dash = r->range.find('-');
+            if (dash != std::string::npos && dash + 1 < r->range.size()) {
+                last = std::min<int64_t>(size, atoll(r->range.c_str() + dash + 1) + 1);
+            }
+        }
         const bool ranged = r->range != "-";
         std::string h;
         if (!reply.location.empty() || (reply.status != 0 && reply.status != 200 && reply.status != 206)) {
@@ -312,21 +319,25 @@ private:
             return false;
         }
         r->status = reply.status != 0 ? reply.status : (ranged ? 206 : 200);
-        if (r->status == 200) offset = 0;
-        offset = std::min(offset, size);
+        if (r->status == 200) offset = 0, last = size;
+        offset = std::min(offset, last);
         h = "HTTP/1.1 " + std::to_string(r->status) + (r->status == 200 ? " OK\r\n" : " Partial Content\r\n");
         if (r->status == 206) {
-            h += "Content-Range: bytes " + std::to_string(offset) + "-" + std::to_string(size - 1) +
+            h += "Content-Range: bytes " + std::to_string(offset) + "-" + std::to_string(last - 1) +
                  "/" + std::to_string(size) + "\r\n";
         }
         if (reply.framing == Reply::kLength) {
-            h += "Content-Length: " + std::to_string(size - offset) + "\r\n";
+            h += "Content-Length: " + std::to_string(last - offset) + "\r\n";
         } else if (reply.framing == Reply::kChunked) {
             h += "Transfer-Encoding: chunked\r\n";
         }
         h += "Content-Type: application/octet-stream\r\nConnection: close\r\n\r\n";
+        if (r->method == "HEAD") {
+            sendAll(fd, h);
+            return false;
+        }
 
-        const int64_t end = reply.cutAt >= 0 ? std::max(offset, std::min(size, reply.cutAt)) : size;
+        const int64_t end = reply.cutAt >= 0 ? std::max(offset, std::min(last, reply.cutAt)) : last;
         // A drip sends a tenth of its rate ten times a second.
         const int64_t step = reply.bytesPerSecond > 0 ? std::max(1, reply.bytesPerSecond / 10) : 65536;
         for (int64_t at = offset; at < end && !stopping_;) {
@@ -347,7 +358,7 @@ private:
             if (reply.bytesPerSecond > 0 && !pause(fd, 100)) return false;
         }
         if (!h.empty() && !sendAll(fd, h)) return false;  // no body to go with them
-        if (end < size) {
+        if (end < last) {
             {
                 std::lock_guard<std::mutex> lock(mutex_);
                 cuts_[r->path] += 1;

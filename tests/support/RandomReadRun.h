@@ -13,8 +13,6 @@
 // says; no completion comes after close() has returned; tell() follows the
 // model (and, where the source promises it, stays within [0, length]).
 
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <condition_variable>
@@ -74,14 +72,12 @@ public:
         }
     }
 
-    // Runs `operations` operations with the source's output silenced, then
-    // prints the counts. False at the first failure, told by error().
+    // Runs `operations` operations with the source's output (a line or more
+    // per operation) captured and dropped, then prints the counts. False at
+    // the first failure, told by error().
     bool run(int operations) {
-        bool ok;
-        {
-            SilencedStdout quiet;
-            ok = runQuietly(operations);
-        }
+        bool ok = false;
+        capturedStdout([&] { ok = runQuietly(operations); });
         printf("random run (seed %u): %llu operations, %llu completions, %llu cancels, %llu closes\n",
                seed_, static_cast<unsigned long long>(counts.operations),
                static_cast<unsigned long long>(counts.completions),
@@ -97,31 +93,6 @@ public:
 private:
     static constexpr size_t kMaxOutstanding = 4;
     static constexpr uint32_t kMaxRead = 1024 * 1024;
-
-    // Standard output goes to /dev/null while it lives: the sources print a
-    // line or more per operation.
-    class SilencedStdout {
-    public:
-        SilencedStdout() {
-            fflush(stdout);
-            saved_ = dup(STDOUT_FILENO);
-            const int null = ::open("/dev/null", O_WRONLY);
-            if (null != -1) {
-                dup2(null, STDOUT_FILENO);
-                ::close(null);
-            }
-        }
-        ~SilencedStdout() {
-            fflush(stdout);
-            if (saved_ != -1) {
-                dup2(saved_, STDOUT_FILENO);
-                ::close(saved_);
-            }
-        }
-
-    private:
-        int saved_;
-    };
 
     struct Request : velka::File::AsyncCallback {
         Request(RandomReadRun& run, int id, uint32_t count, int chain)
