@@ -1,8 +1,6 @@
 #include "velka/DtaFile.h"
 
 #include <pthread.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -13,6 +11,7 @@
 #include <vector>
 
 #include "CBctiDta.h"
+#include "EngineWorkDir.h"
 #include "LibraryExit.h"
 #include "velka/Assert.h"
 #include "velka/Semaphore.h"
@@ -115,20 +114,7 @@ DtaTaskThread::DtaTaskThread()
       wakeup_(0),
       inService_(nullptr),
       workerThread_(pthread_t()) {
-    // The engine finds its configuration in its working directory. Either
-    // may be there already or be missing (a box without a configuration);
-    // the engine decides what it can do without. Each command runs only when
-    // it has something to do, so that a host's standard error carries no
-    // complaints about a folder that exists or a file the box does not have.
-    struct stat st;
-    if (stat(kWorkDir, &st) != 0 || !S_ISDIR(st.st_mode)) {
-        int ret = system("mkdir /tmp/velka");
-        (void)ret;
-    }
-    if (access("/3rd/velka/run/ems.conf", R_OK) == 0) {
-        int ret = system("cp -f /3rd/velka/run/ems.conf /tmp/velka");
-        (void)ret;
-    }
+    prepareEngineWorkDir("/3rd/velka/run/ems.conf", "cp -f /3rd/velka/run/ems.conf /tmp/velka");
 
     dtaEngine_ = CBctiDta::GetInstance();
     initResult_ = dtaEngine_->initEngine(kWorkDir);

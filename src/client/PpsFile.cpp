@@ -1,7 +1,5 @@
 #include "velka/PpsFile.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cinttypes>
 #include <cstdio>
@@ -9,6 +7,7 @@
 #include <cstring>
 #include <deque>
 
+#include "EngineWorkDir.h"
 #include "LibraryExit.h"
 #include "ems.h"
 #include "velka/Assert.h"
@@ -192,20 +191,7 @@ PpsTaskThread* PpsTaskThread::instance() {
 
 PpsTaskThread::PpsTaskThread()
     : running_(false), tornDown_(false), initResult_(0), thread_(nullptr), wakeup_(0) {
-    // The engine finds its configuration in its working directory. Either
-    // may be there already or be missing (a box without a configuration);
-    // the engine decides what it can do without. Each command runs only when
-    // it has something to do, so that a host's standard error carries no
-    // complaints about a folder that exists or a file the box does not have.
-    struct stat st;
-    if (stat(kWorkDir, &st) != 0 || !S_ISDIR(st.st_mode)) {
-        int ret = system("mkdir /tmp/velka");
-        (void)ret;
-    }
-    if (access("/3rd/velka/ems.conf", R_OK) == 0) {
-        int ret = system("cp -f /3rd/velka/ems.conf /tmp/velka");
-        (void)ret;
-    }
+    prepareEngineWorkDir("/3rd/velka/ems.conf", "cp -f /3rd/velka/ems.conf /tmp/velka");
 
     initResult_ = ems_init(kWorkDir);
     ems_event_listener_func(ems_event_handler);
