@@ -1,6 +1,5 @@
 #include "velka/PpsFile.h"
 
-
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
