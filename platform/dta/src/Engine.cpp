@@ -121,7 +121,17 @@ public:
         setBusy(*task, true);
         task->thread = std::thread(&DtaEngine::download, this, task, s.startTaskResult);
         task->changed.wait(lock, [&task] { return task->startAnswered; });
-        return task->startResult;
+        const int result = task->startResult;
+        if (result != kDtaOk) {
+            // The download thread only sends the failure event and ends: a
+            // failed start returns once it has, so that no thread of a task
+            // that never ran outlives the caller's next step (its exit, say).
+            std::thread ended;
+            ended.swap(task->thread);
+            lock.unlock();
+            if (ended.joinable()) ended.join();
+        }
+        return result;
     }
 
     int closeTask(int handle) override {
