@@ -548,7 +548,7 @@ void playNetworkMediumThenExit() {
 }
 
 TEST(PlayerExitDeathTest, ProcessExitWhileANetworkMediumPlaysEndsCleanly) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    testing_support::useThreadsafeDeathTests();
     ASSERT_FALSE(media().dir.empty()) << "ffmpeg could not make the test media";
     EXPECT_EXIT(playNetworkMediumThenExit(), ::testing::ExitedWithCode(0), "");
 }

@@ -24,6 +24,7 @@
 
 #include "PlayStatus.h"
 #include "PlayTerminal.h"
+#include "TestSupport.h"
 #include "support/PlayerTestSupport.h"
 
 #ifndef VELKA_PLAY_PATH
@@ -155,6 +156,26 @@ std::vector<std::string> stateWords(const std::string& out) {
 const std::vector<std::string> kPlayedToTheEnd = {"opening", "opened",  "playing",
                                                   "end of stream", "stopped", "closed"};
 
+// velka-play puts a --speed that differs from its environment in place by
+// starting itself again with it in the environment, which an emulated program
+// cannot do (the system does not run the target's programs itself). Under
+// emulation the tests give velka-play that environment already, so that it
+// need not start again: the value of --speed in `words`, or "" (and always ""
+// on the host).
+std::string emulatedSpeed(const std::vector<std::string>& words) {
+    if (!testing_support::kEmulated) return "";
+    for (size_t i = 0; i + 1 < words.size(); ++i) {
+        if (words[i] == "--speed" && !words[i + 1].empty() &&
+            words[i + 1].find_first_not_of("0123456789") == std::string::npos) {
+            fprintf(stderr, "under emulation: MTKPB_SPEED=%s is in velka-play's environment from the start "
+                            "(an emulated program cannot start itself again)\n",
+                    words[i + 1].c_str());
+            return words[i + 1];
+        }
+    }
+    return "";
+}
+
 struct ToolRun {
     int exitCode = -1;
     std::string out;
@@ -178,8 +199,14 @@ protected:
     // Runs velka-play with `args` (shell words) in dir_, without a terminal.
     ToolRun velkaPlay(const std::string& args) {
         const std::string out = dir_ + "/stdout", err = dir_ + "/stderr";
-        const std::string cmd = "cd '" + dir_ + "' && timeout " +
-                                std::to_string(kRunTimeoutSeconds) + " '" VELKA_PLAY_PATH "' " +
+        std::vector<std::string> words;
+        std::istringstream split(args);
+        for (std::string word; split >> word;) words.push_back(word);
+        const std::string speed = emulatedSpeed(words);
+        const std::string cmd = "cd '" + dir_ + "' && " +
+                                (speed.empty() ? "" : "MTKPB_SPEED=" + speed + " ") + "timeout " +
+                                std::to_string(kRunTimeoutSeconds) + " " + testing_support::emulatorCommand() +
+                                "'" VELKA_PLAY_PATH "' " +
                                 args + " >'" + out + "' 2>'" + err + "' </dev/null";
         ToolRun run;
         const int status = system(cmd.c_str());
@@ -292,8 +319,13 @@ protected:
 
     // Starts velka-play with `args` and `setting` ("NAME=value") added to the environment.
     void start(const std::vector<std::string>& args, std::string setting = "") {
-        std::vector<std::string> words = {VELKA_PLAY_PATH};
+        // Under emulation the emulator's words come first; execve then
+        // starts the emulator, which the system can run.
+        std::vector<std::string> words = testing_support::emulatorWords();
+        words.push_back(VELKA_PLAY_PATH);
         words.insert(words.end(), args.begin(), args.end());
+        const std::string speed = emulatedSpeed(args);
+        if (!speed.empty()) setting = "MTKPB_SPEED=" + speed;
         std::vector<char*> argv, envp;
         for (std::string& w : words) argv.push_back(&w[0]);
         argv.push_back(nullptr);
