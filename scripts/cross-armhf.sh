@@ -101,7 +101,7 @@ if [ ${#missing[@]} -gt 0 ]; then
   # development package, say) moves with it instead of being removed; other
   # packages apt would remove are kept by naming them.
   keep=()
-  for round in 1 2 3 4 5 6; do
+  for _ in 1 2 3 4 5 6; do
     removed=$(apt-get install -s --no-install-recommends -o Dir::Etc::Preferences="$pins" \
                 "${missing[@]}" "${keep[@]}" 2> /dev/null | awk '/^Remv /{print $2}' || true)
     [ -n "$removed" ] || break

@@ -50,6 +50,8 @@ inline std::vector<std::string> emulatorWords() {
 }
 
 // The same as shell words to put in front of a built program's path.
+// A check the emulator cannot give is left out only when kEmulated, with a
+// line "under emulation: ..." on standard error saying why.
 inline std::string emulatorCommand() { return kEmulated ? std::string(VELKA_TEST_EMULATOR) + " " : ""; }
 
 // Death tests of suites whose processes have threads run "threadsafe": the
@@ -66,12 +68,6 @@ inline void useThreadsafeDeathTests() {
     argv.insert(argv.end(), own.begin(), own.end());
     testing::internal::SetInjectableArgvs(argv);
 }
-
-// Skips the test under emulation only, with the reason printed.
-#define VELKA_SKIP_WHEN_EMULATED(reason)                                       \
-    do {                                                                        \
-        if (testing_support::kEmulated) GTEST_SKIP() << "under emulation: " << (reason); \
-    } while (false)
 
 // Every wait of the suites gives up after this long; reaching it is a failure.
 constexpr int kWaitMs = 20000;
