@@ -25,6 +25,50 @@
 
 namespace testing_support {
 
+// A cross build runs every test program under an emulator (qemu-user):
+// VELKA_TEST_EMULATOR is its command line, "/usr/bin/qemu-arm -L /" say, set
+// by tests/CMakeLists.txt from CMAKE_CROSSCOMPILING_EMULATOR; "" otherwise.
+#ifndef VELKA_TEST_EMULATOR
+#define VELKA_TEST_EMULATOR ""
+#endif
+constexpr bool kEmulated = VELKA_TEST_EMULATOR[0] != '\0';
+
+// The words that start a built program: the emulator's first when emulated.
+inline std::vector<std::string> emulatorWords() {
+    std::vector<std::string> words;
+    std::string word;
+    for (const char* c = VELKA_TEST_EMULATOR;; ++c) {
+        if (*c == ' ' || *c == '\0') {
+            if (!word.empty()) words.push_back(word);
+            word.clear();
+            if (*c == '\0') break;
+        } else {
+            word += *c;
+        }
+    }
+    return words;
+}
+
+// The same as shell words to put in front of a built program's path.
+// A check the emulator cannot give is left out only when kEmulated, with a
+// line "under emulation: ..." on standard error saying why.
+inline std::string emulatorCommand() { return kEmulated ? std::string(VELKA_TEST_EMULATOR) + " " : ""; }
+
+// Death tests of suites whose processes have threads run "threadsafe": the
+// child re-executes the test program. An emulated program cannot start the
+// target's programs itself (the system does not know their format), and a
+// forked child that starts threads of its own crashes qemu-user (7.2); so
+// under emulation the child re-executes the test program through the
+// emulator: its words go in front of the command line gtest runs again.
+inline void useThreadsafeDeathTests() {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    if (!kEmulated) return;
+    std::vector<std::string> argv = emulatorWords();
+    const std::vector<std::string> own = testing::internal::GetArgvs();
+    argv.insert(argv.end(), own.begin(), own.end());
+    testing::internal::SetInjectableArgvs(argv);
+}
+
 // Every wait of the suites gives up after this long; reaching it is a failure.
 constexpr int kWaitMs = 20000;
 constexpr std::chrono::milliseconds kWait(kWaitMs);

@@ -500,7 +500,7 @@ TEST_F(DtaFileTest, FailedStartFailsOpenAndCloseReleasesTheTaskOnce) {
 }
 
 TEST(DtaFileDeathTest, ReadsNeedAHandle) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    testing_support::useThreadsafeDeathTests();
     DtaFile file("dta-test:///whatever");
     char buffer[10];
     CompletionLog log;
@@ -549,7 +549,7 @@ std::string readWithoutEngine() {
 }
 
 TEST(DtaFileDeathTest, QueuedReadsCompleteWithErrorInOrderWhenTheEngineFailedToInitialise) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    testing_support::useThreadsafeDeathTests();
     // kStatusError is 1, kStatusCancelled 11.
     EXPECT_EXIT(
         {
@@ -623,7 +623,7 @@ void readThenExit() {
 }
 
 TEST(DtaFileDeathTest, ProcessExitEndsWorkerAndEngineAndRemovesWorkDir) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    testing_support::useThreadsafeDeathTests();
     EXPECT_EXIT(readThenExit(), ::testing::ExitedWithCode(0),
                 "report: data=1 tmp_velka_while_open=1 downloads_while_open=1 uninit=1 "
                 "tmp_velka_after=0 worker_alive=0 downloads_left=0");

@@ -559,8 +559,14 @@ TEST_F(HttpFaultTest, ManyOpenReadCloseCyclesLeaveNothingBehind) {
 #if defined(__SANITIZE_ADDRESS__)
     (void)resident;
 #else
-    EXPECT_LT(residentBytes() - resident, 8 * kMiB)
-        << resident << " bytes resident before, " << residentBytes() << " after";
+    if (testing_support::kEmulated) {
+        // qemu-user's own memory (the code it translates, its buffers) counts
+        // in the process's resident size and grows as the cycles run.
+        fprintf(stderr, "under emulation: resident memory not checked (qemu-user's own memory counts in it)\n");
+    } else {
+        EXPECT_LT(residentBytes() - resident, 8 * kMiB)
+            << resident << " bytes resident before, " << residentBytes() << " after";
+    }
 #endif
 }
 

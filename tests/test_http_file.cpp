@@ -373,7 +373,7 @@ TEST_F(HttpFileTest, RequestsCompleteInQueueOrderAndCancelledOnesAsCancelled) {
 }
 
 TEST(HttpFileDeathTest, OperationsOnAFileThatIsNotOpenStopAtTheAssertion) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    testing_support::useThreadsafeDeathTests();
     HttpFile file("http://127.0.0.1:1/never-opened");
     char byte;
     CompletionLog log;

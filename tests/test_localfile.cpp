@@ -424,7 +424,7 @@ TEST_F(LocalFileTest, PrintsItsLinesExactly) {
 // read the test program itself.
 TEST(LocalFileDeathTest, BrokenPreconditionsAssert) {
     // Notification threads may exist: re-execute instead of forking.
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    testing_support::useThreadsafeDeathTests();
     char buffer[4];
     LocalFile unopened("file:///proc/self/exe");
     EXPECT_DEATH(unopened.read(buffer, 4), "fd_ != -1");

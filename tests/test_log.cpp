@@ -27,6 +27,7 @@
 #include <thread>
 #include <vector>
 
+#include "TestSupport.h"
 #include "support/PlayerTestSupport.h"
 #include "velka/File.h"
 #include "velka/FileFactory.h"
@@ -160,12 +161,17 @@ TEST(LogTest, TheEnvironmentVariableSendsEveryLineToAFileOrNowhere) {
         {dir + "/no/such/velka.log", true, false, "velka: cannot open the log " + dir +
                                                       "/no/such/velka.log named by VELKA_LOG"},
     };
+    // This test program again; an emulated one through the emulator.
+    const std::string self =
+        testing_support::kEmulated
+            ? testing_support::emulatorCommand() + "'" + testing::internal::GetArgvs()[0] + "'"
+            : "'/proc/" + std::to_string(getpid()) + "/exe'";
     for (const Row& row : rows) {
         SCOPED_TRACE("VELKA_LOG=" + row.value);
         const std::string setting = row.value == "-" ? "" : "VELKA_LOG='" + row.value + "' ";
         const std::string command = "VELKA_TEST_LOG_PLAIN=1 VELKA_TEST_MEDIA='" + media().mp4 +
-                                    "' " + setting + "'/proc/" + std::to_string(getpid()) +
-                                    "/exe' --gtest_filter=LogChild.* >'" + dir + "/out' 2>'" +
+                                    "' " + setting + self +
+                                    " --gtest_filter=LogChild.* >'" + dir + "/out' 2>'" +
                                     dir + "/err'";
         std::ofstream(dir + "/velka.log", std::ios::trunc).close();
         const int status = system(command.c_str());

@@ -515,7 +515,7 @@ TEST_P(MtkPbEngineMedia, MediaInfoReportsDurationThroughPullSourceOnly) {
     ASSERT_EQ(0, stat(path().c_str(), &st));
     EXPECT_EQ(static_cast<uint64_t>(st.st_size), info.size);
     // The duration is announced before the call returns.
-    EXPECT_EQ(std::vector<intptr_t>{info.durationMs},
+    EXPECT_EQ(std::vector<intptr_t>{static_cast<intptr_t>(info.durationMs)},
               events_.data(IMTK_PB_CTRL_EVENT_TOTAL_TIME_UPDATE));
     EXPECT_EQ(1, source_->report().opens);
     EXPECT_GT(source_->report().completedBeforeReturn, 0u);

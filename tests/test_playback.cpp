@@ -665,7 +665,7 @@ TEST_F(PullSourceTest, BlockingReadOfANetworkSourceFailsWhenTheEngineStops) {
 }
 
 TEST(PullSourceDeathTest, BrokenEngineContractStopsTheProcess) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    testing_support::useThreadsafeDeathTests();
     ScriptedFile file;
     IMTK_PULL_HANDLE_T handle = 0;
     uint64_t position = 0;

@@ -689,7 +689,7 @@ void PrintTo(const ExitCase& c, std::ostream* os) { *os << c.name; }
 class PlayerExitDeathTest : public ::testing::TestWithParam<ExitCase> {};
 
 TEST_P(PlayerExitDeathTest, ProcessExitWhileANetworkMediumIsInUseEndsCleanly) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    testing_support::useThreadsafeDeathTests();
     ASSERT_FALSE(media().dir.empty()) << "ffmpeg could not make the test media";
     EXPECT_EXIT(
         {

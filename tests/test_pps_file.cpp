@@ -382,7 +382,7 @@ TEST_F(PpsFileTest, RequestsOfTwoFilesCompleteInQueueOrderAndOnlyQueuedOnesCance
 }
 
 TEST(PpsFileDeathTest, PositionedOperationsNeedATask) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    testing_support::useThreadsafeDeathTests();
     PpsFile file("pps-test:///whatever");
     char buffer[10];
     CompletionLog log;
@@ -428,7 +428,7 @@ std::string readWithoutEngine() {
 }
 
 TEST(PpsFileDeathTest, QueuedReadsCompleteInOrderWhenTheEngineFailedToInitialise) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    testing_support::useThreadsafeDeathTests();
     // kStatusError is 1, kStatusCancelled 11.
     EXPECT_EXIT(
         {

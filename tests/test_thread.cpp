@@ -408,12 +408,12 @@ TEST(ThreadTest, DetachedThreadFreesItselfAndEnds) {
 }
 
 TEST(ThreadPrivilegeTest, UnprivilegedProcessGetsItsThreadsAndARefusedOneEndsSilently) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    testing_support::useThreadsafeDeathTests();
     EXPECT_EXIT(runUnprivileged(), testing::ExitedWithCode(0), "^$");
 }
 
 TEST(ThreadDeathTest, BrokenPreconditionsStopWithTheirAssertionText) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    testing_support::useThreadsafeDeathTests();
     Mutex mutex;
 #if defined(__SANITIZE_THREAD__)
     // ThreadSanitizer checks the unlock itself; with halt_on_error it stops

@@ -78,7 +78,8 @@ protected:
     // for at most a minute.
     ToolRun velkaCat(const std::string& args) {
         const std::string out = dir_.file("stdout"), err = dir_.file("stderr");
-        const std::string cmd = "cd '" + dir_.path() + "' && timeout 60 '" VELKA_CAT_PATH "' " +
+        const std::string cmd = "cd '" + dir_.path() + "' && timeout 60 " +
+                                testing_support::emulatorCommand() + "'" VELKA_CAT_PATH "' " +
                                 args + " >'" + out + "' 2>'" + err + "' </dev/null";
         ToolRun run;
         const int status = system(cmd.c_str());

@@ -28,6 +28,7 @@
 
 #include "PlayStatus.h"
 #include "PlayTerminal.h"
+#include "TestSupport.h"
 #include "support/NginxServer.h"
 #include "support/PlayerTestSupport.h"
 
@@ -189,7 +190,8 @@ protected:
     ToolRun velkaPlay(const std::string& args, const std::string& env = "") {
         const std::string out = dir_ + "/stdout", err = dir_ + "/stderr";
         const std::string cmd = "cd '" + dir_ + "' && " + env + " timeout " +
-                                std::to_string(kRunTimeoutSeconds) + " '" VELKA_PLAY_PATH "' " +
+                                std::to_string(kRunTimeoutSeconds) + " " +
+                                testing_support::emulatorCommand() + "'" VELKA_PLAY_PATH "' " +
                                 args + " >'" + out + "' 2>'" + err + "' </dev/null";
         ToolRun run;
         const int status = system(cmd.c_str());
@@ -361,9 +363,11 @@ protected:
         VelkaPlayTest::TearDown();
     }
 
-    // Starts velka-play with `args`.
+    // Starts velka-play with `args`. Under emulation the emulator's words
+    // come first; execve then starts the emulator, which the system can run.
     void start(const std::vector<std::string>& args) {
-        std::vector<std::string> words = {VELKA_PLAY_PATH};
+        std::vector<std::string> words = testing_support::emulatorWords();
+        words.push_back(VELKA_PLAY_PATH);
         words.insert(words.end(), args.begin(), args.end());
         std::vector<char*> argv, envp;
         for (std::string& w : words) argv.push_back(&w[0]);

@@ -35,6 +35,13 @@ namespace {
 // low 32 bits, and a position the system gives back is widened by sign.
 // A position past 2 GiB cannot be told in 32 bits, so it reads as a failure,
 // as the 32-bit system call reports it.
+//
+// Files of 2 GiB or more: refused by open() on every architecture, the box's
+// 32-bit ARM as well as a 64-bit host, so that a file behaves the same on
+// both. The whole tree builds with _FILE_OFFSET_BITS=64 (CMakeLists.txt), so
+// off_t is 64-bit on 32-bit ARM too: fstat() gives such a file's true size and
+// open() refuses it on that size, instead of fstat() failing with EOVERFLOW.
+static_assert(sizeof(off_t) == 8, "velka builds with _FILE_OFFSET_BITS=64 (see CMakeLists.txt)");
 off_t toSystemOffset(int64_t offset) {
     return static_cast<off_t>(static_cast<int32_t>(static_cast<uint32_t>(offset)));
 }

@@ -31,8 +31,9 @@
 
 namespace testing_support {
 
-// Fewer operations under the sanitizers, which slow every read down.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// Fewer operations under the sanitizers and under emulation (a cross build's
+// tests run in qemu-user), which slow every read down.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(VELKA_TEST_EMULATED)
 constexpr int kRandomRunOperations = 3000;
 #else
 constexpr int kRandomRunOperations = 20000;
