@@ -424,7 +424,9 @@ private:
             if (n < 0) {
                 fail(*task, lock, static_cast<int>(n));
             } else if (n == 0) {
+                // A reader waiting for more than was left learns of the end.
                 task->endReached = true;
+                task->changed.notify_all();
             } else {
                 // A seek back inside the window while the fetch ran may have
                 // taken some of the room; what does not fit is fetched again.
