@@ -208,7 +208,7 @@ TEST_F(PpsFileTest, OpenFailuresLeaveNoTaskBehind) {
         {"add fails", control::kAddTask, false, -1, -1, 0, 0, 0, "------Add task failed!\n"},
         {"start fails", control::kStartTask, false, -1, -1, 1, 1, 1, "------Can not start task "},
         {"status fails", control::kGetTaskStatus, false, 0, -1, 1, 0, 0,
-         "------Can not get task info!\nfile length -1\n"},
+         "------Can not get task info!\n"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -223,6 +223,10 @@ TEST_F(PpsFileTest, OpenFailuresLeaveNoTaskBehind) {
         const std::string out = testing_support::capturedStdout([&] { opened = file.open(); });
         EXPECT_EQ(c.opened, opened);
         EXPECT_THAT(out, ::testing::HasSubstr(c.line));
+        // A line of the engine's event thread may come in between.
+        if (c.opened == 0) {
+            EXPECT_THAT(out, ::testing::HasSubstr("file length -1\n"));
+        }
         EXPECT_EQ(c.started, control::calls(control::kStartTask) - start);
         EXPECT_EQ(c.stopped, control::calls(control::kStopTask) - stop);
         EXPECT_EQ(c.deleted, control::calls(control::kDelTask) - del);
