@@ -120,6 +120,7 @@ HttpTask::HttpTask(RingBuffer* ring, CURL* curl)
       rangeRequest_(false),
       ended_(false),
       infoPublished_(false),
+      infoOk_(false),
       lastProgressTime_(0),
       retries_(0),
       destroyed_(nullptr),
@@ -161,7 +162,7 @@ HttpTask* HttpTask::create(const std::string& url) {
     // From here on the task belongs to the worker; only the fields published
     // with the semaphore are read.
     task->waitForTaskInfoReady();
-    if (task->error_ != 0 || task->length_ == 0) {
+    if (!task->infoOk_) {
         // Failed, or the response ended without a byte of body.
         logPrint("worker remove task %p\n", static_cast<void*>(task));
         task->removed_ = true;
@@ -326,6 +327,7 @@ void HttpTask::notifyTaskInfo() {
         // The first transfer has no range: this is the whole resource's length.
         length_ = static_cast<int64_t>(contentLength);
         logPrint("notify task info ready %lld\n", static_cast<long long>(length_));
+        infoOk_ = length_ != 0;
     } else {
         long status = 0;
         curl_easy_getinfo(curl_, CURLINFO_RESPONSE_CODE, &status);

@@ -126,6 +126,10 @@ private:
     bool rangeRequest_;     // the current transfer asked for a range: 206 expected; worker
     bool ended_;            // a transfer ended (for good or until a restart); worker
     bool infoPublished_;    // semaphore_ was posted for the task info; worker
+    // The open's verdict, written once before semaphore_ is posted for the
+    // task info: the transfer may fail for good right after (and error_ be
+    // set) before the opener wakes, and that failure belongs to the reads.
+    bool infoOk_;
     uint32_t lastProgressTime_;  // monotonic seconds of the last progress change; 0 = not armed
     uint32_t retries_;      // restarts since data was last accepted; worker
     Semaphore* destroyed_;  // posted by the destructor when the owner waits for it
