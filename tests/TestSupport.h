@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,11 +14,13 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iterator>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -81,6 +84,44 @@ inline bool waitUntil(const std::function<bool()>& condition) {
         usleep(1000);
     }
     return true;
+}
+
+// The whole of a file; "" when it cannot be read.
+inline std::string readAll(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// `text` cut at each `end`, without it.
+inline std::vector<std::string> lines(const std::string& text, char end = '\n') {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line, end);) out.push_back(line);
+    return out;
+}
+
+// How a built tool ended and what it printed.
+struct ToolRun {
+    int exitCode = -1;  // -1 when it did not exit (a signal, say)
+    std::string out;
+    std::string err;
+};
+
+// Runs the built program `path` with `args` (shell words) from `dir`, with
+// `env` (shell assignments) in front, without a terminal and for at most
+// `seconds`; its output goes through files in `dir`.
+inline ToolRun runTool(const std::string& dir, const std::string& path, const std::string& args,
+                       int seconds, const std::string& env = "") {
+    const std::string out = dir + "/stdout", err = dir + "/stderr";
+    const std::string cmd = "cd '" + dir + "' && " + env + " timeout " + std::to_string(seconds) +
+                            " " + emulatorCommand() + "'" + path + "' " + args + " >'" + out +
+                            "' 2>'" + err + "' </dev/null";
+    ToolRun run;
+    const int status = system(cmd.c_str());
+    run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    run.out = readAll(out);
+    run.err = readAll(err);
+    return run;
 }
 
 // What `call` printed on standard output.
@@ -282,6 +323,27 @@ private:
     int inside_ = 0;  // complete() calls not yet returned
     std::vector<Completion> entries_;
 };
+
+// Three reads of 100 bytes on an opened `file`: the first waited for, the
+// second cancelled while its completion for the first is still held, the
+// third queued behind it. "cancel=C TAG:STATUS:LENGTH ..." in completion
+// order, or what went wrong.
+inline std::string threeQueuedReads(velka::File& file) {
+    std::vector<char> first(100), second(100), third(100);
+    CompletionLog log(true);
+    CompletionLog::Callback c1(log, 1), c2(log, 2), c3(log, 3);
+    if (file.readAsync(first.data(), 100, c1) == nullptr || !log.waitFor(1)) return "no first";
+    void* cancelled = file.readAsync(second.data(), 100, c2);
+    if (file.readAsync(third.data(), 100, c3) == nullptr) return "no third";
+    std::string report = "cancel=" + std::to_string(file.cancel(cancelled));
+    log.open();
+    if (!log.waitFor(3)) return "not all completed";
+    for (const Completion& c : log.all()) {
+        report += " " + std::to_string(c.tag) + ":" + std::to_string(c.status) + ":" +
+                  std::to_string(c.length);
+    }
+    return report;
+}
 
 // Reads a File to its end, each asynchronous read issued from inside the
 // completion of the one before, the way the playback engine pulls. Stops at

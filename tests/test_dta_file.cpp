@@ -521,27 +521,13 @@ std::string readWithoutEngine() {
     TempDataFile data(10000, 81);
     DtaFile file(data.dtaUrl());
     if (file.open() != 0) return "open failed";
-    std::vector<char> first(100), second(100), third(100);
-    std::string report;
-    {
-        CompletionLog log(true);
-        CompletionLog::Callback c1(log, 1), c2(log, 2), c3(log, 3);
-        if (file.readAsync(first.data(), 100, c1) == nullptr || !log.waitFor(1)) return "no first";
-        void* cancelled = file.readAsync(second.data(), 100, c2);
-        if (file.readAsync(third.data(), 100, c3) == nullptr) return "no third";
-        report += "cancel=" + std::to_string(file.cancel(cancelled));
-        log.open();
-        if (!log.waitFor(3)) return "not all completed";
-        for (const Completion& c : log.all()) {
-            report += " " + std::to_string(c.tag) + ":" + std::to_string(c.status) + ":" +
-                      std::to_string(c.length);
-        }
-    }
+    std::string report = testing_support::threeQueuedReads(file);
     const control::Calls calls = control::calls();
     report += " tell=" + std::to_string(file.tell()) + " init=" + std::to_string(calls.initEngine) +
               " engineReads=" + std::to_string(calls.readData) +
               " events=" + std::to_string(calls.setEventCallback);
     // Blocking reads call the engine on the caller's thread, as always.
+    std::vector<char> first(100);
     report += " blocking=" + std::to_string(file.read(first.data(), 100));
     report += data.slice(0, 100) == first ? " same" : " differs";
     file.close();

@@ -35,6 +35,7 @@
 
 namespace {
 
+using testing_support::readAll;
 using velka_test::MediaPlayer;
 using velka_test::media;
 
@@ -92,13 +93,6 @@ Received& loadTime() {
 }
 
 bool plain() { return getenv("VELKA_TEST_LOG_PLAIN") != nullptr; }
-
-std::string readAll(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
 
 size_t count(const std::string& text, const std::string& what) {
     size_t n = 0;

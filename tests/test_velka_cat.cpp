@@ -23,7 +23,10 @@
 
 namespace {
 
+using testing_support::lines;
 using testing_support::patternBytes;
+using testing_support::readAll;
+using testing_support::ToolRun;
 
 // The RFC's suite (appendix A.5), fed whole and in awkward pieces.
 TEST(Md5Test, MatchesTheReferenceSuiteWholeAndInPieces) {
@@ -50,26 +53,6 @@ TEST(Md5Test, MatchesTheReferenceSuiteWholeAndInPieces) {
     }
 }
 
-std::string readAll(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
-
-std::vector<std::string> lines(const std::string& text) {
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) out.push_back(line);
-    return out;
-}
-
-struct ToolRun {
-    int exitCode = -1;
-    std::string out;
-    std::string err;
-};
-
 class VelkaCatTest : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_FALSE(dir_.path().empty()); }
@@ -77,16 +60,7 @@ protected:
     // Runs velka-cat with `args` (shell words) from the temporary directory,
     // for at most a minute.
     ToolRun velkaCat(const std::string& args) {
-        const std::string out = dir_.file("stdout"), err = dir_.file("stderr");
-        const std::string cmd = "cd '" + dir_.path() + "' && timeout 60 " +
-                                testing_support::emulatorCommand() + "'" VELKA_CAT_PATH "' " +
-                                args + " >'" + out + "' 2>'" + err + "' </dev/null";
-        ToolRun run;
-        const int status = system(cmd.c_str());
-        run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        run.out = readAll(out);
-        run.err = readAll(err);
-        return run;
+        return testing_support::runTool(dir_.path(), VELKA_CAT_PATH, args, 60);
     }
 
     static std::string md5sum(const std::string& path) {

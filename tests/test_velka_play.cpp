@@ -38,6 +38,9 @@
 
 namespace {
 
+using testing_support::lines;
+using testing_support::readAll;
+using testing_support::ToolRun;
 using velka::tools::Key;
 using velka::tools::PlayStatus;
 using velka::tools::statusLine;
@@ -136,20 +139,6 @@ TEST(KeyDecoderTest, SpaceQQuestionMarkAndBothArrowFormsDecodeAndOtherKeysAreIgn
 constexpr int kRunTimeoutSeconds = 60;
 constexpr auto kWait = std::chrono::seconds(30);
 
-std::string readAll(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
-
-std::vector<std::string> lines(const std::string& text, char end = '\n') {
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line, end);) out.push_back(line);
-    return out;
-}
-
 // The state word of each "velka-play: STATE ..." line, and "end of stream".
 std::vector<std::string> stateWords(const std::string& out) {
     std::vector<std::string> words;
@@ -164,12 +153,6 @@ std::vector<std::string> stateWords(const std::string& out) {
 
 const std::vector<std::string> kPlayedToTheEnd = {"opening", "opened",  "playing",
                                                   "end of stream", "stopped", "closed"};
-
-struct ToolRun {
-    int exitCode = -1;
-    std::string out;
-    std::string err;
-};
 
 class VelkaPlayTest : public ::testing::Test {
 protected:
@@ -188,17 +171,7 @@ protected:
     // Runs velka-play with `args` (shell words) in dir_, without a terminal,
     // with `env` (shell assignments) in front.
     ToolRun velkaPlay(const std::string& args, const std::string& env = "") {
-        const std::string out = dir_ + "/stdout", err = dir_ + "/stderr";
-        const std::string cmd = "cd '" + dir_ + "' && " + env + " timeout " +
-                                std::to_string(kRunTimeoutSeconds) + " " +
-                                testing_support::emulatorCommand() + "'" VELKA_PLAY_PATH "' " +
-                                args + " >'" + out + "' 2>'" + err + "' </dev/null";
-        ToolRun run;
-        const int status = system(cmd.c_str());
-        run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        run.out = readAll(out);
-        run.err = readAll(err);
-        return run;
+        return testing_support::runTool(dir_, VELKA_PLAY_PATH, args, kRunTimeoutSeconds, env);
     }
 
     std::string log(const std::string& name = "velka-play.log") {
