@@ -334,6 +334,8 @@ TEST_F(HttpFileTest, UnknownLengthIsReadToItsEndAndRefusesSeeks) {
 
 // Requests wait for the slow location's bytes: a cancelled one completes
 // with kStatusCancelled when it reaches the front, in its place in the queue.
+// The two in front of it take a second to arrive, time enough for the cancel
+// also on a loaded machine under emulation.
 TEST_F(HttpFileTest, RequestsCompleteInQueueOrderAndCancelledOnesAsCancelled) {
     const std::vector<char> bytes = patternBytes(kMiB, 13);
     server_.serve("queue", bytes);
@@ -341,10 +343,11 @@ TEST_F(HttpFileTest, RequestsCompleteInQueueOrderAndCancelledOnesAsCancelled) {
     CompletionLog log;
     std::vector<CompletionLog::Callback> callbacks;
     for (int tag = 0; tag < 4; ++tag) callbacks.emplace_back(log, tag);
-    std::vector<std::vector<char>> buffers(4, std::vector<char>(32 * 1024));
+    constexpr uint32_t kBlock = 128 * 1024;
+    std::vector<std::vector<char>> buffers(4, std::vector<char>(kBlock));
     std::vector<void*> handles;
     for (int tag = 0; tag < 4; ++tag) {
-        handles.push_back(file.readAsync(buffers[tag].data(), 32 * 1024, callbacks[tag]));
+        handles.push_back(file.readAsync(buffers[tag].data(), kBlock, callbacks[tag]));
         ASSERT_NE(nullptr, handles.back());
     }
     EXPECT_EQ(0, file.cancel(handles[2]));
@@ -356,20 +359,20 @@ TEST_F(HttpFileTest, RequestsCompleteInQueueOrderAndCancelledOnesAsCancelled) {
     for (int i = 0; i < 4; ++i) {
         EXPECT_EQ(i, all[i].tag);
         EXPECT_EQ(expected[i], all[i].status) << i;
-        EXPECT_EQ(i == 2 ? 0u : 32u * 1024, all[i].length) << i;
+        EXPECT_EQ(i == 2 ? 0u : kBlock, all[i].length) << i;
     }
     // The cancelled request took no bytes: the fourth continues the second.
-    EXPECT_TRUE(buffers[0] == slice(bytes, 0, 32 * 1024));
-    EXPECT_TRUE(buffers[1] == slice(bytes, 32 * 1024, 32 * 1024));
-    EXPECT_TRUE(buffers[3] == slice(bytes, 64 * 1024, 32 * 1024));
+    EXPECT_TRUE(buffers[0] == slice(bytes, 0, kBlock));
+    EXPECT_TRUE(buffers[1] == slice(bytes, kBlock, kBlock));
+    EXPECT_TRUE(buffers[3] == slice(bytes, 2 * kBlock, kBlock));
     // Completed requests are no longer there to cancel.
     EXPECT_EQ(-1, file.cancel(handles[2]));
     EXPECT_EQ(-1, file.cancel(handles[0]));
     // The synchronous read returns what arrived.
     std::vector<char> sync(1000);
     EXPECT_EQ(1000, file.read(sync.data(), 1000));
-    EXPECT_TRUE(sync == slice(bytes, 96 * 1024, 1000));
-    EXPECT_EQ(96 * 1024 + 1000, file.tell());
+    EXPECT_TRUE(sync == slice(bytes, 3 * kBlock, 1000));
+    EXPECT_EQ(3 * kBlock + 1000, file.tell());
 }
 
 TEST(HttpFileDeathTest, OperationsOnAFileThatIsNotOpenStopAtTheAssertion) {
