@@ -9,6 +9,11 @@ set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
 
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
+# For ARM, GCC notes at every function that takes or returns a standard
+# container of a struct that its parameter passing changed in GCC 7.1. The
+# whole tree and the libraries it links are built by one compiler, so the
+# notes say nothing here and would bury the build's real messages.
+set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi")
 
 # Libraries, headers and CMake packages come from the armhf multiarch folders
 # (/usr/lib/arm-linux-gnueabihf, /usr/include/arm-linux-gnueabihf), which
