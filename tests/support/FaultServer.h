@@ -70,6 +70,7 @@ public:
         std::string range;  // the Range header, "-" without one
         int status;         // 0 when it hung up without an answer
         int64_t bodyBytes;
+        uint64_t arrival;   // 0 for the first request the server read, 1 for the next...
     };
 
     explicit FaultServer(std::vector<char> file) : file_(std::move(file)) {}
@@ -117,9 +118,14 @@ public:
         scripts_[path] = std::move(replies);
     }
 
+    // The requests whose connections have ended, in the order they arrived
+    // (a connection abandoned by the client may end after a later one).
     std::vector<Request> requests() {
         std::lock_guard<std::mutex> lock(mutex_);
-        return log_;
+        std::vector<Request> out = log_;
+        std::sort(out.begin(), out.end(),
+                  [](const Request& a, const Request& b) { return a.arrival < b.arrival; });
+        return out;
     }
     std::vector<Request> requests(const std::string& path) {
         std::vector<Request> out;
@@ -254,7 +260,7 @@ private:
     bool sendAll(int fd, const std::string& s) { return sendAll(fd, s.data(), s.size()); }
 
     void serve(int fd) {
-        Request r = {"", "", "-", 0, 0};
+        Request r = {"", "", "-", 0, 0, 0};
         std::string head;
         char buf[4096];
         while (head.find("\r\n\r\n") == std::string::npos && head.size() < 65536) {
@@ -280,6 +286,7 @@ private:
             std::lock_guard<std::mutex> lock(mutex_);
             auto it = scripts_.find(r.path);
             const int index = started_[r.path]++;
+            r.arrival = arrivals_++;
             if (it != scripts_.end() && !it->second.empty()) {
                 reply = it->second[std::min<size_t>(index, it->second.size() - 1)];
             }
@@ -385,6 +392,7 @@ private:
     std::mutex mutex_;  // guards what follows
     std::map<std::string, std::vector<Reply>> scripts_;
     std::map<std::string, int> started_;
+    uint64_t arrivals_ = 0;  // requests read so far
     std::map<std::string, int> cuts_;
     std::set<int> open_;  // connections not yet closed
     std::vector<Request> log_;
