@@ -182,7 +182,7 @@ TEST_F(LocalFileTest, CancellingTheFirstOfTwoQueuedReadsStrandsNeitherAndComplet
         ASSERT_TRUE(log.waitFor(1));
         EXPECT_EQ(-1, file.cancel(done)) << "cancel of a completed read";
     }
-    int cancelledFirst = 0;
+    int cancelledFirst = 0, finishedFirst = 0;
     for (int round = 0; round < kRounds; ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
         ASSERT_EQ(0, file.seek(0, File::kSeekSet));
@@ -193,6 +193,17 @@ TEST_F(LocalFileTest, CancellingTheFirstOfTwoQueuedReadsStrandsNeitherAndComplet
                              file.readAsync(buffers[1].data(), kBlock, second)};
         ASSERT_NE(nullptr, requests[0]);
         ASSERT_NE(nullptr, requests[1]);
+        if (requests[0] == requests[1]) {
+            // The first completed, and its record was freed, before the second
+            // was made at the same address: the first's handle now names the
+            // second, so there is nothing of the first left to cancel.
+            ++finishedFirst;
+            ASSERT_TRUE(log.waitFor(2));
+            for (const testing_support::Completion& c : log.all()) {
+                EXPECT_EQ(velka::kStatusOk, c.status);
+            }
+            continue;
+        }
         const int cancelled = file.cancel(requests[0]);
         ASSERT_TRUE(log.waitFor(2)) << "a queued read never completed (first cancel " << cancelled
                                     << ")";
@@ -218,8 +229,9 @@ TEST_F(LocalFileTest, CancellingTheFirstOfTwoQueuedReadsStrandsNeitherAndComplet
         EXPECT_EQ(-1, file.cancel(requests[1]));
         ASSERT_EQ(2u, log.all().size());
     }
-    printf("cancel: the first of two queued reads cancelled in %d of %d rounds\n",
-           cancelledFirst, kRounds);
+    printf("cancel: the first of two queued reads cancelled in %d of %d rounds (%d done before "
+           "the second was made)\n",
+           cancelledFirst, kRounds, finishedFirst);
 }
 
 // close() with a read in flight: the read completes before close() returns,
