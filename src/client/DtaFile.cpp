@@ -7,7 +7,6 @@
 #include "CBctiDta.h"
 #include "EngineTaskThread.h"
 #include "EngineWorkDir.h"
-#include "LibraryExit.h"
 #include "LogLine.h"
 #include "velka/Assert.h"
 
@@ -23,6 +22,8 @@ public:
     static DtaTaskThread* instance();
 
 private:
+    friend class EngineTaskThread<DtaFile>;  // builds it and registers tearDown()
+
     DtaTaskThread();
     // At process exit, after Playback: ends the thread, completes what is
     // still queued as cancelled, releases the engine.
@@ -59,16 +60,7 @@ int dta_event_handler(CBctiDta* /*engine*/, int32_t event, int32_t param1, int32
 
 }  // namespace
 
-DtaTaskThread* DtaTaskThread::instance() {
-    // Built once; other first callers wait for it. The pointer has nothing to
-    // destroy at exit, so late callers still find the worker.
-    static DtaTaskThread* const dtaTaskThread = [] {
-        DtaTaskThread* worker = new DtaTaskThread();
-        tearDownAfterPlayback(&DtaTaskThread::tearDown);
-        return worker;
-    }();
-    return dtaTaskThread;
-}
+DtaTaskThread* DtaTaskThread::instance() { return theWorker<DtaTaskThread>(); }
 
 DtaTaskThread::DtaTaskThread() {
     prepareEngineWorkDir("/3rd/velka/run/ems.conf", "cp -f /3rd/velka/run/ems.conf /tmp/velka");
@@ -79,8 +71,7 @@ DtaTaskThread::DtaTaskThread() {
 void DtaTaskThread::tearDown() {
     instance()->stop();
     dtaEngine_->uninitEngine();
-    int ret = system("rm -fr /tmp/velka");
-    (void)ret;
+    removeEngineWorkDir();
 }
 
 void DtaTaskThread::beginServing() { dtaEngine_->setEventCallback(dta_event_handler); }

@@ -16,6 +16,7 @@
 #include <memory>
 #include <vector>
 
+#include "LibraryExit.h"
 #include "velka/File.h"
 #include "velka/Mutex.h"
 #include "velka/Semaphore.h"
@@ -175,6 +176,20 @@ public:
     }
 
 protected:
+    // The one Worker of the process, built by its constructor on the first
+    // call; other first callers wait for it. Worker::tearDown() runs at
+    // process exit after Playback (LibraryExit.h). Never freed, so callers
+    // later still find it, torn down.
+    template <typename Worker>
+    static Worker* theWorker() {
+        static Worker* const worker = [] {
+            Worker* built = new Worker();
+            tearDownAfterPlayback(&Worker::tearDown);
+            return built;
+        }();
+        return worker;
+    }
+
     EngineTaskThread()
         : running_(false), tornDown_(false), initResult_(0), thread_(nullptr), wakeup_(0),
           inService_(nullptr), workerThread_(pthread_t()) {}

@@ -6,7 +6,6 @@
 
 #include "EngineTaskThread.h"
 #include "EngineWorkDir.h"
-#include "LibraryExit.h"
 #include "LogLine.h"
 #include "ems.h"
 #include "velka/Assert.h"
@@ -26,6 +25,8 @@ public:
     static PpsTaskThread* instance();
 
 private:
+    friend class EngineTaskThread<PpsFile>;  // builds it and registers tearDown()
+
     PpsTaskThread();
     // At process exit, after Playback: ends the thread, completes what is
     // still queued as cancelled, releases the engine.
@@ -147,16 +148,7 @@ int ems_event_handler(int taskIndex, ems_event event) {
     return 0;
 }
 
-PpsTaskThread* PpsTaskThread::instance() {
-    // Built once; other first callers wait for it. The pointer has nothing to
-    // destroy at exit, so late callers still find the worker.
-    static PpsTaskThread* const ppsTaskThread = [] {
-        PpsTaskThread* worker = new PpsTaskThread();
-        tearDownAfterPlayback(&PpsTaskThread::tearDown);
-        return worker;
-    }();
-    return ppsTaskThread;
-}
+PpsTaskThread* PpsTaskThread::instance() { return theWorker<PpsTaskThread>(); }
 
 PpsTaskThread::PpsTaskThread() {
     prepareEngineWorkDir("/3rd/velka/ems.conf", "cp -f /3rd/velka/ems.conf /tmp/velka");
@@ -168,8 +160,7 @@ PpsTaskThread::PpsTaskThread() {
 void PpsTaskThread::tearDown() {
     instance()->stop();
     ems_uninit();
-    int ret = system("rm -fr /tmp/velka");
-    (void)ret;
+    removeEngineWorkDir();
 }
 
 VelkaStatus PpsTaskThread::serve(PpsAsyncRequest* request, uint32_t* count) {
