@@ -1,11 +1,10 @@
-// The download engine stand-in on its own: tasks stream a resource into their
-// buffer, reads block for data, queries and events report what happens, close
-// ends a blocked reader; over HTTP (against the scripted fault server) seeks
-// restart the fetch with a range, unknown lengths read to the end of the
-// transfer, failures carry the server's answer or the network error, and a
-// stalled fetch lets a close through. Its seeks and scripted faults (failed,
-// short, slow and held reads, reported states, handles) are used, and so
-// checked, by the DtaFile tests.
+// The download engine stand-in over HTTP, against the scripted fault server:
+// seeks restart the fetch with a range, unknown lengths read to the end of
+// the transfer, failures carry the server's answer or the network error, and
+// a stalled fetch lets a seek and a close through. What the DtaFile and
+// player tests exercise through it (local streaming, blocking reads, close of
+// a blocked reader, a server failing midway, and the scripted faults: failed,
+// short, slow and held reads, reported states, handles) is checked there.
 
 #include <gtest/gtest.h>
 
@@ -108,62 +107,6 @@ protected:
     std::vector<int> handles_;
 };
 
-TEST_F(BctiDtaTest, StreamsTheResourceByteExactThroughASlowDownloadAndReportsIt) {
-    TempDataFile file(300 * 1024 + 17, 3);
-    control::setDownloadPace(4096, 1);  // a 20000-byte read waits for several fetches
-    const int handle = task(file.dtaUrl());
-    std::vector<char> got(20000);
-    uint64_t n = got.size();
-    ASSERT_EQ(0, engine_->readData(handle, got.data(), &n));
-    ASSERT_EQ(20000u, n) << "a read waits for all the bytes wanted";
-    got.resize(n);
-    const std::vector<char> rest = readFully(handle, file.bytes().size(), 7001);
-    got.insert(got.end(), rest.begin(), rest.end());
-    EXPECT_EQ(file.bytes(), got);
-    n = 100;
-    EXPECT_EQ(0, engine_->readData(handle, got.data(), &n));
-    EXPECT_EQ(0u, n) << "a read at the end succeeds with 0 bytes";
-
-    ASSERT_TRUE(control::waitForDownloadsIdle(kWaitMs));
-    EXPECT_EQ(kDtaStateFinished, state(handle));
-    const DtaTransferInfo info = transfer(handle);
-    EXPECT_EQ(file.size(), info.totalLength);
-    EXPECT_EQ(file.size(), info.readPosition);
-    EXPECT_EQ(0, info.bufferedBytes);
-    EXPECT_EQ(100, info.bufferPercent) << "nothing left to buffer";
-    const std::vector<Event> reported = eventsOf(handle);
-    ASSERT_EQ(2u, reported.size());
-    EXPECT_EQ(kDtaEventStarted, reported[0].event);
-    EXPECT_EQ(file.dtaUrl(), reported[0].message);
-    EXPECT_EQ(kDtaEventFinished, reported[1].event);
-    EXPECT_EQ(file.size(), reported[1].param2);
-    EXPECT_EQ(file.dtaUrl(), reported[1].message);
-
-    char record[60];
-    std::memset(record, 0x5a, sizeof record);
-    EXPECT_EQ(kDtaErrKind, engine_->queryTask(handle, 9, record));
-    EXPECT_EQ(kDtaErrHandle, engine_->queryTask(handle + 1000, kDtaInfoTransfer, record));
-    for (char c : record) ASSERT_EQ(0x5a, c) << "a failed query leaves the record alone";
-}
-
-TEST_F(BctiDtaTest, CloseEndsABlockedReaderAndForgetsTheHandle) {
-    TempDataFile file(100000, 10);
-    control::setDownloadPace(1, 50);  // far too slow for the read below
-    const int handle = task(file.dtaUrl());
-    std::vector<char> buffer(50000);
-    std::future<int> reader = std::async(std::launch::async, [&] {
-        uint64_t n = buffer.size();
-        return engine_->readData(handle, buffer.data(), &n);
-    });
-    EXPECT_EQ(0, engine_->closeTask(handle));
-    ASSERT_EQ(std::future_status::ready, reader.wait_for(testing_support::kWait));
-    EXPECT_EQ(kDtaErrHandle, reader.get());
-    EXPECT_EQ(kDtaErrHandle, engine_->closeTask(handle));
-    EXPECT_EQ(kDtaErrHandle, engine_->startTask(handle));
-    uint64_t n = 1;
-    EXPECT_EQ(kDtaErrHandle, engine_->readData(handle, buffer.data(), &n));
-}
-
 // --- Over HTTP ---------------------------------------------------------------------------
 
 constexpr int64_t kHttpBytes = 700 * 1024 + 11;
@@ -244,17 +187,11 @@ TEST_F(BctiDtaHttpTest, StreamsByteExactAndSeeksBackWithARangeWhateverTheFraming
 }
 
 // Starts fail for a missing resource, an unknown scheme, on request, on the
-// server's refusal and when nobody listens; a drop in the middle breaks the task.
+// server's refusal and when nobody listens.
 TEST_F(BctiDtaHttpTest, FailuresCarryTheServersAnswerOrTheNetworkError) {
     Reply notFound = withStatus(404);
     notFound.body = "not here";
-    Reply dropped;
-    dropped.cutAt = 200 * 1024;
-    dropped.close = Reply::kReset;
-    Reply gone;
-    gone.hangUp = true;
     server_.script("/missing", {notFound});
-    server_.script("/dropped", {dropped, gone});
 
     // Nobody listens on a port just closed.
     FaultServer closed(std::vector<char>(1));
@@ -294,24 +231,6 @@ TEST_F(BctiDtaHttpTest, FailuresCarryTheServersAnswerOrTheNetworkError) {
     }
     control::setStartTaskResult(0);
 
-    // Dropped in the middle and never served again: what came is read, then
-    // the read fails and the task is broken.
-    const int handle = task(server_.url("/dropped"));
-    std::vector<char> got, buffer(16384);
-    int result = 0;
-    for (int i = 0; i < 1000 && result == 0; ++i) {
-        uint64_t n = buffer.size();
-        result = engine_->readData(handle, buffer.data(), &n);
-        got.insert(got.end(), buffer.begin(), buffer.begin() + static_cast<long>(n));
-    }
-    EXPECT_EQ(kDtaErrSource, result);
-    EXPECT_EQ(slice(0, dropped.cutAt), got);
-    EXPECT_EQ(kDtaStateBroken, state(handle));
-    ASSERT_TRUE(control::waitForDownloadsIdle(kWaitMs));
-    const std::vector<Event> reported = eventsOf(handle);
-    ASSERT_EQ(2u, reported.size());
-    EXPECT_EQ(kDtaEventFailed, reported[1].event);
-    EXPECT_EQ(kDtaStateBroken, reported[1].param2);
 }
 
 // The server stops sending and holds the connection: neither a close nor a

@@ -463,18 +463,6 @@ protected:
     ScriptedFile file_;  // last: joins its completion threads before the rest goes
 };
 
-TEST_F(PullSourceTest, CompletionBeforeReadAsyncReturnsWaitsForTheRequestHandle) {
-    file_.asyncMode = ScriptedFile::AsyncMode::kCompleteFirst;
-    ASSERT_EQ(0, readAsync());
-    EXPECT_FALSE(file_.completedBeforeReturn)
-        << "the engine heard of the read before it knew the request handle";
-    EXPECT_EQ(file_.handle(), request_);
-    const Completion got = completion(1);
-    EXPECT_EQ(IMTK_PB_PULL_READ_DONE, got.result);
-    EXPECT_EQ(file_.handle(), got.storedHandle);
-    EXPECT_EQ(40u, got.length);
-}
-
 TEST_F(PullSourceTest, EachCompletionStatusReachesTheEngineOnce) {
     struct Row {
         VelkaStatus status;
@@ -542,17 +530,21 @@ TEST_F(PullSourceTest, RefusedReadFailsAndNeverCompletes) {
     EXPECT_EQ(file_.handle(), completion(1).storedHandle);
 }
 
-// With one read outstanding, a second that its source completes before
-// readAsync has returned waits for its own hand-off, not the first read's.
-TEST_F(PullSourceTest, EachReadWaitsForItsOwnHandOff) {
+// A read that its source completes before readAsync has returned reaches the
+// engine only once the engine knows its request handle; with one read
+// outstanding, the second waits for its own hand-off, not the first read's.
+TEST_F(PullSourceTest, CompletionBeforeReadAsyncReturnsWaitsForItsOwnRequestHandle) {
     ASSERT_EQ(0, readAsync());
     void* const first = request_;
     file_.asyncMode = ScriptedFile::AsyncMode::kCompleteFirst;
     ASSERT_EQ(0, readAsync());
     EXPECT_FALSE(file_.completedBeforeReturn)
-        << "the second read reached the engine on the first read's hand-off";
+        << "the engine heard of the read before it knew the request handle";
+    EXPECT_EQ(file_.handle(), request_);
     const Completion second = completion(1);
     EXPECT_EQ(file_.handle(), second.storedHandle);
+    EXPECT_EQ(IMTK_PB_PULL_READ_DONE, second.result);
+    EXPECT_EQ(40u, second.length);
     EXPECT_NE(first, file_.handle());
 
     file_.completeHeld(velka::kStatusOk, 8);

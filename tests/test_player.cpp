@@ -299,12 +299,7 @@ TEST_F(PlayerTest, SecondPlayerIsRefusedWhileTheFirstHoldsTheEngineAndOpensAfter
     second.addListener(secondLog);
     ASSERT_EQ(kStatusOk, player_->open(Media::url(media().mp4)));
     ASSERT_EQ(kStatusOk, player_->play(0));
-    ASSERT_TRUE(log_.waitFor([](const Events& all) {
-        for (const Event& e : all) {
-            if (e.id == MediaPlayer::kEventTimeUpdate) return true;
-        }
-        return false;
-    })) << "the first player does not play";
+    ASSERT_TRUE(log_.waitForTimeUpdate()) << "the first player does not play";
 
     EXPECT_EQ(kStatusInvalidState, second.open(Media::url(media().ts)));
     EXPECT_EQ(MediaPlayer::kStateClosed, second.state());
@@ -397,27 +392,6 @@ TEST_F(PlayerTest, ListenersMayChangeTheListAndIssueCommandsFromInsideNotify) {
     EXPECT_EQ(all, second.transitions());
     EXPECT_EQ((Events{kOpening}), third.transitions());
     EXPECT_EQ((Events(all.begin() + 1, all.end())), late.transitions());
-}
-
-TEST_F(PlayerTest, DestructorReturnsWithinAboutHalfASecond) {
-    // The destructor cuts the dispatch thread's wait on an empty queue short
-    // and waits for it. 2 s leaves room for a loaded two-core machine while
-    // still catching a destructor that waits longer or hangs.
-    for (int round = 0; round < 2; ++round) {
-        if (round == 1) {
-            // This time with the dispatch thread asleep after the last event.
-            player_.reset(new MediaPlayer);
-            player_->addListener(log_);
-            ASSERT_EQ(kStatusOk, player_->open(url_));
-            player_->close();
-            ASSERT_TRUE(log_.waitForEvent(kClosed));
-        }
-        const auto start = std::chrono::steady_clock::now();
-        player_.reset();
-        const auto took = std::chrono::steady_clock::now() - start;
-        EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(took).count(), 2000)
-            << "ms, round " << round;
-    }
 }
 
 // ---------------------------------------------------------------------------
@@ -552,12 +526,6 @@ TEST_F(PlayerTest, StopCloseAndDestructorDoNotWaitForAStalledDownloadRead) {
     // still outlasts the test.
     mtkpb::control::setSpeed(20);
     const std::string url = "dta-test://" + media().longClip;
-    auto timeUpdate = [](const Events& all) {
-        for (const Event& e : all) {
-            if (e.id == MediaPlayer::kEventTimeUpdate) return true;
-        }
-        return false;
-    };
     for (const auto& round : rounds) {
         SCOPED_TRACE(round.first);
         if (!player_) {
@@ -567,7 +535,7 @@ TEST_F(PlayerTest, StopCloseAndDestructorDoNotWaitForAStalledDownloadRead) {
         log_.clear();
         ASSERT_EQ(kStatusOk, player_->open(url));
         ASSERT_EQ(kStatusOk, player_->play(0));
-        ASSERT_TRUE(log_.waitFor(timeUpdate));
+        ASSERT_TRUE(log_.waitForTimeUpdate());
         bctidta::control::holdReads();
         ASSERT_TRUE(bctidta::control::waitForHeldReads(1, testing_support::kWaitMs));
 
@@ -586,7 +554,7 @@ TEST_F(PlayerTest, StopCloseAndDestructorDoNotWaitForAStalledDownloadRead) {
         if (round.second == Ending::kStopThenPlayAgain) {
             log_.clear();
             ASSERT_EQ(kStatusOk, player_->play(0));
-            EXPECT_TRUE(log_.waitFor(timeUpdate));
+            EXPECT_TRUE(log_.waitForTimeUpdate());
             player_->close();
         }
     }
@@ -629,13 +597,7 @@ void playDownloadThenExit() {
     exitingPlayer->addListener(*exitingLog);
     if (exitingPlayer->open("dta-test://" + media().longClip) != kStatusOk) exit(3);
     if (exitingPlayer->play(0) != kStatusOk) exit(4);
-    const bool playing = exitingLog->waitFor([](const Events& all) {
-        for (const Event& e : all) {
-            if (e.id == MediaPlayer::kEventTimeUpdate) return true;
-        }
-        return false;
-    });
-    exit(playing ? 0 : 5);
+    exit(exitingLog->waitForTimeUpdate() ? 0 : 5);
 }
 
 // An HTTP medium whose server (this thread: no server thread is left behind
@@ -739,16 +701,6 @@ struct Clip {
 
 void PrintTo(const Clip& clip, std::ostream* os) { *os << clip.name; }
 
-std::string readBytes(const std::string& path) {
-    std::string bytes;
-    FILE* f = std::fopen(path.c_str(), "rb");
-    if (f == nullptr) return bytes;
-    char block[65536];
-    for (size_t n; (n = std::fread(block, 1, sizeof block, f)) > 0;) bytes.append(block, n);
-    std::fclose(f);
-    return bytes;
-}
-
 std::string baseName(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
 class EndToEndTest : public PlayerTest, public ::testing::WithParamInterface<Clip> {
@@ -758,7 +710,7 @@ protected:
         server_ = new testing_support::NginxServer;
         if (!server_->start(&why_)) return;
         for (const std::string& path : {media().mp4, media().ts}) {
-            const std::string bytes = readBytes(path);
+            const std::string bytes = testing_support::readAll(path);
             server_->serve(baseName(path), std::vector<char>(bytes.begin(), bytes.end()));
         }
     }
@@ -853,11 +805,8 @@ INSTANTIATE_TEST_SUITE_P(Containers, EndToEndTest,
 
 class NetworkStreamTest : public PlayerTest {
 protected:
-    NetworkStreamTest() : server_(bytesOf(media().ts)) {}
-    static std::vector<char> bytesOf(const std::string& path) {
-        const std::string bytes = readBytes(path);
-        return std::vector<char>(bytes.begin(), bytes.end());
-    }
+    NetworkStreamTest() : server_(bytesOf(testing_support::readAll(media().ts))) {}
+    static std::vector<char> bytesOf(const std::string& bytes) { return {bytes.begin(), bytes.end()}; }
     void SetUp() override {
         PlayerTest::SetUp();
         if (HasFatalFailure()) return;

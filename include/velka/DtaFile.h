@@ -12,6 +12,8 @@
 namespace velka {
 
 class DtaTaskThread;
+template <typename FileT>
+class EngineTaskThread;
 
 // The source for every URL that is not "file://": the box's download engine
 // fetches the resource, this class turns its task operations into File
@@ -51,6 +53,9 @@ public:
 
 private:
     friend class DtaTaskThread;
+    friend class EngineTaskThread<DtaFile>;
+template <typename FileT>
+class EngineTaskThread;
 
     // position_ is at or past a known length. mutex_ held.
     bool atEnd() const;
@@ -63,7 +68,6 @@ private:
     // Guards position_ changes and every engine read of this file. Shared
     // with the worker while it reads for this file, which may outlive it.
     const std::shared_ptr<Mutex> mutex_;
-    bool closing_;                 // close() has begun: reads are refused; under the worker's lock
 };
 
 }  // namespace velka

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "velka/File.h"
@@ -11,6 +12,8 @@
 namespace velka {
 
 class PpsTaskThread;
+template <typename FileT>
+class EngineTaskThread;
 
 // A source over the box's peer-to-peer streaming engine: the URL becomes an
 // engine task, reads take bytes from the task at explicit positions, and the
@@ -54,12 +57,17 @@ public:
 
 private:
     friend class PpsTaskThread;
+    friend class EngineTaskThread<PpsFile>;
+template <typename FileT>
+class EngineTaskThread;
 
     int64_t position_;              // guarded by mutex_
     std::atomic<int64_t> length_;   // set by open(); -1 until the engine reports one
     std::atomic<int> taskIndex_;    // engine task; -1 = none
     std::atomic<int> error_;        // the last value error() returned
-    Mutex mutex_;                   // guards position_ and every engine read of this file
+    // Guards position_ and every engine read of this file; shared with the
+    // worker while it reads for this file.
+    const std::shared_ptr<Mutex> mutex_;
 };
 
 }  // namespace velka

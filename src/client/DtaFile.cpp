@@ -1,72 +1,37 @@
 #include "velka/DtaFile.h"
 
-#include <pthread.h>
-
-#include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
-#include <vector>
 
 #include "CBctiDta.h"
+#include "EngineTaskThread.h"
 #include "EngineWorkDir.h"
-#include "LibraryExit.h"
-#include "velka/Assert.h"
-#include "velka/Semaphore.h"
-#include "velka/Thread.h"
 #include "LogLine.h"
+#include "velka/Assert.h"
 
 namespace velka {
 
-// One queued asynchronous read. Its address is the request handle; the worker
-// frees it after completing it.
-struct DtaAsyncRequest {
-    // Not owned. Cleared under the worker's mutex_ when the file is closed
-    // while the engine still holds this request's read.
-    DtaFile* file;
-    char* buffer;   // not owned
-    uint32_t length;
-    bool cancelled;  // written under the worker's mutex_ while queued
-    File::AsyncCallback* callback;  // not owned; completed exactly once
-};
+typedef EngineAsyncRequest<DtaFile> DtaAsyncRequest;
 
-// The one worker of all DtaFiles: serves their asynchronous reads one at a
-// time, oldest first, and owns the engine's start-up and tear-down. Built on
-// first use and never freed; torn down at process exit after Playback
-// (LibraryExit.h), from when on it refuses new reads.
-class DtaTaskThread : public Thread::Runnable {
+// The one worker of all DtaFiles, which also owns the engine's start-up and
+// tear-down. Built on first use and never freed; torn down at process exit
+// after Playback (LibraryExit.h), from when on it refuses new reads.
+class DtaTaskThread : public EngineTaskThread<DtaFile> {
 public:
     static DtaTaskThread* instance();
 
-    // Runs on "DtaTaskThread".
-    void run() override;
-
 private:
-    friend class DtaFile;
+    friend class EngineTaskThread<DtaFile>;  // builds it and registers tearDown()
 
     DtaTaskThread();
     // At process exit, after Playback: ends the thread, completes what is
     // still queued as cancelled, releases the engine.
     static void tearDown();
 
-    // On the worker, with the file's mutex_ held: one engine read for
-    // `request`, unless its file was closed meanwhile.
-    VelkaStatus serve(DtaAsyncRequest* request, uint32_t* count);
-
-    std::atomic<bool> running_;  // cleared at tear-down
-    bool tornDown_;              // reads are refused from tear-down on; under mutex_
-    int initResult_;             // the engine's initEngine result; non-zero = unusable
-    Thread* thread_;             // owned
-    Mutex mutex_;                // guards requests_, inService_ and its file, tornDown_
-    Semaphore wakeup_;           // posted once per queued request and once at tear-down
-    std::deque<DtaAsyncRequest*> requests_;  // oldest first
-    // The request taken off the queue and not yet completed and freed; null
-    // when none.
-    DtaAsyncRequest* inService_;
-    std::condition_variable_any served_;  // notified whenever inService_ is cleared
-    std::atomic<pthread_t> workerThread_;  // the thread running run(), once it runs
+    void beginServing() override;
+    // One engine read for `request`, unless its file was closed meanwhile.
+    VelkaStatus serve(DtaAsyncRequest* request, uint32_t* count) override;
 };
 
 namespace {
@@ -95,110 +60,21 @@ int dta_event_handler(CBctiDta* /*engine*/, int32_t event, int32_t param1, int32
 
 }  // namespace
 
-DtaTaskThread* DtaTaskThread::instance() {
-    // Built once; other first callers wait for it. The pointer has nothing to
-    // destroy at exit, so late callers still find the worker.
-    static DtaTaskThread* const dtaTaskThread = [] {
-        DtaTaskThread* worker = new DtaTaskThread();
-        tearDownAfterPlayback(&DtaTaskThread::tearDown);
-        return worker;
-    }();
-    return dtaTaskThread;
-}
+DtaTaskThread* DtaTaskThread::instance() { return theWorker<DtaTaskThread>(); }
 
-DtaTaskThread::DtaTaskThread()
-    : running_(false),
-      tornDown_(false),
-      initResult_(0),
-      thread_(nullptr),
-      wakeup_(0),
-      inService_(nullptr),
-      workerThread_(pthread_t()) {
+DtaTaskThread::DtaTaskThread() {
     prepareEngineWorkDir("/3rd/velka/run/ems.conf", "cp -f /3rd/velka/run/ems.conf /tmp/velka");
-
     dtaEngine_ = CBctiDta::GetInstance();
-    initResult_ = dtaEngine_->initEngine(kWorkDir);
-
-    thread_ = new Thread(*this, false, "DtaTaskThread", 40, 2048);
-    // Set before the thread starts rather than by run(): a tear-down that
-    // comes before the new thread is first scheduled must still end it.
-    running_ = true;
-    thread_->start();
+    start("DtaTaskThread", dtaEngine_->initEngine(kWorkDir));
 }
 
 void DtaTaskThread::tearDown() {
-    DtaTaskThread* worker = instance();
-    {
-        Mutex::Autolock lock(worker->mutex_);
-        worker->tornDown_ = true;
-        worker->running_ = false;
-    }
-    worker->wakeup_.post();
-    delete worker->thread_;  // waits for run() to return
-    worker->thread_ = nullptr;
-    // Every accepted read completes once, also those the worker did not reach.
-    std::deque<DtaAsyncRequest*> left;
-    {
-        Mutex::Autolock lock(worker->mutex_);
-        left.swap(worker->requests_);
-    }
-    for (DtaAsyncRequest* request : left) {
-        request->callback->complete(kStatusCancelled, 0);
-        delete request;
-    }
+    instance()->stop();
     dtaEngine_->uninitEngine();
-    int ret = system("rm -fr /tmp/velka");
-    (void)ret;
+    removeEngineWorkDir();
 }
 
-void DtaTaskThread::run() {
-    // When the engine failed to initialise it serves nothing. Its requests
-    // still complete, in order, each with kStatusError (kStatusCancelled when
-    // cancelled) and without an engine call, so that no caller waits for a
-    // completion that never comes.
-    workerThread_ = pthread_self();
-    const bool engineUsable = initResult_ == 0;
-    if (engineUsable) dtaEngine_->setEventCallback(dta_event_handler);
-
-    while (running_) {
-        DtaAsyncRequest* request = nullptr;
-        std::shared_ptr<Mutex> fileLock;
-        {
-            Mutex::Autolock lock(mutex_);
-            if (!requests_.empty()) {
-                request = requests_.front();
-                requests_.pop_front();
-                inService_ = request;
-                fileLock = request->file->mutex_;
-            }
-        }
-        if (request == nullptr) {
-            wakeup_.wait();
-            continue;
-        }
-
-        VelkaStatus status;
-        uint32_t count = 0;
-        if (request->cancelled) {
-            status = kStatusCancelled;
-        } else if (!engineUsable) {
-            status = kStatusError;
-        } else {
-            Mutex::Autolock lock(*fileLock);
-            status = serve(request, &count);
-        }
-        // No lock held: the callback may queue the next read at once.
-        request->callback->complete(status, count);
-        // Out of service before it is freed: close() looks at the request in
-        // service under mutex_.
-        {
-            Mutex::Autolock lock(mutex_);
-            inService_ = nullptr;
-        }
-        delete request;
-        served_.notify_all();
-    }
-}
+void DtaTaskThread::beginServing() { dtaEngine_->setEventCallback(dta_event_handler); }
 
 VelkaStatus DtaTaskThread::serve(DtaAsyncRequest* request, uint32_t* count) {
     int handle;
@@ -241,8 +117,7 @@ DtaFile::DtaFile(const std::string& url)
       position_(0),
       length_(-1),
       handle_(-1),
-      mutex_(std::make_shared<Mutex>()),
-      closing_(false) {}
+      mutex_(std::make_shared<Mutex>()) {}
 
 DtaFile::~DtaFile() {}
 
@@ -267,51 +142,20 @@ int DtaFile::open() {
 // No completion of this file comes after close() returns, but for a read
 // that the engine still holds after the grace below: its queued requests
 // complete cancelled here, and a request in service (which the closed task
-// makes fail) is waited for a moment. From inside a completion of the
-// worker, that completion itself cannot be waited for.
+// makes fail) is waited for a moment.
 int DtaFile::close() {
     logPrint("DtaFile close\n");
     const int handle = handle_;
     if (handle != -1) {
         logPrint("DtaFile close1111\n");
         DtaTaskThread* worker = DtaTaskThread::instance();
-        std::vector<DtaAsyncRequest*> queued;
-        {
-            Mutex::Autolock queueLock(worker->mutex_);
-            closing_ = true;
-            for (auto it = worker->requests_.begin(); it != worker->requests_.end();) {
-                if ((*it)->file == this) {
-                    queued.push_back(*it);
-                    it = worker->requests_.erase(it);
-                } else {
-                    ++it;
-                }
-            }
-        }
+        const std::vector<DtaAsyncRequest*> queued = worker->beginClose(this);
         // Closing the task also ends an engine read of it that is waiting for data.
         dtaEngine_->closeTask(handle);
         logPrint("dta close handle %ld\n", static_cast<long>(handle));
-        if (!pthread_equal(worker->workerThread_.load(), pthread_self())) {
-            Mutex::Autolock queueLock(worker->mutex_);
-            auto readElsewhere = [worker, this] {
-                return worker->inService_ == nullptr || worker->inService_->file != this;
-            };
-            if (!worker->served_.wait_for(worker->mutex_,
-                                          std::chrono::milliseconds(kCloseGraceMs),
-                                          readElsewhere)) {
-                // The engine holds the read past the closed task: let it go.
-                worker->inService_->file = nullptr;
-            }
-        }
-        // Older than anything still queued: they complete after the one in
-        // service, unless the engine holds that one.
-        for (DtaAsyncRequest* request : queued) {
-            request->callback->complete(kStatusCancelled, 0);
-            delete request;
-        }
+        worker->letGo(this, kCloseGraceMs, queued);
         handle_ = -1;
-        Mutex::Autolock queueLock(worker->mutex_);
-        closing_ = false;
+        worker->endClose(this);
     }
     logPrint("DtaFile close success\n");
     return 0;
@@ -335,21 +179,7 @@ int DtaFile::read(char* buffer, uint32_t length) {
 
 void* DtaFile::readAsync(char* buffer, uint32_t length, AsyncCallback& callback) {
     VELKA_ASSERT(handle_ != -1);
-    DtaAsyncRequest* request = new DtaAsyncRequest{this, buffer, length, false, &callback};
-    DtaTaskThread* worker = DtaTaskThread::instance();
-    {
-        Mutex::Autolock lock(worker->mutex_);
-        // A read issued from a completion while close() runs would come after
-        // it; at process exit the worker serves no more.
-        if (closing_ || worker->tornDown_) {
-            delete request;
-            return nullptr;
-        }
-        worker->requests_.push_back(request);
-    }
-    worker->wakeup_.post();
-    // The request may already be completed and freed; only its address is returned.
-    return request;
+    return DtaTaskThread::instance()->enqueue(this, buffer, length, callback);
 }
 
 // Only the worker's queue is looked at: the file's mutex_ may be held by the
@@ -357,17 +187,7 @@ void* DtaFile::readAsync(char* buffer, uint32_t length, AsyncCallback& callback)
 // stop cancels its reads while that read stalls.
 int DtaFile::cancel(void* request) {
     VELKA_ASSERT(handle_ != -1);
-    DtaTaskThread* worker = DtaTaskThread::instance();
-    Mutex::Autolock queueLock(worker->mutex_);
-    for (DtaAsyncRequest* queued : worker->requests_) {
-        if (queued == request) {
-            // It stays queued; the worker completes it with kStatusCancelled.
-            queued->cancelled = true;
-            return 0;
-        }
-    }
-    // Taken by the worker or already completed: it completes normally.
-    return -1;
+    return DtaTaskThread::instance()->cancel(request);
 }
 
 // Positions past the end are clamped to length_ - 1; kSeekCurrent may still

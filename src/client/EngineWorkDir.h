@@ -28,6 +28,12 @@ inline void prepareEngineWorkDir(const char* configFile, const char* copyCommand
     }
 }
 
+// Removes the directory with what the engine left in it, at process exit.
+inline void removeEngineWorkDir() {
+    int ret = system("rm -fr /tmp/velka");
+    (void)ret;
+}
+
 }  // namespace velka
 
 #endif  // VELKA_SRC_CLIENT_ENGINEWORKDIR_H

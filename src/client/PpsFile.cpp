@@ -1,63 +1,39 @@
 #include "velka/PpsFile.h"
 
-#include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 
+#include "EngineTaskThread.h"
 #include "EngineWorkDir.h"
-#include "LibraryExit.h"
+#include "LogLine.h"
 #include "ems.h"
 #include "velka/Assert.h"
-#include "velka/Semaphore.h"
-#include "velka/Thread.h"
-#include "LogLine.h"
 
 namespace velka {
 
 // The engine's event listener; runs on the engine's threads.
 int ems_event_handler(int taskIndex, ems_event event);
 
-// One queued asynchronous read. Its address is the request handle; the worker
-// frees it after completing it.
-struct PpsAsyncRequest {
-    PpsFile* file;  // not owned
-    char* buffer;   // not owned
-    uint32_t length;
-    bool cancelled;  // written under the worker's mutex_ while queued
-    File::AsyncCallback* callback;  // not owned; completed exactly once
-};
+typedef EngineAsyncRequest<PpsFile> PpsAsyncRequest;
 
-// The one worker of all PpsFiles: serves their asynchronous reads one at a
-// time, oldest first, and owns the engine's start-up and tear-down. Built on
-// first use and never freed; torn down at process exit after Playback
-// (LibraryExit.h), from when on it refuses new reads.
-class PpsTaskThread : public Thread::Runnable {
+// The one worker of all PpsFiles, which also owns the engine's start-up and
+// tear-down. Built on first use and never freed; torn down at process exit
+// after Playback (LibraryExit.h), from when on it refuses new reads.
+class PpsTaskThread : public EngineTaskThread<PpsFile> {
 public:
     static PpsTaskThread* instance();
 
-    // Runs on "PpsTaskThread".
-    void run() override;
-
 private:
-    friend class PpsFile;
+    friend class EngineTaskThread<PpsFile>;  // builds it and registers tearDown()
 
     PpsTaskThread();
     // At process exit, after Playback: ends the thread, completes what is
     // still queued as cancelled, releases the engine.
     static void tearDown();
 
-    // On the worker, with the file's mutex_ held: one engine read for `request`.
-    VelkaStatus serve(PpsAsyncRequest* request, uint32_t* count);
-
-    std::atomic<bool> running_;  // cleared at tear-down
-    bool tornDown_;              // reads are refused from tear-down on; under mutex_
-    int initResult_;             // the engine's ems_init result; non-zero = unusable
-    Thread* thread_;             // owned
-    Mutex mutex_;                // guards requests_ and tornDown_
-    Semaphore wakeup_;           // posted once per queued request and once at tear-down
-    std::deque<PpsAsyncRequest*> requests_;  // oldest first
+    // One engine read for `request`.
+    VelkaStatus serve(PpsAsyncRequest* request, uint32_t* count) override;
 };
 
 // The task status record as the engine fills it: 24 bytes, the total length
@@ -70,11 +46,6 @@ namespace {
 
 // Where the engine works; its configuration is copied in when the worker is built.
 const char kWorkDir[] = "/tmp/velka";
-
-// The worker thread: below playback, which it feeds only through the engine's
-// pull callbacks.
-const int kWorkerPriority = 40;
-const int kWorkerStackBytes = 2048;
 
 // What every read passes the engine in its last argument; the engine's
 // meaning of it is its own.
@@ -177,91 +148,19 @@ int ems_event_handler(int taskIndex, ems_event event) {
     return 0;
 }
 
-PpsTaskThread* PpsTaskThread::instance() {
-    // Built once; other first callers wait for it. The pointer has nothing to
-    // destroy at exit, so late callers still find the worker.
-    static PpsTaskThread* const ppsTaskThread = [] {
-        PpsTaskThread* worker = new PpsTaskThread();
-        tearDownAfterPlayback(&PpsTaskThread::tearDown);
-        return worker;
-    }();
-    return ppsTaskThread;
-}
+PpsTaskThread* PpsTaskThread::instance() { return theWorker<PpsTaskThread>(); }
 
-PpsTaskThread::PpsTaskThread()
-    : running_(false), tornDown_(false), initResult_(0), thread_(nullptr), wakeup_(0) {
+PpsTaskThread::PpsTaskThread() {
     prepareEngineWorkDir("/3rd/velka/ems.conf", "cp -f /3rd/velka/ems.conf /tmp/velka");
-
-    initResult_ = ems_init(kWorkDir);
+    const int initResult = ems_init(kWorkDir);
     ems_event_listener_func(ems_event_handler);
-
-    thread_ = new Thread(*this, false, "PpsTaskThread", kWorkerPriority, kWorkerStackBytes);
-    // Set before the thread starts rather than by run(): a tear-down that
-    // comes before the new thread is first scheduled must still end it.
-    running_ = true;
-    thread_->start();
+    start("PpsTaskThread", initResult);
 }
 
 void PpsTaskThread::tearDown() {
-    PpsTaskThread* worker = instance();
-    {
-        Mutex::Autolock lock(worker->mutex_);
-        worker->tornDown_ = true;
-        worker->running_ = false;
-    }
-    worker->wakeup_.post();
-    delete worker->thread_;  // waits for run() to return
-    worker->thread_ = nullptr;
-    // Every accepted read completes once, also those the worker did not reach.
-    std::deque<PpsAsyncRequest*> left;
-    {
-        Mutex::Autolock lock(worker->mutex_);
-        left.swap(worker->requests_);
-    }
-    for (PpsAsyncRequest* request : left) {
-        request->callback->complete(kStatusCancelled, 0);
-        delete request;
-    }
+    instance()->stop();
     ems_uninit();
-    int ret = system("rm -fr /tmp/velka");
-    (void)ret;
-}
-
-void PpsTaskThread::run() {
-    // When the engine failed to initialise it serves nothing. Its requests
-    // still complete, in order, each with kStatusError (kStatusCancelled when
-    // cancelled) and without an engine call, so that no caller waits for a
-    // completion that never comes.
-    const bool engineUsable = initResult_ == 0;
-
-    while (running_) {
-        PpsAsyncRequest* request = nullptr;
-        {
-            Mutex::Autolock lock(mutex_);
-            if (!requests_.empty()) {
-                request = requests_.front();
-                requests_.pop_front();
-            }
-        }
-        if (request == nullptr) {
-            wakeup_.wait();
-            continue;
-        }
-
-        VelkaStatus status;
-        uint32_t count = 0;
-        if (request->cancelled) {
-            status = kStatusCancelled;
-        } else if (!engineUsable) {
-            status = kStatusError;
-        } else {
-            Mutex::Autolock lock(request->file->mutex_);
-            status = serve(request, &count);
-        }
-        // No lock held: the callback may queue the next read at once.
-        request->callback->complete(status, count);
-        delete request;
-    }
+    removeEngineWorkDir();
 }
 
 VelkaStatus PpsTaskThread::serve(PpsAsyncRequest* request, uint32_t* count) {
@@ -281,7 +180,8 @@ VelkaStatus PpsTaskThread::serve(PpsAsyncRequest* request, uint32_t* count) {
 }
 
 PpsFile::PpsFile(const std::string& url)
-    : File(url), position_(0), length_(-1), taskIndex_(-1), error_(0) {}
+    : File(url), position_(0), length_(-1), taskIndex_(-1), error_(0),
+      mutex_(std::make_shared<Mutex>()) {}
 
 PpsFile::~PpsFile() {}
 
@@ -315,7 +215,7 @@ int PpsFile::open() {
 
 int PpsFile::close() {
     logPrint("close task index %d\n", taskIndex_.load());
-    Mutex::Autolock lock(mutex_);
+    Mutex::Autolock lock(*mutex_);
     const int taskIndex = taskIndex_;
     if (taskIndex != -1) {
         ems_stop_task(taskIndex);
@@ -328,7 +228,7 @@ int PpsFile::close() {
 
 int PpsFile::read(char* buffer, uint32_t length) {
     VELKA_ASSERT(taskIndex_ != -1);
-    Mutex::Autolock lock(mutex_);
+    Mutex::Autolock lock(*mutex_);
     if (position_ == length_) return 0;
     int64_t hint = kReadHint;
     // 0 when that part has not arrived yet: the engine never waits.
@@ -339,42 +239,19 @@ int PpsFile::read(char* buffer, uint32_t length) {
 
 void* PpsFile::readAsync(char* buffer, uint32_t length, AsyncCallback& callback) {
     VELKA_ASSERT(taskIndex_ != -1);
-    PpsAsyncRequest* request = new PpsAsyncRequest{this, buffer, length, false, &callback};
-    PpsTaskThread* worker = PpsTaskThread::instance();
-    {
-        Mutex::Autolock lock(worker->mutex_);
-        // At process exit the worker serves no more.
-        if (worker->tornDown_) {
-            delete request;
-            return nullptr;
-        }
-        worker->requests_.push_back(request);
-    }
-    worker->wakeup_.post();
-    // The request may already be completed and freed; only its address is returned.
-    return request;
+    return PpsTaskThread::instance()->enqueue(this, buffer, length, callback);
 }
 
 int PpsFile::cancel(void* request) {
-    Mutex::Autolock lock(mutex_);
+    Mutex::Autolock lock(*mutex_);
     VELKA_ASSERT(taskIndex_ != -1);
-    PpsTaskThread* worker = PpsTaskThread::instance();
-    Mutex::Autolock queueLock(worker->mutex_);
-    for (PpsAsyncRequest* queued : worker->requests_) {
-        if (queued == request) {
-            // It stays queued; the worker completes it with kStatusCancelled.
-            queued->cancelled = true;
-            return 0;
-        }
-    }
-    // Taken by the worker or already completed: it completes normally.
-    return -1;
+    return PpsTaskThread::instance()->cancel(request);
 }
 
 // The result always lies within 0 and length_ (the end itself included). The
 // engine is not told: every read carries its position.
 int64_t PpsFile::seek(int64_t offset, Whence whence) {
-    Mutex::Autolock lock(mutex_);
+    Mutex::Autolock lock(*mutex_);
     VELKA_ASSERT(taskIndex_ != -1);
     const int64_t length = length_;
     // With the length unknown (-1) there is nothing to clamp to: seeks from
@@ -412,19 +289,19 @@ int64_t PpsFile::seek(int64_t offset, Whence whence) {
 }
 
 int64_t PpsFile::tell() {
-    Mutex::Autolock lock(mutex_);
+    Mutex::Autolock lock(*mutex_);
     VELKA_ASSERT(taskIndex_ != -1);
     return position_;
 }
 
 int64_t PpsFile::length() {
-    Mutex::Autolock lock(mutex_);
+    Mutex::Autolock lock(*mutex_);
     VELKA_ASSERT(taskIndex_ != -1);
     return length_;
 }
 
 int64_t PpsFile::available() {
-    Mutex::Autolock lock(mutex_);
+    Mutex::Autolock lock(*mutex_);
     VELKA_ASSERT(taskIndex_ != -1);
     // Unknown length: nothing can be told.
     if (length_ < 0) return -1;

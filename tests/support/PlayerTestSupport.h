@@ -104,6 +104,18 @@ public:
                        timeoutMs);
     }
 
+    // Waits until the engine reported a playing position.
+    bool waitForTimeUpdate(int timeoutMs = kEventWaitMs) {
+        return waitFor(
+            [](const Events& all) {
+                for (const Event& e : all) {
+                    if (e.id == MediaPlayer::kEventTimeUpdate) return true;
+                }
+                return false;
+            },
+            timeoutMs);
+    }
+
     // Waits until an event equal to `event` arrived.
     bool waitForEvent(const Event& event, int timeoutMs = kEventWaitMs) {
         return waitFor(
