@@ -1,0 +1,74 @@
+// Screen.h - the TV screen of the software engine: one window (or an
+// off-screen surface on a machine without a display), 1280x720, shared by
+// every engine instance of the process.
+//
+// One presenter thread owns every SDL video call: the window, the renderer,
+// the texture and the window's events. It runs while at least one VideoOut is
+// attached and takes the window down when the last one goes, after showing
+// black. Each turn it asks every attached VideoOut for the picture that is
+// due (so every instance's pictures keep moving) and shows the one of the
+// most recently attached, placed in the output rectangle with its aspect
+// ratio kept (letterboxed), black elsewhere.
+//
+// Lock order: lifecycle_, then mutex_, then a VideoOut's own lock.
+#ifndef MTKPB_SRC_SCREEN_H
+#define MTKPB_SRC_SCREEN_H
+
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "IMtkPb_Ctrl.h"
+#include "mtkpb_screen.h"
+
+namespace mtkpb {
+namespace detail {
+
+class VideoOut;
+
+class Screen {
+public:
+    static constexpr int kWidth = 1280;
+    static constexpr int kHeight = 720;
+    // How often the presenter looks for a due picture and for window events.
+    static constexpr int kTickMs = 4;
+
+    // How pictures are presented, from MTKPB_VIDEO: "window", "offscreen",
+    // "off" (pictures are not decoded); unset: a window when a display is
+    // there (DISPLAY, WAYLAND_DISPLAY or SDL_VIDEODRIVER set), else off screen.
+    enum class Mode { kWindow, kOffscreen, kOff };
+    static Mode mode();
+
+    static Screen& instance();
+
+    // Worker threads of the instances, with no engine lock held.
+    void attach(VideoOut* out);
+    void detach(VideoOut* out);
+
+    // The output rectangle, thousandths of the screen (any thread).
+    void setOutput(const EngineRect& output);
+    void setKeyHandler(MtkPb_Screen_KeyFct handler, void* tag);
+
+private:
+    Screen() = default;
+    void run(Mode mode);  // presenter thread
+
+    std::mutex lifecycle_;  // serialises attach/detach's start and end of the presenter
+    std::mutex mutex_;      // guards everything below
+    std::condition_variable condition_;
+    std::vector<VideoOut*> outs_;  // the last one is shown
+    EngineRect output_{0, 0, 1000, 1000};
+    uint64_t outputVersion_ = 0;
+    MtkPb_Screen_KeyFct keyHandler_ = nullptr;
+    void* keyTag_ = nullptr;
+    bool quit_ = false;
+    std::thread thread_;
+};
+
+}  // namespace detail
+}  // namespace mtkpb
+
+#endif  // MTKPB_SRC_SCREEN_H
