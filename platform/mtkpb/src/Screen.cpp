@@ -191,7 +191,7 @@ void Screen::setOutput(const EngineRect& output) {
 }
 
 void Screen::setKeyHandler(MtkPb_Screen_KeyFct handler, void* tag) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock(keyMutex_);
     keyHandler_ = handler;
     keyTag_ = tag;
 }
@@ -225,8 +225,6 @@ void Screen::run(Mode how) {
         EngineRect output;
         uint64_t outputVersion;
         bool quit;
-        MtkPb_Screen_KeyFct handler;
-        void* tag;
         {
             std::unique_lock<std::mutex> lock(mutex_);
             for (VideoOut* out : outs_) {
@@ -247,11 +245,13 @@ void Screen::run(Mode how) {
             quit = quit_;
             output = output_;
             outputVersion = outputVersion_;
-            handler = keyHandler_;
-            tag = keyTag_;
         }
-        if (handler != nullptr) {
-            for (int32_t key : keys) handler(key, tag);
+        if (!keys.empty()) {
+            // Under keyMutex_, so that a handler replaced has returned for good.
+            std::lock_guard<std::mutex> lock(keyMutex_);
+            for (int32_t key : keys) {
+                if (keyHandler_ != nullptr) keyHandler_(key, keyTag_);
+            }
         }
         if (quit) break;
         if (next != nullptr) {

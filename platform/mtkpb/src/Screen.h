@@ -10,7 +10,8 @@
 // most recently attached, placed in the output rectangle with its aspect
 // ratio kept (letterboxed), black elsewhere.
 //
-// Lock order: lifecycle_, then mutex_, then a VideoOut's own lock.
+// Lock order: lifecycle_, then mutex_, then a VideoOut's own lock; keyMutex_
+// alone (the host's handler runs under it).
 #ifndef MTKPB_SRC_SCREEN_H
 #define MTKPB_SRC_SCREEN_H
 
@@ -62,10 +63,12 @@ private:
     std::vector<VideoOut*> outs_;  // the last one is shown
     EngineRect output_{0, 0, 1000, 1000};
     uint64_t outputVersion_ = 0;
-    MtkPb_Screen_KeyFct keyHandler_ = nullptr;
-    void* keyTag_ = nullptr;
     bool quit_ = false;
     std::thread thread_;
+
+    std::mutex keyMutex_;  // guards the handler; held while it runs
+    MtkPb_Screen_KeyFct keyHandler_ = nullptr;
+    void* keyTag_ = nullptr;
 };
 
 }  // namespace detail
