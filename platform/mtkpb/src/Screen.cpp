@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -137,6 +138,17 @@ struct Device {
     }
 };
 
+void writeScreenshot(SDL_Renderer* renderer, const char* path) {
+    std::vector<uint8_t> rgb(size_t(Screen::kWidth) * Screen::kHeight * 3);
+    FILE* file = std::fopen(path, "wb");
+    if (file == nullptr) return;
+    if (SDL_RenderReadPixels(renderer, nullptr, SDL_PIXELFORMAT_RGB24, rgb.data(), Screen::kWidth * 3) == 0) {
+        std::fprintf(file, "P6\n%d %d\n255\n", Screen::kWidth, Screen::kHeight);
+        std::fwrite(rgb.data(), 1, rgb.size(), file);
+    }
+    std::fclose(file);
+}
+
 }  // namespace
 
 Screen::Mode Screen::mode() {
@@ -253,7 +265,20 @@ void Screen::run(Mode how) {
                 if (keyHandler_ != nullptr) keyHandler_(key, keyTag_);
             }
         }
-        if (quit) break;
+        if (quit) {
+            // MTKPB_SCREENSHOT names a file that gets the last screen (PPM).
+            const char* screenshot = std::getenv("MTKPB_SCREENSHOT");
+            if (shown && screenshot != nullptr && *screenshot != '\0') {
+                SDL_SetRenderDrawColor(device.renderer, 0, 0, 0, 255);
+                SDL_RenderClear(device.renderer);
+                if (onScreen != nullptr && pictureOk) {
+                    const SDL_Rect place = placePicture(output, onScreen);
+                    SDL_RenderCopy(device.renderer, device.texture, nullptr, &place);
+                }
+                writeScreenshot(device.renderer, screenshot);
+            }
+            break;
+        }
         if (next != nullptr) {
             av_frame_free(&onScreen);
             onScreen = next;
