@@ -137,8 +137,10 @@ struct Presented {
     double clockMs;
 };
 std::vector<Presented> presented();
-// Packets the decoders refused (corrupt data), since reset().
+// Packets the decoders refused (corrupt data), and pictures dropped unseen
+// because the next one was due too (late), since reset().
 uint64_t corruptPackets();
+uint64_t picturesDropped();
 
 // Waits until `condition` holds, re-checking whenever the engine's state
 // changes (a notification delivered, a read issued or completed, a packet

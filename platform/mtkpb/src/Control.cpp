@@ -44,6 +44,7 @@ struct ControlState {
     std::atomic<bool> hashing{false};
     std::atomic<bool> capture{false};
     std::atomic<uint64_t> corrupt{0};
+    std::atomic<uint64_t> dropped{0};
     std::mutex outputMutex;  // guards the three below
     std::vector<control::DecodedFrame> decoded;
     control::Picture picture;
@@ -157,6 +158,8 @@ void countCorrupt() {
     state().corrupt++;
     changed();
 }
+
+void countDropped() { state().dropped++; }
 
 void changed() {
     ControlState& s = state();
@@ -285,6 +288,8 @@ std::vector<Presented> presented() {
 
 uint64_t corruptPackets() { return state().corrupt; }
 
+uint64_t picturesDropped() { return state().dropped; }
+
 bool waitUntil(const std::function<bool()>& condition, uint32_t timeoutMs) {
     detail::ControlState& s = state();
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
@@ -337,6 +342,7 @@ void reset() {
     s.hashing = false;
     s.capture = false;
     s.corrupt = 0;
+    s.dropped = 0;
     {
         std::lock_guard<std::mutex> lock(s.outputMutex);
         s.decoded.clear();

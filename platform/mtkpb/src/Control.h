@@ -48,6 +48,7 @@ bool capturing();
 void recordPicture(uint32_t width, uint32_t height, int64_t timeMs, const std::vector<uint8_t>& rgb);
 void recordPresented(int64_t timeMs, double clockMs);
 void countCorrupt();
+void countDropped();
 
 // Wakes control::waitUntil(): something observable has changed.
 void changed();

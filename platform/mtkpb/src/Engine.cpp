@@ -155,7 +155,12 @@ IMTK_PB_ERROR_CODE_T Engine::pause() {
     if (state_ == State::kPlaying) {
         mediaBaseMs_ = clockMsLocked(Clock::now());
         state_ = State::kPaused;
-        if (presentation_) presentation_->setPaused(true);
+        if (presentation_) {
+            // The position is where the presentation stopped, at once.
+            presentation_->setPaused(true);
+            const int64_t presented = presentation_->positionMs();
+            if (presented >= 0) positionMs_ = clampMs(presented);
+        }
         condition_.notify_all();
     }
     return IMTK_PB_ERROR_CODE_OK;

@@ -62,28 +62,35 @@ int32_t keyOf(const SDL_KeyboardEvent& key) {
     }
 }
 
+}  // namespace
+
 // What the presenter holds of SDL; all of it used on the presenter thread only.
-struct Device {
+struct Screen::Device {
     SDL_Window* window = nullptr;
     SDL_Renderer* renderer = nullptr;
     SDL_Texture* texture = nullptr;
     int textureWidth = 0, textureHeight = 0, textureFormat = -1;
     bool started = false;
+    bool failed = false;
 
-    ~Device() {
-        if (texture != nullptr) SDL_DestroyTexture(texture);
-        if (renderer != nullptr) SDL_DestroyRenderer(renderer);
-        if (window != nullptr) SDL_DestroyWindow(window);
-        if (started) sdlEnd(SDL_INIT_VIDEO);
-    }
-
-    bool open(Screen::Mode mode) {
+    // SDL video stays started from the first screen to the end of the
+    // process: restarting it on this thread would load and unload the
+    // graphics libraries each time (they keep what they allocated).
+    bool start(Screen::Mode mode) {
+        if (started) return true;
+        if (failed) return false;
         std::string error;
         started = sdlStart(SDL_INIT_VIDEO, mode == Screen::Mode::kOffscreen ? "offscreen" : "", &error);
         if (!started) {
+            failed = true;
             announceOnce("video-failed", "cannot start SDL video (" + error + "): pictures are decoded, not shown");
-            return false;
         }
+        return started;
+    }
+
+    bool openWindow(Screen::Mode mode) {
+        if (renderer != nullptr) return true;
+        if (!start(mode)) return false;
         const Uint32 flags = mode == Screen::Mode::kWindow ? SDL_WINDOW_SHOWN | SDL_WINDOW_RESIZABLE : SDL_WINDOW_HIDDEN;
         window = SDL_CreateWindow("velka", SDL_WINDOWPOS_CENTERED, SDL_WINDOWPOS_CENTERED, Screen::kWidth,
                                   Screen::kHeight, flags);
@@ -94,13 +101,24 @@ struct Device {
             renderer = SDL_CreateRenderer(window, -1, SDL_RENDERER_SOFTWARE);
         }
         if (renderer == nullptr) {
-            announceOnce("video-failed", std::string("cannot open the screen (") + SDL_GetError() +
-                                             "): pictures are decoded, not shown");
+            announceOnce("window-failed", std::string("cannot open the screen (") + SDL_GetError() +
+                                              "): pictures are decoded, not shown");
+            closeWindow();
             return false;
         }
         // A resized window scales the whole 1280x720 screen.
         SDL_RenderSetLogicalSize(renderer, Screen::kWidth, Screen::kHeight);
         return true;
+    }
+
+    void closeWindow() {
+        if (texture != nullptr) SDL_DestroyTexture(texture);
+        if (renderer != nullptr) SDL_DestroyRenderer(renderer);
+        if (window != nullptr) SDL_DestroyWindow(window);
+        texture = nullptr;
+        renderer = nullptr;
+        window = nullptr;
+        textureFormat = -1;
     }
 
     // Uploads the picture; false when its pixel format cannot be shown.
@@ -138,6 +156,8 @@ struct Device {
     }
 };
 
+namespace {
+
 void writeScreenshot(SDL_Renderer* renderer, const char* path) {
     std::vector<uint8_t> rgb(size_t(Screen::kWidth) * Screen::kHeight * 3);
     FILE* file = std::fopen(path, "wb");
@@ -167,7 +187,6 @@ Screen& Screen::instance() {
 }
 
 void Screen::attach(VideoOut* out) {
-    std::lock_guard<std::mutex> lifecycle(lifecycle_);
     std::lock_guard<std::mutex> lock(mutex_);
     outs_.push_back(out);
     condition_.notify_all();
@@ -177,22 +196,19 @@ void Screen::attach(VideoOut* out) {
         announceOnce("offscreen", "no display (DISPLAY, WAYLAND_DISPLAY and SDL_VIDEODRIVER unset): "
                                   "pictures are presented off screen (MTKPB_VIDEO=window|offscreen|off chooses)");
     }
-    quit_ = false;
+    // Lives until the process ends, idle while no instance presents.
     thread_ = std::thread([this, how] { run(how); });
+    thread_.detach();
 }
 
 void Screen::detach(VideoOut* out) {
-    std::lock_guard<std::mutex> lifecycle(lifecycle_);
-    std::thread ending;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        outs_.erase(std::remove(outs_.begin(), outs_.end(), out), outs_.end());
-        if (!outs_.empty()) return;
-        quit_ = true;
-        condition_.notify_all();
-        ending = std::move(thread_);
-    }
-    if (ending.joinable()) ending.join();
+    std::unique_lock<std::mutex> lock(mutex_);
+    outs_.erase(std::remove(outs_.begin(), outs_.end(), out), outs_.end());
+    if (!outs_.empty()) return;
+    // The last one: the screen is blank and the window down when this returns.
+    const uint64_t ticket = ++endRequests_;
+    condition_.notify_all();
+    condition_.wait_for(lock, std::chrono::milliseconds(kEndWaitMs), [&] { return endsDone_ >= ticket; });
 }
 
 void Screen::setOutput(const EngineRect& output) {
@@ -210,7 +226,23 @@ void Screen::setKeyHandler(MtkPb_Screen_KeyFct handler, void* tag) {
 
 void Screen::run(Mode how) {
     Device device;
-    const bool shown = device.open(how);
+    for (;;) {
+        {
+            std::unique_lock<std::mutex> lock(mutex_);
+            condition_.wait(lock, [&] { return !outs_.empty() || endRequests_ > endsDone_; });
+            if (outs_.empty()) {
+                endsDone_ = endRequests_;
+                condition_.notify_all();
+                continue;
+            }
+        }
+        present(how, device);
+    }
+}
+
+// One session: from the first instance attached to the last one gone.
+void Screen::present(Mode how, Device& device) {
+    const bool shown = device.openWindow(how);
     AVFrame* onScreen = nullptr;  // the picture shown, kept for redraws
     int64_t onScreenPts = -1;
     bool pictureOk = false;
@@ -254,7 +286,7 @@ void Screen::run(Mode how) {
                 }
             }
             viewerClosed = false;
-            quit = quit_;
+            quit = outs_.empty();
             output = output_;
             outputVersion = outputVersion_;
         }
@@ -307,7 +339,7 @@ void Screen::run(Mode how) {
         }
         std::unique_lock<std::mutex> lock(mutex_);
         condition_.wait_for(lock, std::chrono::milliseconds(kTickMs), [&] {
-            return quit_ || outputVersion_ != drawnOutput;
+            return outs_.empty() || outputVersion_ != drawnOutput;
         });
     }
     // The screen goes black as the last instance leaves it.
@@ -321,6 +353,10 @@ void Screen::run(Mode how) {
         }
         SDL_RenderPresent(device.renderer);
     }
+    device.closeWindow();
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (outs_.empty()) endsDone_ = endRequests_;
+    condition_.notify_all();
 }
 
 }  // namespace detail

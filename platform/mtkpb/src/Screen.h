@@ -3,14 +3,14 @@
 // every engine instance of the process.
 //
 // One presenter thread owns every SDL video call: the window, the renderer,
-// the texture and the window's events. It runs while at least one VideoOut is
-// attached and takes the window down when the last one goes, after showing
-// black. Each turn it asks every attached VideoOut for the picture that is
+// the texture and the window's events. It starts with the first VideoOut
+// attached and lasts until the process ends; it opens the window when one is
+// attached and takes it down, after showing black, when the last one goes. Each turn it asks every attached VideoOut for the picture that is
 // due (so every instance's pictures keep moving) and shows the one of the
 // most recently attached, placed in the output rectangle with its aspect
 // ratio kept (letterboxed), black elsewhere.
 //
-// Lock order: lifecycle_, then mutex_, then a VideoOut's own lock; keyMutex_
+// Lock order: mutex_, then a VideoOut's own lock; keyMutex_
 // alone (the host's handler runs under it).
 #ifndef MTKPB_SRC_SCREEN_H
 #define MTKPB_SRC_SCREEN_H
@@ -36,6 +36,8 @@ public:
     static constexpr int kHeight = 720;
     // How often the presenter looks for a due picture and for window events.
     static constexpr int kTickMs = 4;
+    // How long the last detach waits for the screen to go blank.
+    static constexpr int kEndWaitMs = 5000;
 
     // How pictures are presented, from MTKPB_VIDEO: "window", "offscreen",
     // "off" (pictures are not decoded); unset: a window when a display is
@@ -57,14 +59,17 @@ private:
     Screen() = default;
     void run(Mode mode);  // presenter thread
 
-    std::mutex lifecycle_;  // serialises attach/detach's start and end of the presenter
-    std::mutex mutex_;      // guards everything below
+    struct Device;
+    void present(Mode mode, Device& device);  // presenter thread: one session
+
+    std::mutex mutex_;  // guards everything below
     std::condition_variable condition_;
     std::vector<VideoOut*> outs_;  // the last one is shown
     EngineRect output_{0, 0, 1000, 1000};
     uint64_t outputVersion_ = 0;
-    bool quit_ = false;
-    std::thread thread_;
+    uint64_t endRequests_ = 0;  // detach of the last instance: blank and take the window down
+    uint64_t endsDone_ = 0;
+    std::thread thread_;  // started by the first attach, detached
 
     std::mutex keyMutex_;  // guards the handler; held while it runs
     MtkPb_Screen_KeyFct keyHandler_ = nullptr;

@@ -1,6 +1,8 @@
 // VideoOut.cpp - the queue of decoded pictures of one instance.
 #include "VideoOut.h"
 
+#include "Control.h"
+
 extern "C" {
 #include <libavutil/frame.h>
 }
@@ -38,6 +40,7 @@ AVFrame* VideoOut::due(int64_t* ptsMs) {
             av_frame_free(&queue_.front().frame);
             queue_.pop_front();
             dropped_++;
+            countDropped();
         }
     }
     showNext_ = false;
