@@ -153,7 +153,10 @@ void Presentation::receiveAudio() {
         queueAudio(frame_);
         av_frame_unref(frame_);
     }
-    if (!audioStarted_ && (audio_->queuedMs() >= AudioOut::kQueueAheadMs ||
+    // The sound starts once enough is queued, and the first picture too, so
+    // that the first picture is not late from the start.
+    const bool picturesReady = !video_ || video_->queued() > 0 || video_->shownUntilMs() >= 0;
+    if (!audioStarted_ && ((audio_->queuedMs() >= AudioOut::kQueueAheadMs && picturesReady) ||
                            (video_ && video_->queued() >= kPicturesAhead))) {
         audioStarted_ = true;
         audio_->start();
@@ -203,6 +206,11 @@ bool Presentation::wantsMore() {
     const int64_t sound = audio_ ? audio_->queuedMs() : 0;
     const size_t pictures = video_ ? video_->queued() : 0;
     if (sound >= kMostSoundAheadMs || pictures >= kMostPicturesAhead) {
+        if (audio_ && !audioStarted_) {
+            // Full without a picture to wait for: the sound goes first.
+            audioStarted_ = true;
+            audio_->start();
+        }
         if (audio_ && sound == 0) {
             // Pictures piled up with no sound to go by: the sound is over.
             std::lock_guard<std::mutex> lock(clockMutex_);
