@@ -98,10 +98,6 @@ struct Screen::Device {
             renderer = SDL_CreateRenderer(window, -1, SDL_RENDERER_ACCELERATED);
         }
         if (window != nullptr && renderer == nullptr) {
-            // Off screen, the software renderer draws straight into the
-            // driver's surface: no OpenGL texture behind it (which would load
-            // the graphics libraries to copy every picture once more).
-            if (mode == Screen::Mode::kOffscreen) SDL_SetHint(SDL_HINT_FRAMEBUFFER_ACCELERATION, "0");
             renderer = SDL_CreateRenderer(window, -1, SDL_RENDERER_SOFTWARE);
         }
         if (renderer == nullptr) {

@@ -24,6 +24,10 @@ bool sdlStart(uint32_t flags, const std::string& driver, std::string* error) {
     const char* hint = flags & SDL_INIT_VIDEO ? SDL_HINT_VIDEODRIVER : SDL_HINT_AUDIODRIVER;
     const bool choose = !driver.empty() && SDL_WasInit(flags) == 0;
     if (choose) SDL_SetHintWithPriority(hint, driver.c_str(), SDL_HINT_OVERRIDE);
+    // Off screen, the software renderer draws straight into the driver's
+    // surface: no OpenGL texture behind it (which would load the graphics
+    // libraries to copy every picture once more).
+    if (driver == "offscreen") SDL_SetHint(SDL_HINT_FRAMEBUFFER_ACCELERATION, "0");
     const bool ok = SDL_InitSubSystem(flags) == 0;
     if (!ok && error != nullptr) *error = SDL_GetError();
     // The host's own later start chooses for itself again.

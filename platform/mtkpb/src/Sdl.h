@@ -11,7 +11,8 @@
 namespace mtkpb {
 namespace detail {
 
-// SDL_InitSubSystem(flags) with SDL_HINT_NO_SIGNAL_HANDLERS set first. With
+// SDL_InitSubSystem(flags) with SDL_HINT_NO_SIGNAL_HANDLERS set first. SDL's
+// hints are not thread-safe: the engine sets them here only, serialised. With
 // `driver` non-empty and the subsystem not yet started by anyone, that driver
 // is used. False (and *error set) when it failed.
 bool sdlStart(uint32_t flags, const std::string& driver, std::string* error);
