@@ -54,6 +54,7 @@ uint16_t bufferFrames(int rate) {
 
 AudioOut::AudioOut(int rate, int channels) : rate_(rate), channels_(channels) {
     if (wantDevice()) {
+        wantedDevice_ = true;
         std::string error;
         sdlStarted_ = sdlStart(SDL_INIT_AUDIO, "", &error);
         if (sdlStarted_) {
@@ -87,6 +88,10 @@ AudioOut::~AudioOut() {
         SDL_CloseAudioDevice(device_);  // waits for a callback under way
         sdlEnd(SDL_INIT_AUDIO);
     }
+    // SDL keeps per-thread state (its error text) for the thread that opened
+    // and closed the device, an engine worker SDL did not make and does not
+    // clean up after.
+    if (wantedDevice_) SDL_TLSCleanup();
     {
         std::lock_guard<std::mutex> lock(mutex_);
         quit_ = true;

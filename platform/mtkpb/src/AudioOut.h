@@ -67,6 +67,7 @@ private:
     int channels_;
     uint32_t device_ = 0;  // SDL device, 0 for the null sink
     bool sdlStarted_ = false;
+    bool wantedDevice_ = false;  // SDL was asked for a device on this thread
     double latencyMs_ = 0;  // from a sample taken to it being heard
 
     std::mutex mutex_;  // guards everything below
