@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 
 extern "C" {
 #include <libavutil/frame.h>
@@ -190,15 +191,15 @@ void Screen::attach(VideoOut* out) {
     std::lock_guard<std::mutex> lock(mutex_);
     outs_.push_back(out);
     condition_.notify_all();
-    if (thread_.joinable()) return;
+    if (started_) return;
+    started_ = true;
     const Mode how = mode();
     if (how == Mode::kOffscreen && !haveEnv("MTKPB_VIDEO")) {
         announceOnce("offscreen", "no display (DISPLAY, WAYLAND_DISPLAY and SDL_VIDEODRIVER unset): "
                                   "pictures are presented off screen (MTKPB_VIDEO=window|offscreen|off chooses)");
     }
     // Lives until the process ends, idle while no instance presents.
-    thread_ = std::thread([this, how] { run(how); });
-    thread_.detach();
+    std::thread([this, how] { run(how); }).detach();
 }
 
 void Screen::detach(VideoOut* out) {

@@ -19,7 +19,6 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "IMtkPb_Ctrl.h"
@@ -69,7 +68,7 @@ private:
     uint64_t outputVersion_ = 0;
     uint64_t endRequests_ = 0;  // detach of the last instance: blank and take the window down
     uint64_t endsDone_ = 0;
-    std::thread thread_;  // started by the first attach, detached
+    bool started_ = false;  // the presenter thread runs (detached, to the end of the process)
 
     std::mutex keyMutex_;  // guards the handler; held while it runs
     MtkPb_Screen_KeyFct keyHandler_ = nullptr;
