@@ -65,7 +65,9 @@ const char kUsage[] =
     "it generates a 640x360 and a 1280x720 H.264 clip and plays each at 1x,\n"
     "decoded and presented (off screen without a display), beside\n"
     "`ffmpeg -i CLIP -f null -` decoding the same clip: CPU seconds of each, their\n"
-    "ratio, and the pictures dropped.\n"
+    "ratio, and the pictures dropped; once as off screen (the screen composed only\n"
+    "when read), once with the screen composed in software and read back for every\n"
+    "picture (\"composed\").\n"
     "The library's diagnostic lines go to FILE (default: discarded).\n";
 
 // --- The library's lines away from the figures --------------------------------
@@ -282,8 +284,11 @@ public:
 
     // Plays `clip` at 1x, decoded and presented, to its end; then ffmpeg
     // decodes it as fast as it can. CPU seconds of both.
-    bool presentingCost(const std::string& clip, const char* size) {
+    // With `composed`, the screen is composed in software and read back for
+    // every picture (what off screen happens only when a test reads it).
+    bool presentingCost(const std::string& clip, const char* size, bool composed) {
         mtkpb::control::setSpeed(1);
+        mtkpb::control::setScreenCapture(composed);
         const std::string url = "file://" + clip;
         const uint64_t eos = mtkpb::control::notifications(IMTK_PB_CTRL_EVENT_EOS);
         const uint64_t droppedStart = mtkpb::control::picturesDropped();
@@ -301,6 +306,7 @@ public:
         const uint64_t shown = mtkpb::control::presented().size() - shownStart;
         player_.stop();
         player_.close();
+        mtkpb::control::setScreenCapture(false);
 
         const double childStart = cpuSeconds(RUSAGE_CHILDREN);
         const std::string command = "ffmpeg -nostdin -hide_banner -loglevel error -i '" + clip + "' -f null -";
@@ -308,7 +314,8 @@ public:
         const double ffmpeg = cpuSeconds(RUSAGE_CHILDREN) - childStart;
         figure("%-34s %6.2f CPU s over %.1f s (%.0f %% of one core); ffmpeg -i CLIP -f null -: %.2f CPU s;"
                " ratio %.2f; %" PRIu64 " of %" PRIu64 " pictures dropped (%.1f %%)",
-               (std::string("decode+present 1x, H.264 ") + size).c_str(), cpu, wallS,
+               (std::string("decode+present 1x, H.264 ") + size + (composed ? " composed" : "")).c_str(),
+               cpu, wallS,
                cpu / wallS * 100.0, ffmpeg, cpu / ffmpeg, dropped, dropped + shown,
                100.0 * static_cast<double>(dropped) / static_cast<double>(std::max<uint64_t>(1, dropped + shown)));
         return true;
@@ -428,7 +435,8 @@ int main(int argc, char** argv) {
             if (!ok) break;
             fprintf(stderr, "velka-bench-play: generating a %d s %s H.264 clip with ffmpeg\n",
                     kPresentClipSeconds, size);
-            ok = generatePresentClip(path, size) && bench.presentingCost(path, size);
+            ok = generatePresentClip(path, size) && bench.presentingCost(path, size, false) &&
+                 bench.presentingCost(path, size, true);
         }
         bench.memory();
         status = ok ? 0 : 1;

@@ -244,6 +244,9 @@ void Screen::run(Mode how) {
 // One session: from the first instance attached to the last one gone.
 void Screen::present(Mode how, Device& device) {
     const bool shown = device.openWindow(how);
+    const char* screenshot = std::getenv("MTKPB_SCREENSHOT");
+    const bool composeAlways = how == Mode::kWindow || (screenshot != nullptr && *screenshot != '\0');
+    bool uploaded = false;  // onScreen is in the texture
     AVFrame* onScreen = nullptr;  // the picture shown, kept for redraws
     int64_t onScreenPts = -1;
     bool pictureOk = false;
@@ -300,7 +303,6 @@ void Screen::present(Mode how, Device& device) {
         }
         if (quit) {
             // MTKPB_SCREENSHOT names a file that gets the last screen (PPM).
-            const char* screenshot = std::getenv("MTKPB_SCREENSHOT");
             if (shown && screenshot != nullptr && *screenshot != '\0') {
                 SDL_SetRenderDrawColor(device.renderer, 0, 0, 0, 255);
                 SDL_RenderClear(device.renderer);
@@ -316,11 +318,17 @@ void Screen::present(Mode how, Device& device) {
             av_frame_free(&onScreen);
             onScreen = next;
             onScreenPts = nextPts;
-            pictureOk = shown && device.upload(onScreen);
+            uploaded = false;
         }
         if (next != nullptr || outputVersion != drawnOutput) {
             drawnOutput = outputVersion;
-            if (shown) {
+            // Off screen nobody sees the screen: it is composed only when it
+            // is read (the control interface's capture, a screenshot).
+            if (shown && (composeAlways || capturing())) {
+                if (onScreen != nullptr && !uploaded) {
+                    pictureOk = device.upload(onScreen);
+                    uploaded = true;
+                }
                 SDL_SetRenderDrawColor(device.renderer, 0, 0, 0, 255);
                 SDL_RenderClear(device.renderer);
                 if (onScreen != nullptr && pictureOk) {
