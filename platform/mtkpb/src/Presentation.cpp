@@ -45,6 +45,15 @@ double toMs(int64_t ts, AVRational timeBase) {
     return ts == AV_NOPTS_VALUE ? -1.0 : static_cast<double>(ts) * 1000.0 * timeBase.num / timeBase.den;
 }
 
+// libavcodec's frame threads hand pictures over with atomics in code built
+// without ThreadSanitizer, which then takes every picture buffer for a race:
+// a ThreadSanitizer build decodes pictures on the calling thread.
+#if defined(__SANITIZE_THREAD__)
+constexpr int kPictureThreads = 1;
+#else
+constexpr int kPictureThreads = Presentation::kVideoThreads;
+#endif
+
 }  // namespace
 
 Presentation::Presentation(AVFormatContext* format) : format_(format) {
@@ -56,7 +65,7 @@ Presentation::Presentation(AVFormatContext* format) : format_(format) {
         if (type == AVMEDIA_TYPE_VIDEO && videoStream_ < 0 && pictures &&
             !(stream->disposition & AV_DISPOSITION_ATTACHED_PIC)) {
             videoStream_ = static_cast<int>(i);
-            videoCodec_ = openDecoder(stream, kVideoThreads);
+            videoCodec_ = openDecoder(stream, kPictureThreads);
         } else if (type == AVMEDIA_TYPE_AUDIO && audioStream_ < 0) {
             audioStream_ = static_cast<int>(i);
             audioCodec_ = openDecoder(stream, 1);
