@@ -369,7 +369,8 @@ struct Media {
     std::string empty = dir.file("empty.bin");
     // For presenting, small enough for the armhf suite under the emulator.
     std::string h264 = dir.file("h264.mp4");    // 2 s 320x180 H.264, AAC stereo 48 kHz
-    std::string flash = dir.file("flash.mp4");  // 3 s: a white picture and a beep at each second
+    std::string flash = dir.file("flash.mp4");  // 3 s: a white picture and a beep at each second;
+                                                // key frames every 1.6 s
     std::string grey = dir.file("grey.mp4");    // 1 s 320x180 grey, pictures only
     std::string tone = dir.file("tone.m4a");    // 1 s of sound only
     std::string noVideoCodec = dir.file("novideo.mkv");  // pictures in a codec nobody decodes
@@ -401,7 +402,7 @@ void makeMedia() {
         "-f lavfi -i color=c=black:size=320x180:rate=25:duration=3 -f lavfi -i "
         "sine=frequency=1000:duration=3:sample_rate=48000 -vf \"drawbox=c=white:t=fill:"
         "enable='lt(mod(t,1),0.04)'\" -af \"volume=volume=0:enable='gte(mod(t,1),0.04)'\" "
-        "-c:v libx264 -preset veryfast -g 25 -pix_fmt yuv420p -c:a aac ";
+        "-c:v libx264 -preset veryfast -g 40 -pix_fmt yuv420p -c:a aac ";
     if (!run(av10 + m.longMp4) ||
         !run(ff + small + m.h264) || !run(ff + flash + m.flash) ||
         !run(ff + "-f lavfi -i color=c=gray:size=320x180:rate=25:duration=1 -c:v libx264 "
