@@ -5,7 +5,9 @@
 // reads. The source checks the engine's side of the pull contract (app tag and
 // pull handle passed unchanged, valid origins, every accepted read completed
 // exactly once, no pb_abort after a completion, no read outstanding at
-// pb_close).
+// pb_close). At speed 1 the engine decodes and presents, off screen and into
+// a null sink (or SDL's disk driver): what it decoded, showed and gave the
+// sound device is compared with FFmpeg's decode of the same clips.
 
 #include <gtest/gtest.h>
 
