@@ -73,6 +73,7 @@ struct Screen::Device {
     int textureWidth = 0, textureHeight = 0, textureFormat = -1;
     bool started = false;
     bool failed = false;
+    Screen::Mode effective = Screen::Mode::kOffscreen;  // a window asked for may be off screen
 
     // SDL video stays started from the first screen to the end of the
     // process: restarting it on this thread would load and unload the
@@ -81,7 +82,27 @@ struct Screen::Device {
         if (started) return true;
         if (failed) return false;
         std::string error;
-        started = sdlStart(SDL_INIT_VIDEO, mode == Screen::Mode::kOffscreen ? "offscreen" : "", &error);
+        effective = mode;
+        // A window: X11 unless Wayland (or SDL_VIDEODRIVER) says otherwise;
+        // SDL would otherwise try them all and end up off screen unasked.
+        std::string driver = "offscreen";
+        if (mode == Screen::Mode::kWindow) {
+            driver = haveEnv("SDL_VIDEODRIVER") || haveEnv("WAYLAND_DISPLAY") ? "" : "x11";
+        }
+        started = sdlStart(SDL_INIT_VIDEO, driver, &error);
+        const char* current = started ? SDL_GetCurrentVideoDriver() : nullptr;
+        if (mode == Screen::Mode::kWindow && current != nullptr &&
+            (std::strcmp(current, "offscreen") == 0 || std::strcmp(current, "dummy") == 0)) {
+            announceOnce("no-window", std::string("no display could be opened (SDL chose its ") + current +
+                                          " driver): pictures are presented off screen");
+            effective = Screen::Mode::kOffscreen;
+        }
+        if (!started && mode == Screen::Mode::kWindow) {
+            // A display that cannot be opened (an unreachable X server, say).
+            announceOnce("no-window", "cannot open a window (" + error + "): pictures are presented off screen");
+            effective = Screen::Mode::kOffscreen;
+            started = sdlStart(SDL_INIT_VIDEO, "offscreen", &error);
+        }
         if (!started) {
             failed = true;
             announceOnce("video-failed", "cannot start SDL video (" + error + "): pictures are decoded, not shown");
@@ -89,9 +110,10 @@ struct Screen::Device {
         return started;
     }
 
-    bool openWindow(Screen::Mode mode) {
+    bool openWindow(Screen::Mode asked) {
         if (renderer != nullptr) return true;
-        if (!start(mode)) return false;
+        if (!start(asked)) return false;
+        const Screen::Mode mode = effective;
         const Uint32 flags = mode == Screen::Mode::kWindow ? SDL_WINDOW_SHOWN | SDL_WINDOW_RESIZABLE : SDL_WINDOW_HIDDEN;
         window = SDL_CreateWindow("velka", SDL_WINDOWPOS_CENTERED, SDL_WINDOWPOS_CENTERED, Screen::kWidth,
                                   Screen::kHeight, flags);
@@ -245,7 +267,8 @@ void Screen::run(Mode how) {
 void Screen::present(Mode how, Device& device) {
     const bool shown = device.openWindow(how);
     const char* screenshot = std::getenv("MTKPB_SCREENSHOT");
-    const bool composeAlways = how == Mode::kWindow || (screenshot != nullptr && *screenshot != '\0');
+    const bool composeAlways =
+        device.effective == Mode::kWindow || (screenshot != nullptr && *screenshot != '\0');
     bool uploaded = false;  // onScreen is in the texture
     AVFrame* onScreen = nullptr;  // the picture shown, kept for redraws
     int64_t onScreenPts = -1;
