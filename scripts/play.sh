@@ -39,7 +39,7 @@ if [ -z "$have_url" ]; then
              -f lavfi -i "sine=frequency=440:sample_rate=48000:duration=12")
     ffmpeg=(ffmpeg -nostdin -hide_banner -loglevel error -y)
     # H.264 when this ffmpeg has an encoder for it; MPEG-4 part 2 otherwise.
-    # The software engine only demuxes, so either plays.
+    # The software engine decodes either with libavcodec.
     if ! "${ffmpeg[@]}" "${sources[@]}" -c:v libx264 -preset veryfast -g 25 -pix_fmt yuv420p \
          -c:a aac -b:a 96k -movflags +faststart "$sample.part.mp4" 2> /dev/null; then
       "${ffmpeg[@]}" "${sources[@]}" -c:v mpeg4 -q:v 4 -g 25 \

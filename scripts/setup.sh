@@ -25,7 +25,8 @@ packages=(
   build-essential cmake ninja-build pkg-config
   libgtest-dev libgmock-dev
   libcurl4-openssl-dev
-  libavformat-dev libavcodec-dev libavutil-dev ffmpeg
+  libavformat-dev libavcodec-dev libavutil-dev libswresample-dev ffmpeg
+  libsdl2-dev
   iproute2
   nginx-light
 )

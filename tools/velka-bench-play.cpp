@@ -2,12 +2,15 @@
 // file through velka::MediaPlayer on the software playback engine: open
 // latency, time-seek latency, process CPU at real-time speed, the highest
 // feed rate when the engine pulls as fast as it can, wakeups of the idle
-// process, and peak memory.
+// process, and peak memory; then the cost of decoding and presenting a
+// 640x360 and a 1280x720 H.264 clip at 1x beside `ffmpeg -i CLIP -f null -`
+// decoding the same clip in the same run, and the share of pictures dropped.
 // Figures are printed, never judged.
 
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -44,6 +47,9 @@ constexpr int kSeekTargetsMs[] = {15000, 3000, 18000, 6000, 12000, 1000, 9000};
 constexpr int kCpuWindowSeconds = 10;
 // The window in which idle wakeups are counted.
 constexpr int kIdleWindowSeconds = 4;
+// The H.264 clips decoded and presented, and their length.
+constexpr const char* kPresentSizes[] = {"640x360", "1280x720"};
+constexpr int kPresentClipSeconds = 10;
 // Bound on every wait for the player or the engine.
 constexpr uint32_t kWaitMs = 120000;
 
@@ -55,7 +61,13 @@ const char kUsage[] =
     "through the velka player on the software playback engine and prints:\n"
     "open latency, timeSeek latency, process CPU while playing at 1x, the\n"
     "highest feed rate when the engine pulls as fast as it can, wakeups of the\n"
-    "idle process and peak memory.\n"
+    "idle process and peak memory (pictures not decoded: MTKPB_VIDEO=off). Then\n"
+    "it generates a 640x360 and a 1280x720 H.264 clip and plays each at 1x,\n"
+    "decoded and presented (off screen without a display), beside\n"
+    "`ffmpeg -i CLIP -f null -` decoding the same clip: CPU seconds of each, their\n"
+    "ratio, and the pictures dropped; once as off screen (the screen composed only\n"
+    "when read), once with the screen composed in software and read back for every\n"
+    "picture (\"composed\").\n"
     "The library's diagnostic lines go to FILE (default: discarded).\n";
 
 // --- The library's lines away from the figures --------------------------------
@@ -134,9 +146,9 @@ Stats stats(std::vector<double> values) {
     return {values.front(), values[values.size() / 2], values.back()};
 }
 
-double cpuSeconds() {
+double cpuSeconds(int who = RUSAGE_SELF) {
     struct rusage usage;
-    getrusage(RUSAGE_SELF, &usage);
+    getrusage(who, &usage);
     return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
            static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
@@ -270,6 +282,45 @@ public:
                static_cast<double>(after.ru_nvcsw - before.ru_nvcsw) / seconds, seconds);
     }
 
+    // Plays `clip` at 1x, decoded and presented, to its end; then ffmpeg
+    // decodes it as fast as it can. CPU seconds of both.
+    // With `composed`, the screen is composed in software and read back for
+    // every picture (what off screen happens only when a test reads it).
+    bool presentingCost(const std::string& clip, const char* size, bool composed) {
+        mtkpb::control::setSpeed(1);
+        mtkpb::control::setScreenCapture(composed);
+        const std::string url = "file://" + clip;
+        const uint64_t eos = mtkpb::control::notifications(IMTK_PB_CTRL_EVENT_EOS);
+        const uint64_t droppedStart = mtkpb::control::picturesDropped();
+        const size_t shownStart = mtkpb::control::presented().size();
+        if (player_.open(url) != velka::kStatusOk) return fail("open");
+        const double cpuStart = cpuSeconds();
+        const Clock::time_point start = Clock::now();
+        if (player_.play(0) != velka::kStatusOk) return fail("play");
+        if (!mtkpb::control::waitForNotifications(IMTK_PB_CTRL_EVENT_EOS, eos + 1, kWaitMs)) {
+            return fail("the end of the stream");
+        }
+        const double cpu = cpuSeconds() - cpuStart;
+        const double wallS = msSince(start) / 1000.0;
+        const uint64_t dropped = mtkpb::control::picturesDropped() - droppedStart;
+        const uint64_t shown = mtkpb::control::presented().size() - shownStart;
+        player_.stop();
+        player_.close();
+        mtkpb::control::setScreenCapture(false);
+
+        const double childStart = cpuSeconds(RUSAGE_CHILDREN);
+        const std::string command = "ffmpeg -nostdin -hide_banner -loglevel error -i '" + clip + "' -f null -";
+        if (system(command.c_str()) != 0) return fail("ffmpeg -f null");
+        const double ffmpeg = cpuSeconds(RUSAGE_CHILDREN) - childStart;
+        figure("%-34s %6.2f CPU s over %.1f s (%.0f %% of one core); ffmpeg -i CLIP -f null -: %.2f CPU s;"
+               " ratio %.2f; %" PRIu64 " of %" PRIu64 " pictures dropped (%.1f %%)",
+               (std::string("decode+present 1x, H.264 ") + size + (composed ? " composed" : "")).c_str(),
+               cpu, wallS,
+               cpu / wallS * 100.0, ffmpeg, cpu / ffmpeg, dropped, dropped + shown,
+               100.0 * static_cast<double>(dropped) / static_cast<double>(std::max<uint64_t>(1, dropped + shown)));
+        return true;
+    }
+
     void memory() {
         struct rusage usage;
         getrusage(RUSAGE_SELF, &usage);
@@ -298,6 +349,16 @@ private:
     Watcher watcher_;
     MediaPlayer player_;  // after watcher_: its dispatch thread ends first
 };
+
+bool generatePresentClip(const std::string& path, const char* size) {
+    const std::string seconds = std::to_string(kPresentClipSeconds);
+    const std::string command =
+        std::string("ffmpeg -nostdin -hide_banner -loglevel error -y") +
+        " -f lavfi -i testsrc2=size=" + size + ":rate=25:duration=" + seconds +
+        " -f lavfi -i sine=frequency=440:sample_rate=48000:duration=" + seconds +
+        " -c:v libx264 -preset veryfast -g 50 -pix_fmt yuv420p -c:a aac -ac 2 '" + path + "'";
+    return system(command.c_str()) == 0;
+}
 
 bool generateClip(const std::string& path) {
     const std::string seconds = std::to_string(kClipSeconds);
@@ -333,14 +394,13 @@ int main(int argc, char** argv) {
     }
     velka::tools::routeLibraryLines(log);  // open until the process ends
 
-    std::string dir;
+    char pattern[] = "/tmp/velka-bench-play-XXXXXX";
+    if (mkdtemp(pattern) == nullptr) {
+        fprintf(stderr, "velka-bench-play: cannot make a folder in /tmp\n");
+        return 1;
+    }
+    const std::string dir = pattern;
     if (clip.empty()) {
-        char pattern[] = "/tmp/velka-bench-play-XXXXXX";
-        if (mkdtemp(pattern) == nullptr) {
-            fprintf(stderr, "velka-bench-play: cannot make a folder in /tmp\n");
-            return 1;
-        }
-        dir = pattern;
         clip = dir + "/clip-20mbit.ts";
         fprintf(stderr, "velka-bench-play: generating a %d s 20 Mbit/s clip with ffmpeg\n",
                 kClipSeconds);
@@ -363,13 +423,25 @@ int main(int argc, char** argv) {
     {
         Bench bench(clip, static_cast<int64_t>(st.st_size));
         figure("clip %s: %.1f MB", clip.c_str(), static_cast<double>(st.st_size) / 1e6);
-        const bool ok = bench.openLatency() && bench.seekLatency() && bench.cpuAtRealTime() &&
-                        bench.feedRate();
+        // The library's own figures: the pictures of the 1080p clip are not
+        // decoded (the sound is), so that decoding does not swamp them.
+        setenv("MTKPB_VIDEO", "off", 1);
+        bool ok = bench.openLatency() && bench.seekLatency() && bench.cpuAtRealTime() &&
+                  bench.feedRate();
         if (ok) bench.idleWakeups();
+        unsetenv("MTKPB_VIDEO");
+        for (const char* size : kPresentSizes) {
+            const std::string path = dir + "/h264-" + size + ".mp4";
+            if (!ok) break;
+            fprintf(stderr, "velka-bench-play: generating a %d s %s H.264 clip with ffmpeg\n",
+                    kPresentClipSeconds, size);
+            ok = generatePresentClip(path, size) && bench.presentingCost(path, size, false) &&
+                 bench.presentingCost(path, size, true);
+        }
         bench.memory();
         status = ok ? 0 : 1;
     }
-    if (!dir.empty()) {
+    {
         const std::string command = "rm -rf '" + dir + "'";
         if (system(command.c_str()) != 0) status = 1;
     }

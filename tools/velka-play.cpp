@@ -27,6 +27,9 @@
 #include "PlayStatus.h"
 #include "PlayTerminal.h"
 #include "velka/MediaPlayer.h"
+#ifdef VELKA_PLAY_WINDOW_KEYS
+#include "mtkpb_screen.h"
+#endif
 
 namespace {
 
@@ -53,7 +56,7 @@ constexpr int kLoopTickMs = 500;
 constexpr std::chrono::milliseconds kEventWait(2000);
 
 const char kUsage[] =
-    "Usage: velka-play [--start MS] [--speed N] [--log FILE] [--quiet] URL\n"
+    "Usage: velka-play [--start MS] [--speed N] [--log FILE] [--quiet] [--no-video] URL\n"
     "       velka-play --help | --version\n"
     "\n"
     "Plays URL through the velka media player on the platform's playback engine\n"
@@ -70,6 +73,8 @@ const char kUsage[] =
     "               are dropped (VELKA_LOG=FILE also keeps those it prints while\n"
     "               it is loaded)\n"
     "  --quiet      no status; errors only\n"
+    "  --no-video   no picture: the software playback engine decodes and plays\n"
+    "               the sound only, and velka-play stays in the terminal\n"
     "  --help       this text\n"
     "  --version    the version\n"
     "\n"
@@ -78,6 +83,12 @@ const char kUsage[] =
     "input is a terminal: space pauses and resumes, left and right arrows seek\n"
     "10 s back and forward, up and down arrows 60 s, ? shows the keys, q quits.\n"
     "Without a terminal one line is written per state change.\n"
+    "\n"
+    "On a desktop the software playback engine shows the picture in a window\n"
+    "(at speed 1; any other speed plays without picture and sound); the keys\n"
+    "work in that window too, and closing it quits as q does. Without a display\n"
+    "it presents off screen (MTKPB_VIDEO=window|offscreen|off and\n"
+    "MTKPB_AUDIO=device|null choose).\n"
     "\n"
     "Exit status, with one line on standard error that says why:\n"
     "  0  the end of the stream, or q\n"
@@ -117,6 +128,50 @@ private:
     WakePipe& wake_;
     std::mutex mutex_;  // guards events_
     std::deque<MediaPlayer::Event> events_;
+};
+
+// Keys pressed in the playback engine's window (on a desktop, with the
+// software engine): kept for the main thread like the terminal's.
+class WindowKeys {
+public:
+    explicit WindowKeys(WakePipe& wake) : wake_(wake) {
+#ifdef VELKA_PLAY_WINDOW_KEYS
+        MtkPb_Screen_SetKeyHandler(key_cb, this);
+#endif
+    }
+    ~WindowKeys() {
+#ifdef VELKA_PLAY_WINDOW_KEYS
+        MtkPb_Screen_SetKeyHandler(nullptr, nullptr);
+#endif
+    }
+    WindowKeys(const WindowKeys&) = delete;
+    WindowKeys& operator=(const WindowKeys&) = delete;
+
+    std::deque<Key> take() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        std::deque<Key> taken;
+        taken.swap(keys_);
+        return taken;
+    }
+
+private:
+#ifdef VELKA_PLAY_WINDOW_KEYS
+    // The engine's presenter thread.
+    static void key_cb(int32_t key, void* tag) {
+        static const Key keys[] = {Key::kNone, Key::kQuit,    Key::kQuit,     Key::kPause, Key::kBack,
+                                   Key::kForward, Key::kForwardLong, Key::kBackLong, Key::kHelp};
+        if (key < 0 || key >= static_cast<int32_t>(sizeof keys / sizeof keys[0])) return;
+        WindowKeys* self = static_cast<WindowKeys*>(tag);
+        {
+            std::lock_guard<std::mutex> lock(self->mutex_);
+            self->keys_.push_back(keys[key]);
+        }
+        self->wake_.wake();
+    }
+#endif
+    WakePipe& wake_;
+    std::mutex mutex_;  // guards keys_
+    std::deque<Key> keys_;
 };
 
 // --- The screen ------------------------------------------------------------------
@@ -195,7 +250,11 @@ std::string headerText(const std::string& url, bool keys) {
 class PlayApp {
 public:
     PlayApp(const PlayOptions& o, FILE* out)
-        : options_(o), url_(velka::tools::toPlayUrl(o.url)), screen_(out, o.quiet), inbox_(wake_) {
+        : options_(o),
+          url_(velka::tools::toPlayUrl(o.url)),
+          screen_(out, o.quiet),
+          inbox_(wake_),
+          windowKeys_(wake_) {
         status_.state = MediaPlayer::kStateOpening;  // the command thread opens first
         status_.positionMs = o.startMs;
     }
@@ -256,22 +315,23 @@ private:
             const int count = poll(fds, keys ? 2 : 1, kLoopTickMs);
             if (count > 0 && (fds[0].revents & POLLIN)) wake_.drain();
             bool quit = velka::tools::quitSignal() != 0;
+            const auto press = [&](Key key) {
+                if (key == Key::kQuit) quit = true;
+                if (key == Key::kHelp) screen_.line("%s", kKeysLine);
+                if (stopAsked) return;
+                if (key == Key::kPause) commander.post(Commander::Command::kPause);
+                if (key == Key::kBack) seekBy(commander, -kSeekStepMs);
+                if (key == Key::kForward) seekBy(commander, kSeekStepMs);
+                if (key == Key::kBackLong) seekBy(commander, -kLongSeekStepMs);
+                if (key == Key::kForwardLong) seekBy(commander, kLongSeekStepMs);
+            };
             if (count > 0 && keys && (fds[1].revents & (POLLIN | POLLHUP))) {
                 uint8_t bytes[32];
                 const ssize_t n = read(STDIN_FILENO, bytes, sizeof bytes);
                 if (n <= 0) keys = false;  // the terminal went away
-                for (ssize_t i = 0; i < n; ++i) {
-                    const Key key = decoder.feed(bytes[i]);
-                    if (key == Key::kQuit) quit = true;
-                    if (key == Key::kHelp) screen_.line("%s", kKeysLine);
-                    if (stopAsked) continue;
-                    if (key == Key::kPause) commander.post(Commander::Command::kPause);
-                    if (key == Key::kBack) seekBy(commander, -kSeekStepMs);
-                    if (key == Key::kForward) seekBy(commander, kSeekStepMs);
-                    if (key == Key::kBackLong) seekBy(commander, -kLongSeekStepMs);
-                    if (key == Key::kForwardLong) seekBy(commander, kLongSeekStepMs);
-                }
+                for (ssize_t i = 0; i < n; ++i) press(decoder.feed(bytes[i]));
             }
+            for (Key key : windowKeys_.take()) press(key);
             if (quit && !stopAsked) {
                 stopAsked = true;
                 commander.post(Commander::Command::kStop);
@@ -338,6 +398,7 @@ private:
     Screen screen_;
     WakePipe wake_;
     Inbox inbox_;
+    WindowKeys windowKeys_;
     PlayStatus status_;
     MediaPlayer player_;  // after inbox_: its dispatch thread ends before inbox_ goes
     PlayFailure failure_;
@@ -375,6 +436,12 @@ int main(int argc, char** argv) {
     // first plays, after this.
     if (o.speed != nullptr && setenv("MTKPB_SPEED", o.speed, 1) != 0) {
         fprintf(stderr, "velka-play: cannot apply --speed %s: %s\n", o.speed, strerror(errno));
+        return velka::tools::kExitUsage;
+    }
+
+    // Sound only: the software engine reads this when it starts presenting.
+    if (o.noVideo && setenv("MTKPB_VIDEO", "off", 1) != 0) {
+        fprintf(stderr, "velka-play: cannot apply --no-video: %s\n", strerror(errno));
         return velka::tools::kExitUsage;
     }
 

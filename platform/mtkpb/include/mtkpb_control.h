@@ -10,6 +10,8 @@
 
 #include <cstdint>
 #include <functional>
+#include <string>
+#include <vector>
 
 #include "IMtkPb_Ctrl.h"
 
@@ -94,6 +96,51 @@ constexpr uint64_t kFnvOffsetBasis = 0xcbf29ce484222325ull;
 // The rectangles of the last IMtkPb_Ctrl_SetDisplayRectangle that got through
 // to the engine (any instance); false when there was none since reset().
 bool displayRectangles(EngineRect* full, EngineRect* output);
+
+// ---- What was decoded and presented --------------------------------------
+// At speed 1 the engine decodes and presents (a window or an off-screen
+// screen of 1280x720, a sound device or a null sink); at any other speed it
+// only paces the demuxed packets.
+
+// Every decoded picture, in decoding order, when hashing is on (it costs a
+// copy of each picture): the MD5 of its planes packed without padding, as
+// `ffmpeg -f framemd5` hashes them, with its timestamp in its stream's time
+// base and in ms of media time. Off after reset().
+struct DecodedFrame {
+    int64_t pts;
+    int32_t timeBaseNum;
+    int32_t timeBaseDen;
+    int64_t timeMs;
+    std::string md5;  // 32 lowercase hex digits
+};
+void setFrameHashing(bool on);
+std::vector<DecodedFrame> decodedFrames();
+
+// The whole screen as last presented, when capturing is on (it reads the
+// screen back after every picture): RGB24 rows, top first; timeMs is the
+// media time of the picture on it, -1 for a blank screen. False when nothing
+// was captured since reset().
+struct Picture {
+    uint32_t width = 0;
+    uint32_t height = 0;
+    int64_t timeMs = -1;
+    uint64_t count = 0;  // screens captured since reset()
+    std::vector<uint8_t> rgb;
+};
+void setScreenCapture(bool on);
+bool lastPicture(Picture* picture);
+
+// Every picture put on the screen since reset(): its media time and the
+// presentation clock (the sound heard, or the clock without sound) then.
+struct Presented {
+    int64_t timeMs;
+    double clockMs;
+};
+std::vector<Presented> presented();
+// Packets the decoders refused (corrupt data), and pictures dropped unseen
+// because the next one was due too (late), since reset().
+uint64_t corruptPackets();
+uint64_t picturesDropped();
 
 // Waits until `condition` holds, re-checking whenever the engine's state
 // changes (a notification delivered, a read issued or completed, a packet

@@ -5,8 +5,15 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
 #include <mutex>
+
+extern "C" {
+#include <libavutil/frame.h>
+#include <libavutil/imgutils.h>
+#include <libavutil/md5.h>
+}
 
 namespace mtkpb {
 namespace detail {
@@ -33,6 +40,15 @@ struct ControlState {
     bool haveDisplay = false;
     EngineRect full{};
     EngineRect output{};
+
+    std::atomic<bool> hashing{false};
+    std::atomic<bool> capture{false};
+    std::atomic<uint64_t> corrupt{0};
+    std::atomic<uint64_t> dropped{0};
+    std::mutex outputMutex;  // guards the three below
+    std::vector<control::DecodedFrame> decoded;
+    control::Picture picture;
+    std::vector<control::Presented> presented;
 
     std::mutex changeMutex;  // pairs with changeCondition
     std::condition_variable changeCondition;
@@ -91,6 +107,59 @@ void recordDisplay(const EngineRect& full, const EngineRect& output) {
     s.full = full;
     s.output = output;
 }
+
+void recordDecodedFrame(int64_t pts, int32_t timeBaseNum, int32_t timeBaseDen, int64_t timeMs,
+                        const AVFrame* frame) {
+    ControlState& s = state();
+    if (!s.hashing) return;
+    const AVPixelFormat format = static_cast<AVPixelFormat>(frame->format);
+    const int size = av_image_get_buffer_size(format, frame->width, frame->height, 1);
+    if (size < 0) return;
+    std::vector<uint8_t> packed(static_cast<size_t>(size));
+    av_image_copy_to_buffer(packed.data(), size, frame->data, frame->linesize, format, frame->width,
+                            frame->height, 1);
+    uint8_t digest[16];
+    av_md5_sum(digest, packed.data(), size);
+    char hex[33];
+    for (int i = 0; i < 16; ++i) std::snprintf(hex + 2 * i, 3, "%02x", digest[i]);
+    {
+        std::lock_guard<std::mutex> lock(s.outputMutex);
+        s.decoded.push_back(control::DecodedFrame{pts, timeBaseNum, timeBaseDen, timeMs, hex});
+    }
+    changed();
+}
+
+bool capturing() { return state().capture; }
+
+void recordPicture(uint32_t width, uint32_t height, int64_t timeMs, const std::vector<uint8_t>& rgb) {
+    ControlState& s = state();
+    {
+        std::lock_guard<std::mutex> lock(s.outputMutex);
+        s.picture.width = width;
+        s.picture.height = height;
+        s.picture.timeMs = timeMs;
+        s.picture.rgb = rgb;
+        s.picture.count++;
+    }
+    changed();
+}
+
+void recordPresented(int64_t timeMs, double clockMs) {
+    ControlState& s = state();
+    {
+        std::lock_guard<std::mutex> lock(s.outputMutex);
+        // Bounded: a long playback keeps its first hour at 25 pictures a second.
+        if (s.presented.size() < 90000) s.presented.push_back(control::Presented{timeMs, clockMs});
+    }
+    changed();
+}
+
+void countCorrupt() {
+    state().corrupt++;
+    changed();
+}
+
+void countDropped() { state().dropped++; }
 
 void changed() {
     ControlState& s = state();
@@ -196,6 +265,31 @@ bool displayRectangles(EngineRect* full, EngineRect* output) {
     return true;
 }
 
+void setFrameHashing(bool on) { state().hashing = on; }
+
+std::vector<DecodedFrame> decodedFrames() {
+    std::lock_guard<std::mutex> lock(state().outputMutex);
+    return state().decoded;
+}
+
+void setScreenCapture(bool on) { state().capture = on; }
+
+bool lastPicture(Picture* picture) {
+    std::lock_guard<std::mutex> lock(state().outputMutex);
+    if (state().picture.count == 0) return false;
+    *picture = state().picture;
+    return true;
+}
+
+std::vector<Presented> presented() {
+    std::lock_guard<std::mutex> lock(state().outputMutex);
+    return state().presented;
+}
+
+uint64_t corruptPackets() { return state().corrupt; }
+
+uint64_t picturesDropped() { return state().dropped; }
+
 bool waitUntil(const std::function<bool()>& condition, uint32_t timeoutMs) {
     detail::ControlState& s = state();
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
@@ -244,6 +338,16 @@ void reset() {
     {
         std::lock_guard<std::mutex> lock(s.displayMutex);
         s.haveDisplay = false;
+    }
+    s.hashing = false;
+    s.capture = false;
+    s.corrupt = 0;
+    s.dropped = 0;
+    {
+        std::lock_guard<std::mutex> lock(s.outputMutex);
+        s.decoded.clear();
+        s.picture = control::Picture();
+        s.presented.clear();
     }
     detail::changed();
 }

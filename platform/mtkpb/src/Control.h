@@ -7,6 +7,9 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <vector>
+
+struct AVFrame;
 
 #include "IMtkPb_Ctrl.h"
 #include "mtkpb_control.h"
@@ -37,6 +40,15 @@ Stats& stats();
 void countPacket(const uint8_t* data, size_t size);
 void countNotification(IMTK_PB_CTRL_EVENT_T event);
 void recordDisplay(const EngineRect& full, const EngineRect& output);
+
+// Decoded and presented output (mtkpb_control.h).
+void recordDecodedFrame(int64_t pts, int32_t timeBaseNum, int32_t timeBaseDen, int64_t timeMs,
+                        const AVFrame* frame);
+bool capturing();
+void recordPicture(uint32_t width, uint32_t height, int64_t timeMs, const std::vector<uint8_t>& rgb);
+void recordPresented(int64_t timeMs, double clockMs);
+void countCorrupt();
+void countDropped();
 
 // Wakes control::waitUntil(): something observable has changed.
 void changed();

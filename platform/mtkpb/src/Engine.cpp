@@ -13,6 +13,7 @@ extern "C" {
 }
 
 #include "Control.h"
+#include "Screen.h"
 
 namespace mtkpb {
 namespace detail {
@@ -116,6 +117,7 @@ IMTK_PB_ERROR_CODE_T Engine::play() {
         case State::kPaused:
             wallBase_ = now;
             state_ = State::kPlaying;
+            if (presentation_) presentation_->setPaused(false);
             break;
         case State::kStopped: {
             IMTK_PB_ERROR_CODE_T result = probeLocked(lock);
@@ -142,6 +144,7 @@ IMTK_PB_ERROR_CODE_T Engine::play() {
 void Engine::startClockLocked(Clock::time_point now) {
     state_ = State::kPlaying;
     clockSpeed_ = control::speed();
+    present_ = clockSpeed_ == 1;
     mediaBaseMs_ = positionMs_;
     wallBase_ = now;
 }
@@ -152,6 +155,12 @@ IMTK_PB_ERROR_CODE_T Engine::pause() {
     if (state_ == State::kPlaying) {
         mediaBaseMs_ = clockMsLocked(Clock::now());
         state_ = State::kPaused;
+        if (presentation_) {
+            // The position is where the presentation stopped, at once.
+            presentation_->setPaused(true);
+            const int64_t presented = presentation_->positionMs();
+            if (presented >= 0) positionMs_ = clampMs(presented);
+        }
         condition_.notify_all();
     }
     return IMTK_PB_ERROR_CODE_OK;
@@ -177,6 +186,7 @@ IMTK_PB_ERROR_CODE_T Engine::currentPos(uint32_t* timeMs, uint64_t* bytePos) {
 
 IMTK_PB_ERROR_CODE_T Engine::display(const EngineRect& full, const EngineRect& output) {
     recordDisplay(full, output);
+    Screen::instance().setOutput(output);
     return IMTK_PB_ERROR_CODE_OK;
 }
 
@@ -246,6 +256,18 @@ void Engine::presentLocked() {
     positionMs_ = std::max(positionMs_, packetMs_);
     if (packetPos_ >= 0) bytePos_ = static_cast<uint64_t>(packetPos_);
     havePacket_ = false;
+    if (lastReportedMs_ < 0 || positionMs_ >= lastReportedMs_ + kTimeUpdateMs) {
+        lastReportedMs_ = positionMs_;
+        notifier_.post(IMTK_PB_CTRL_EVENT_CUR_TIME_UPDATE, static_cast<intptr_t>(positionMs_));
+    }
+}
+
+// The position is what has been presented: the sound heard, or the picture
+// shown, reported every kTimeUpdateMs as it advances.
+void Engine::reportPresentedLocked() {
+    const int64_t presented = presentation_->positionMs();
+    if (presented < 0) return;
+    positionMs_ = clampMs(presented);
     if (lastReportedMs_ < 0 || positionMs_ >= lastReportedMs_ + kTimeUpdateMs) {
         lastReportedMs_ = positionMs_;
         notifier_.post(IMTK_PB_CTRL_EVENT_CUR_TIME_UPDATE, static_cast<intptr_t>(positionMs_));
@@ -337,6 +359,12 @@ void Engine::run() {
             IMTK_PB_CTRL_MEDIA_INFO_T info{};
             bool ready = format_ != nullptr || openDemux(&info) == IMTK_PB_ERROR_CODE_OK;
             int64_t landed = ready ? seekDemux(target) : -1;
+            if (landed >= 0 && presentation_) {
+                // Presented from the target on: the first picture shown is the
+                // one at the target, not the key frame before it.
+                landed = target;
+                presentation_->flush(target);
+            }
             lock.lock();
             if (ready && !probed_) {
                 probed_ = true;
@@ -366,9 +394,37 @@ void Engine::run() {
             probed_ = false;
             continue;
         }
-        if (state_ != State::kPlaying) {
+        // Paused, the presentation still fills its queues, so that a seek
+        // shows its first picture.
+        const bool filling = state_ == State::kPaused && presentation_ && !atEnd_ &&
+                             presentation_->wantsMore();
+        if (state_ != State::kPlaying && !filling) {
             condition_.wait(lock);
             continue;
+        }
+        if (presentation_ && presentation_->closedByViewer()) {
+            // The viewer closed the screen: playback ends there.
+            notifier_.post(IMTK_PB_CTRL_EVENT_EOS, 0);
+            state_ = State::kEnded;
+            std::unique_ptr<Presentation> ending = std::move(presentation_);
+            lock.unlock();
+            ending.reset();
+            lock.lock();
+            continue;
+        }
+        if (atEnd_ && presentation_ && state_ == State::kPlaying) {
+            if (!drained_) {
+                drained_ = true;
+                lock.unlock();
+                presentation_->drain();
+                lock.lock();
+                continue;
+            }
+            reportPresentedLocked();
+            if (!presentation_->finished()) {
+                condition_.wait_for(lock, std::chrono::milliseconds(kPresentTickMs));
+                continue;
+            }
         }
         if (atEnd_) {
             atEnd_ = false;
@@ -394,9 +450,50 @@ void Engine::run() {
             }
             continue;
         }
+        const uint32_t speed = control::speed();
+        if (present_ && (speed != 1 || !format_)) {
+            // Another speed than real time: back to pacing packets.
+            present_ = false;
+            mediaBaseMs_ = positionMs_;
+            wallBase_ = Clock::now();
+            clockSpeed_ = speed;
+            std::unique_ptr<Presentation> ending = std::move(presentation_);
+            lock.unlock();
+            ending.reset();
+            lock.lock();
+            continue;
+        }
+        if (present_ && !presentation_) {
+            lock.unlock();
+            auto presentation = std::make_unique<Presentation>(format_);
+            lock.lock();
+            if (presentation->hasOutput()) {
+                presentation_ = std::move(presentation);
+                drained_ = false;
+                if (state_ == State::kPaused) presentation_->setPaused(true);
+            } else {
+                present_ = false;  // nothing to decode: the packets are paced
+                lock.unlock();
+                presentation.reset();
+                lock.lock();
+            }
+            continue;
+        }
+        if (presentation_) {
+            reportPresentedLocked();
+            if (!presentation_->wantsMore()) {
+                condition_.wait_for(lock, std::chrono::milliseconds(kPresentTickMs));
+                continue;
+            }
+            lock.unlock();
+            presentation_->decode(packet_, startMs_);
+            lock.lock();
+            if (packetPos_ >= 0) bytePos_ = static_cast<uint64_t>(packetPos_);
+            havePacket_ = false;
+            continue;
+        }
         // Pace the packet against the clock.
         const auto now = Clock::now();
-        const uint32_t speed = control::speed();
         if (speed != clockSpeed_) {
             mediaBaseMs_ = clockMsLocked(now);
             wallBase_ = now;
@@ -489,6 +586,15 @@ IMTK_PB_ERROR_CODE_T Engine::openDemux(IMTK_PB_CTRL_MEDIA_INFO_T* info) {
 }
 
 void Engine::closeDemux() {
+    {
+        // The presentation goes first: it decodes from the demuxer's streams.
+        std::unique_ptr<Presentation> ending;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            ending = std::move(presentation_);
+        }
+    }
+    drained_ = false;
     av_packet_unref(packet_);
     havePacket_ = false;
     atEnd_ = false;
@@ -526,6 +632,7 @@ int64_t Engine::seekDemux(uint32_t targetMs) {
     av_packet_unref(packet_);
     havePacket_ = false;
     atEnd_ = false;
+    drained_ = false;
     readError_ = false;
     // The key frame at or before the target.
     const int64_t ts = (startMs_ + static_cast<int64_t>(targetMs)) * 1000;

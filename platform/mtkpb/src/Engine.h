@@ -4,7 +4,9 @@
 //  - callers of the control operations (any thread, also a notification);
 //  - the worker, which owns the demuxer: it probes, seeks and demuxes through
 //    the pull source and paces the packets against the clock;
-//  - the notifier (Notifier.h), which delivers notifications.
+//  - the notifier (Notifier.h), which delivers notifications;
+//  - at speed 1, the presentation's threads (Presentation.h): the decoders'
+//    own, the sound device's callback and the Screen's presenter.
 // The control operations only change state under mutex_ and hand work to the
 // worker; the slow ones (GetMediaInfo, the first Play, Stop) then wait for
 // its answer. The worker never waits for the notifier, and no lock is held
@@ -25,6 +27,7 @@
 
 #include "IMtkPb_Ctrl.h"
 #include "Notifier.h"
+#include "Presentation.h"
 #include "PullIo.h"
 
 struct AVFormatContext;
@@ -46,6 +49,9 @@ public:
     static constexpr uint32_t kAnswerTimeoutMs = 120000;
     // How long an operation waits for a notification it reports to be delivered.
     static constexpr uint32_t kDeliveryTimeoutMs = 5000;
+    // While presenting, how often the worker looks at the position when it
+    // has nothing to decode (the queues ahead are full, or the end is playing).
+    static constexpr uint32_t kPresentTickMs = 10;
     // Buffer of the demuxer's byte stream; also the largest single read.
     static constexpr int kIoBufferSize = 32 * 1024;
 
@@ -82,6 +88,7 @@ private:
     double clockMsLocked(Clock::time_point now) const;
     void startClockLocked(Clock::time_point now);
     void presentLocked();
+    void reportPresentedLocked();
 
     // Worker thread.
     void run();
@@ -121,6 +128,11 @@ private:
     double mediaBaseMs_ = 0;
     Clock::time_point wallBase_;
     uint32_t clockSpeed_ = 1;
+    // Decoding and presenting (speed 1 at the start of playback). The worker
+    // creates and ends presentation_ under mutex_ and uses it without;
+    // callers use it under mutex_ only.
+    bool present_ = false;
+    std::unique_ptr<Presentation> presentation_;
 
     // The worker's own, touched only on the worker thread.
     AVIOContext* avio_ = nullptr;
@@ -131,6 +143,7 @@ private:
     int64_t packetPos_ = -1;
     bool atEnd_ = false;       // the demuxer reached the end
     bool readError_ = false;   // the demuxer failed
+    bool drained_ = false;     // the presentation has been given the end
     int64_t startMs_ = 0;      // media start time, subtracted from every timestamp
     uint32_t durationMs_ = 0;
 
