@@ -1,0 +1,811 @@
+#include "HlsSession.h"
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstring>
+
+#include "HttpTask.h"
+#include "LogLine.h"
+
+namespace velka {
+
+namespace {
+
+constexpr int64_t kTsPacketBytes = 188;
+// A span is sized from the highest variant's BANDWIDTH (a peak over windows
+// of segments, not a bound per segment, and often stated wrongly) with this
+// margin and slack; a segment that outgrows it anyway loses its tail.
+constexpr double kSpanMargin = 1.5;
+// Without a BANDWIDTH the rate is measured on the first segment alone, so
+// the margin is wider.
+constexpr double kMeasuredSpanMargin = 2.5;
+constexpr int64_t kSpanSlackBytes = 64 * 1024;
+// An encrypted fragmented-MP4 segment of known cipher length: room for the
+// filler box after its plain text (1 to 16 bytes shorter).
+constexpr int64_t kFreeBoxHeaderBytes = 8;
+// Segments fetched ahead of the one being read.
+constexpr int kAheadSegments = 2;
+// Segment buffers kept in memory: the window ahead plus a few behind, so the
+// engine's probe of the stream's end and its return to the start cost no
+// second fetch.
+constexpr size_t kKeptBuffers = 6;
+// cachePercent() counts up to this much of the stream ahead of the reader.
+constexpr int64_t kCacheThresholdBytes = 512 * 1024;
+// Restarts of one transfer in a row before it fails for good.
+constexpr int kMaxRetries = 2;
+// Playlists, keys and initialisation sections larger than this are refused.
+constexpr size_t kMaxControlBytes = 8 * 1024 * 1024;
+constexpr long kConnectTimeoutSeconds = 20;
+// A transfer that moves fewer than kStallBytesPerSecond for this long is
+// aborted (and restarted, as any failed transfer).
+constexpr long kStallSeconds = 15;
+constexpr long kStallBytesPerSecond = 1;
+constexpr long kMaxRedirects = 10;
+const char kProtocols[] = "http,https";
+
+uint32_t readBe32(const std::string& data, int64_t at) {
+    const unsigned char* p = reinterpret_cast<const unsigned char*>(data.data()) + at;
+    return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
+}
+
+// The MPEG-TS null packet (PID 0x1FFF), which demuxers skip.
+const unsigned char* nullPacket() {
+    static unsigned char packet[kTsPacketBytes];
+    static const bool made = [] {
+        memset(packet, 0xFF, sizeof packet);
+        packet[0] = 0x47;
+        packet[1] = 0x1F;
+        packet[2] = 0xFF;
+        packet[3] = 0x10;
+        return true;
+    }();
+    (void)made;
+    return packet;
+}
+
+}  // namespace
+
+HlsSession::HlsSession(const std::string& url, const HttpOptions& options)
+    : url_(url),
+      options_(options),
+      phase_(kStarting),
+      bandwidthBps_(0),
+      fmp4_(false),
+      useClock_(0),
+      current_(0),
+      openDecided_(false),
+      dirty_(false),
+      opened_(0),
+      openOk_(false),
+      readDone_(0),
+      destroyed_(nullptr),
+      released_(false),
+      length_(0),
+      cachePercent_(0),
+      error_(0),
+      readPos_(0) {
+    initCurl();
+    // The session's connections live in a pool of its own: kept alive from
+    // one fetch to the next, and closed when the session goes. Both handles
+    // are only used on the worker, so the pool needs no lock.
+    share_ = curl_share_init();
+    if (share_ != nullptr) curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
+    for (HlsFetch* fetch : {&control_, &segment_}) {
+        fetch->owner = this;
+        fetch->curl = curl_easy_init();
+        if (fetch->curl == nullptr) continue;
+        CURL* curl = fetch->curl;
+        if (share_ != nullptr) curl_easy_setopt(curl, CURLOPT_SHARE, share_);
+        curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
+        curl_easy_setopt(curl, CURLOPT_MAXREDIRS, kMaxRedirects);
+        curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &HlsSession::write_cb);
+        curl_easy_setopt(curl, CURLOPT_WRITEDATA, fetch);
+        curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
+        curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, kStallBytesPerSecond);
+        curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, kStallSeconds);
+        curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+        curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, kProtocols);
+        curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, kProtocols);
+        curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 1L);
+        curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 2L);
+        if (!options_.userAgent.empty()) {
+            curl_easy_setopt(curl, CURLOPT_USERAGENT, options_.userAgent.c_str());
+        }
+        for (const std::string& header : options_.headers) {
+            fetch->headers = curl_slist_append(fetch->headers, header.c_str());
+        }
+        if (fetch->headers != nullptr) curl_easy_setopt(curl, CURLOPT_HTTPHEADER, fetch->headers);
+        if (!options_.proxy.empty()) curl_easy_setopt(curl, CURLOPT_PROXY, options_.proxy.c_str());
+        if (!options_.caFile.empty()) curl_easy_setopt(curl, CURLOPT_CAINFO, options_.caFile.c_str());
+        if (!options_.caPath.empty()) curl_easy_setopt(curl, CURLOPT_CAPATH, options_.caPath.c_str());
+    }
+}
+
+HlsSession::~HlsSession() {
+    logPrint("HlsFile: session %p destroyed\n", static_cast<void*>(this));
+    for (auto& entry : buffers_) {
+        if (entry.second->cipher != nullptr) EVP_CIPHER_CTX_free(entry.second->cipher);
+    }
+    for (HlsFetch* fetch : {&control_, &segment_}) {
+        if (fetch->curl != nullptr) curl_easy_cleanup(fetch->curl);
+        curl_slist_free_all(fetch->headers);
+    }
+    if (share_ != nullptr) curl_share_cleanup(share_);
+    if (destroyed_ != nullptr) destroyed_->post();
+}
+
+// --- The caller's side ---------------------------------------------------------------------
+
+bool HlsSession::open(std::string* why, bool* withWorker) {
+    *withWorker = false;
+    if (control_.curl == nullptr || segment_.curl == nullptr) {
+        *why = "no libcurl handle";
+        delete this;
+        return false;
+    }
+    if (url_.compare(0, 7, "http://") != 0 && url_.compare(0, 8, "https://") != 0) {
+        *why = "not an http:// or https:// URL";
+        delete this;
+        return false;
+    }
+    if (!addHttpWorkerClient(this)) {
+        *why = "the HTTP worker has stopped";
+        delete this;
+        return false;
+    }
+    *withWorker = true;
+    opened_.wait();
+    if (!openOk_) *why = openWhy_;
+    return openOk_;
+}
+
+void HlsSession::release(Semaphore* destroyed) {
+    // Stored before released_ is published: the worker reads it after the flag.
+    destroyed_ = destroyed;
+    released_ = true;
+    wakeHttpWorker();
+}
+
+HlsRequest* HlsSession::readAsync(char* buffer, uint32_t length, File::AsyncCallback& callback) {
+    if (error_ != 0 || released_ || !workerRunning_) return nullptr;
+    HlsRequest* request = new HlsRequest{buffer, length, length, false, &callback};
+    {
+        Mutex::Autolock lock(mutex_);
+        requests_.push_back(request);
+    }
+    wakeHttpWorker();
+    // The request may already be completed and freed; only its address is returned.
+    return request;
+}
+
+namespace {
+class HlsReadCallback : public File::AsyncCallback {
+public:
+    explicit HlsReadCallback(Semaphore& done) : result(0), done_(done) {}
+    void complete(VelkaStatus status, uint32_t length) override {
+        result = status == kStatusError ? -1 : static_cast<int>(length);
+        done_.post();
+    }
+    int result;
+
+private:
+    Semaphore& done_;
+};
+}  // namespace
+
+int HlsSession::read(char* buffer, uint32_t length) {
+    HlsReadCallback callback(readDone_);
+    if (readAsync(buffer, length, callback) == nullptr) return -1;
+    readDone_.wait();
+    return callback.result;
+}
+
+int HlsSession::cancel(HlsRequest* request) {
+    Mutex::Autolock lock(mutex_);
+    for (HlsRequest* queued : requests_) {
+        if (queued == request) {
+            queued->cancelled = true;
+            wakeHttpWorker();
+            return 0;
+        }
+    }
+    return -1;
+}
+
+int64_t HlsSession::seek(int64_t offset, File::Whence whence) {
+    Mutex::Autolock lock(mutex_);
+    const int64_t length = length_;
+    if (length < 0) return whence != File::kSeekSet && offset != 0 ? -1 : 0;
+    int64_t target;
+    if (whence == File::kSeekSet) {
+        target = offset;
+    } else if (whence == File::kSeekCurrent) {
+        target = offset > length ? length : readPos_ + offset;
+    } else {
+        target = offset > 0 ? length : length + offset;
+    }
+    target = std::max<int64_t>(0, std::min(target, length));
+    readPos_ = target;
+    return target;
+}
+
+int64_t HlsSession::tell() {
+    Mutex::Autolock lock(mutex_);
+    return readPos_;
+}
+
+// --- Transfers, on the worker ---------------------------------------------------------------
+
+size_t HlsSession::write_cb(char* data, size_t size, size_t count, void* fetchArg) {
+    HlsFetch* fetch = static_cast<HlsFetch*>(fetchArg);
+    return fetch->owner->accept(fetch, data, size * count);
+}
+
+size_t HlsSession::accept(HlsFetch* fetch, const char* data, size_t size) {
+    if (released_ || !workerRunning_) return size + 1;
+    curl_easy_getinfo(fetch->curl, CURLINFO_RESPONSE_CODE, &fetch->status);
+    // A body of the wrong kind (an error page, the whole resource for a range).
+    if (fetch->status != (fetch->rangeRequest ? 206 : 200)) return size + 1;
+    if (fetch->kind == HlsFetch::kSegment) {
+        auto it = buffers_.find(fetch->index);
+        if (it == buffers_.end()) return size + 1;
+        appendSegmentBytes(it->second.get(), data, size);
+        scanBoxes(fetch->index, it->second.get());
+    } else {
+        if (fetch->body.size() + size > kMaxControlBytes) return size + 1;
+        fetch->body.append(data, size);
+    }
+    fetch->received += static_cast<int64_t>(size);
+    fetch->retries = 0;
+    dirty_ = true;
+    return size;
+}
+
+void HlsSession::appendSegmentBytes(HlsSegmentBuffer* buffer, const char* data, size_t size) {
+    if (buffer->cipher == nullptr) {
+        buffer->data.append(data, size);
+        return;
+    }
+    const size_t before = buffer->data.size();
+    buffer->data.resize(before + size + 16);
+    int out = 0;
+    if (EVP_DecryptUpdate(buffer->cipher, reinterpret_cast<unsigned char*>(&buffer->data[before]),
+                          &out, reinterpret_cast<const unsigned char*>(data),
+                          static_cast<int>(size)) != 1) {
+        out = 0;
+    }
+    buffer->data.resize(before + static_cast<size_t>(out));
+}
+
+// Lets through the whole top-level boxes that fit the segment's span with
+// room for a filler box after them; the first that does not is where the
+// segment is cut.
+void HlsSession::scanBoxes(int index, HlsSegmentBuffer* buffer) {
+    if (span_.empty() || media_.segments[static_cast<size_t>(index)].mapIndex < 0) return;
+    const int64_t span = span_[static_cast<size_t>(index)];
+    const int64_t size = static_cast<int64_t>(buffer->data.size());
+    while (buffer->cut < 0 && buffer->boxScan + 8 <= size) {
+        const int64_t at = buffer->boxScan;
+        uint64_t boxSize = readBe32(buffer->data, at);
+        if (boxSize == 1) {
+            if (at + 16 > size) break;
+            boxSize = (uint64_t(readBe32(buffer->data, at + 8)) << 32) | readBe32(buffer->data, at + 12);
+        }
+        const int64_t end = boxSize >= 8 && boxSize < (uint64_t(1) << 62)
+                                ? at + static_cast<int64_t>(boxSize) : -1;
+        if (end > 0 && (end == span || end + kFreeBoxHeaderBytes <= span)) {
+            buffer->validEnd = end;
+            buffer->boxScan = end;
+            continue;
+        }
+        buffer->cut = at;
+        logPrint("HlsFile: segment %d outgrows its span of %lld bytes: cut at %lld\n", index,
+                 static_cast<long long>(span), static_cast<long long>(at));
+    }
+}
+
+void HlsSession::start(HlsFetch* fetch, HlsFetch::Kind kind, int index, const std::string& url,
+                       int64_t rangeOffset, int64_t rangeLength) {
+    stop(fetch);
+    fetch->kind = kind;
+    fetch->index = index;
+    fetch->url = url;
+    fetch->rangeOffset = rangeOffset;
+    fetch->rangeLength = rangeLength;
+    fetch->received = 0;
+    fetch->retries = 0;
+    fetch->body.clear();
+    restart(fetch);
+}
+
+void HlsSession::restart(HlsFetch* fetch) {
+    if (fetch->running) curl_multi_remove_handle(multiHandle_, fetch->curl);
+    if (fetch->kind != HlsFetch::kSegment) {
+        // Small bodies: fetched again whole.
+        fetch->received = 0;
+        fetch->body.clear();
+    }
+    const int64_t from = (fetch->rangeOffset < 0 ? 0 : fetch->rangeOffset) + fetch->received;
+    char range[64] = "";
+    if (fetch->rangeLength > 0) {
+        snprintf(range, sizeof range, "%" PRId64 "-%" PRId64, from,
+                 fetch->rangeOffset + fetch->rangeLength - 1);
+    } else if (from > 0) {
+        snprintf(range, sizeof range, "%" PRId64 "-", from);
+    }
+    fetch->rangeRequest = range[0] != 0;
+    curl_easy_setopt(fetch->curl, CURLOPT_URL, fetch->url.c_str());
+    curl_easy_setopt(fetch->curl, CURLOPT_RANGE, fetch->rangeRequest ? range : nullptr);
+    fetch->done = false;
+    fetch->result = CURLE_OK;
+    fetch->status = 0;
+    logPrint("HlsFile: GET %s%s%s\n", fetch->url.c_str(), fetch->rangeRequest ? " range " : "",
+             range);
+    if (curl_multi_add_handle(multiHandle_, fetch->curl) == CURLM_OK) {
+        fetch->running = true;
+        runningCount_ += 1;
+    } else {
+        fetch->done = true;
+        fetch->result = CURLE_FAILED_INIT;
+        dirty_ = true;
+    }
+}
+
+void HlsSession::stop(HlsFetch* fetch) {
+    if (fetch->running) curl_multi_remove_handle(multiHandle_, fetch->curl);
+    fetch->running = false;
+    fetch->done = false;
+    fetch->kind = HlsFetch::kIdle;
+    fetch->index = -1;
+}
+
+bool HlsSession::transferDone(CURL* curl, CURLcode code) {
+    HlsFetch* fetch = curl == control_.curl ? &control_ : curl == segment_.curl ? &segment_ : nullptr;
+    if (fetch == nullptr) return false;
+    curl_multi_remove_handle(multiHandle_, curl);
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &fetch->status);
+    fetch->running = false;
+    fetch->done = true;
+    fetch->result = code;
+    dirty_ = true;
+    return true;
+}
+
+void HlsSession::removeTransfers() {
+    stop(&control_);
+    stop(&segment_);
+}
+
+// A finished transfer: true when it succeeded; a failed one is restarted
+// (kMaxRetries in a row) and false is returned with fetch->done still set
+// only when it failed for good.
+bool HlsSession::handleFinished(HlsFetch* fetch) {
+    const long expected = fetch->rangeRequest ? 206 : 200;
+    bool ok = fetch->result == CURLE_OK && fetch->status == expected;
+    if (ok && fetch->rangeLength > 0 && fetch->received != fetch->rangeLength) ok = false;
+    if (ok) return true;
+    logPrint("HlsFile: %s failed: libcurl %d, status %ld, %" PRId64 " bytes\n", fetch->url.c_str(),
+             static_cast<int>(fetch->result), fetch->status, fetch->received);
+    if (fetch->retries < kMaxRetries && !released_) {
+        fetch->retries += 1;
+        restart(fetch);
+        return false;
+    }
+    return false;
+}
+
+// --- Opening --------------------------------------------------------------------------------
+
+void HlsSession::finishOpen(bool ok, const std::string& why) {
+    if (openDecided_) return;
+    openDecided_ = true;
+    openOk_ = ok;
+    openWhy_ = why;
+    phase_ = ok ? kReady : kFailed;
+    if (!ok) error_ = -1;
+    opened_.post();
+}
+
+bool HlsSession::takeMediaPlaylist(const std::string& body, const std::string& url) {
+    std::string why;
+    HlsPlaylist playlist;
+    if (!parseHlsPlaylist(body, url, &playlist, &why)) {
+        finishOpen(false, url + ": " + why);
+        return false;
+    }
+    if (playlist.master) {
+        finishOpen(false, url + ": a variant that is itself a master playlist");
+        return false;
+    }
+    if (!playlist.endList) {
+        finishOpen(false, url + ": live playlists (without EXT-X-ENDLIST) are not supported");
+        return false;
+    }
+    for (const HlsSegment& segment : playlist.segments) {
+        if (segment.keyIndex >= 0 &&
+            playlist.keys[static_cast<size_t>(segment.keyIndex)].method != HlsKey::kAes128) {
+            finishOpen(false, "EXT-X-KEY METHOD=" +
+                                  playlist.keys[static_cast<size_t>(segment.keyIndex)].methodName +
+                                  " is not supported (only AES-128)");
+            return false;
+        }
+        if (segment.mapIndex >= 0) fmp4_ = true;
+    }
+    media_ = playlist;
+    mediaUrl_ = url;
+    mapBytes_.assign(media_.maps.size(), std::string());
+    phase_ = kKeysAndMaps;
+    return true;
+}
+
+void HlsSession::advanceOpen() {
+    if (phase_ == kStarting) {
+        phase_ = kMasterPlaylist;
+        start(&control_, HlsFetch::kPlaylist, -1, url_, -1, -1);
+        return;
+    }
+    if (control_.kind != HlsFetch::kIdle && control_.done) {
+        if (!handleFinished(&control_)) {
+            if (control_.done) {
+                finishOpen(false, control_.url + ": " +
+                                      (control_.status >= 400
+                                           ? "the server answered " + std::to_string(control_.status)
+                                           : std::string(curl_easy_strerror(control_.result))));
+            }
+            return;
+        }
+        const HlsFetch::Kind kind = control_.kind;
+        const std::string body = control_.body;
+        const std::string url = control_.url;
+        const int index = control_.index;
+        stop(&control_);
+        if (kind == HlsFetch::kPlaylist && phase_ == kMasterPlaylist) {
+            HlsPlaylist playlist;
+            std::string why;
+            if (!parseHlsPlaylist(body, url, &playlist, &why)) {
+                finishOpen(false, url + ": " + why);
+                return;
+            }
+            if (playlist.master) {
+                for (const HlsVariant& variant : playlist.variants) {
+                    bandwidthBps_ = std::max(bandwidthBps_, variant.bandwidthBps);
+                }
+                // The first variant listed is the one to start with.
+                phase_ = kMediaPlaylist;
+                logPrint("HlsFile: variant %s of %zu\n", playlist.variants[0].uri.c_str(),
+                         playlist.variants.size());
+                start(&control_, HlsFetch::kPlaylist, -1, playlist.variants[0].uri, -1, -1);
+                return;
+            }
+            if (!takeMediaPlaylist(body, url)) return;
+        } else if (kind == HlsFetch::kPlaylist) {
+            if (!takeMediaPlaylist(body, url)) return;
+        } else if (kind == HlsFetch::kKey) {
+            if (body.size() != 16) {
+                finishOpen(false, url + ": a key of " + std::to_string(body.size()) +
+                                      " bytes (16 expected)");
+                return;
+            }
+            keys_[url] = body;
+        } else if (kind == HlsFetch::kMap) {
+            mapBytes_[static_cast<size_t>(index)] = body;
+        }
+    }
+    if (control_.kind != HlsFetch::kIdle) return;
+    if (phase_ == kKeysAndMaps) {
+        // Every key and initialisation section the stream names, one at a time.
+        for (const HlsKey& key : media_.keys) {
+            if (key.method == HlsKey::kAes128 && keys_.count(key.uri) == 0) {
+                start(&control_, HlsFetch::kKey, -1, key.uri, -1, -1);
+                return;
+            }
+        }
+        for (size_t i = 0; i < media_.maps.size(); ++i) {
+            if (mapBytes_[i].empty()) {
+                start(&control_, HlsFetch::kMap, static_cast<int>(i), media_.maps[i].uri,
+                      media_.maps[i].rangeOffset, media_.maps[i].rangeLength);
+                return;
+            }
+        }
+        prefix_.clear();
+        for (size_t i = 0; i < media_.segments.size(); ++i) {
+            const int map = media_.segments[i].mapIndex;
+            const bool newMap = map >= 0 && (i == 0 || media_.segments[i - 1].mapIndex != map);
+            prefix_.push_back(newMap ? static_cast<int64_t>(mapBytes_[static_cast<size_t>(map)].size())
+                                     : 0);
+        }
+        bool allRanged = true;
+        for (const HlsSegment& segment : media_.segments) allRanged &= segment.rangeLength > 0;
+        if (bandwidthBps_ > 0 || allRanged) {
+            layOut();
+            return;
+        }
+        // No rate to size the spans with: measured on the first segment.
+        phase_ = kFirstSegment;
+        startSegment(0);
+        return;
+    }
+}
+
+void HlsSession::layOut() {
+    if (phase_ == kFirstSegment) {
+        const HlsSegmentBuffer& first = *buffers_[0];
+        const double seconds = std::max(0.5, media_.segments[0].durationSeconds);
+        bandwidthBps_ = static_cast<int64_t>(static_cast<double>(first.data.size()) * 8 / seconds *
+                                             kMeasuredSpanMargin / kSpanMargin);
+    }
+    int64_t position = 0;
+    base_.clear();
+    span_.clear();
+    for (size_t i = 0; i < media_.segments.size(); ++i) {
+        const HlsSegment& segment = media_.segments[i];
+        const bool ts = segment.mapIndex < 0;
+        int64_t body;
+        if (segment.rangeLength > 0) {
+            // Exact; cipher text is never shorter than its plain text.
+            body = segment.rangeLength + (!ts && segment.keyIndex >= 0 ? kFreeBoxHeaderBytes : 0);
+        } else {
+            body = static_cast<int64_t>(static_cast<double>(bandwidthBps_) / 8 *
+                                        segment.durationSeconds * kSpanMargin) +
+                   kSpanSlackBytes;
+        }
+        int64_t span = prefix_[i] + body;
+        if (ts) span = (span + kTsPacketBytes - 1) / kTsPacketBytes * kTsPacketBytes;
+        base_.push_back(position);
+        span_.push_back(span);
+        position += span;
+    }
+    length_ = position;
+    for (auto& entry : buffers_) scanBoxes(entry.first, entry.second.get());
+    logPrint("HlsFile: %zu segments, %" PRId64 " bytes at %" PRId64 " bit/s\n",
+             media_.segments.size(), position, bandwidthBps_);
+    finishOpen(true, "");
+}
+
+// --- Serving, on the worker -----------------------------------------------------------------
+
+void HlsSession::serve() {
+    Mutex::Autolock lock(mutex_);
+    dirty_ = false;
+    if (released_) {
+        while (!requests_.empty()) complete(requests_.front(), kStatusCancelled, 0);
+        if (!openDecided_) finishOpen(false, "closed");
+        return;
+    }
+    if (phase_ != kReady && phase_ != kFailed) advanceOpen();
+    if (segment_.kind == HlsFetch::kSegment && segment_.done) {
+        const int index = segment_.index;
+        if (handleFinished(&segment_)) {
+            HlsSegmentBuffer* buffer = buffers_[index].get();
+            if (buffer->cipher != nullptr) {
+                const size_t before = buffer->data.size();
+                buffer->data.resize(before + 32);
+                int out = 0;
+                if (EVP_DecryptFinal_ex(buffer->cipher,
+                                        reinterpret_cast<unsigned char*>(&buffer->data[before]),
+                                        &out) != 1) {
+                    logPrint("HlsFile: segment %d does not decrypt (bad padding)\n", index);
+                    out = 0;
+                }
+                buffer->data.resize(before + static_cast<size_t>(out));
+                EVP_CIPHER_CTX_free(buffer->cipher);
+                buffer->cipher = nullptr;
+                scanBoxes(index, buffer);
+            }
+            buffer->complete = true;
+            const int64_t span = span_.empty() ? 0 : span_[static_cast<size_t>(index)];
+            logPrint("HlsFile: segment %d: %zu bytes, span %" PRId64 "\n", index,
+                     buffer->data.size(), span);
+            if (span > 0 && !fmp4_ && static_cast<int64_t>(buffer->data.size()) > span) {
+                logPrint("HlsFile: segment %d outgrows its span of %lld bytes: cut at %lld\n",
+                         index, static_cast<long long>(span), static_cast<long long>(span));
+            }
+            stop(&segment_);
+            if (phase_ == kFirstSegment) layOut();
+        } else if (segment_.done) {
+            stop(&segment_);
+            buffers_.erase(index);
+            const std::string why = "segment " + std::to_string(index) + " failed for good";
+            if (phase_ == kFirstSegment) {
+                finishOpen(false, why);
+            } else {
+                fail(-1, why);
+            }
+        }
+    }
+    if (phase_ == kReady) scheduleSegments();
+    serveRequests();
+    updateCachePercent();
+}
+
+void HlsSession::fail(int code, const std::string& why) {
+    logPrint("HlsFile: %s\n", why.c_str());
+    error_ = code;
+    phase_ = kFailed;
+    stop(&segment_);
+}
+
+long HlsSession::nextPassMs() { return dirty_ ? 0 : -1; }
+
+int HlsSession::segmentAt(int64_t position) const {
+    const auto it = std::upper_bound(base_.begin(), base_.end(), position);
+    return static_cast<int>(it - base_.begin()) - 1;
+}
+
+void HlsSession::serveRequests() {
+    while (!requests_.empty()) {
+        HlsRequest* request = requests_.front();
+        if (request->cancelled || released_) {
+            complete(request, kStatusCancelled, 0);
+            continue;
+        }
+        if (phase_ == kFailed) {
+            complete(request, kStatusError, 0);
+            continue;
+        }
+        if (phase_ != kReady) return;
+        if (readPos_ >= length_) {
+            complete(request, kStatusEndOfFile, request->length - request->remaining);
+            continue;
+        }
+        const int index = segmentAt(readPos_);
+        if (index != current_) {
+            current_ = index;
+            scheduleSegments();
+        }
+        const uint32_t n = copyOut(index, readPos_ - base_[static_cast<size_t>(index)],
+                                   request->buffer, request->remaining);
+        request->buffer += n;
+        request->remaining -= n;
+        readPos_ += n;
+        if (request->remaining == 0) {
+            complete(request, kStatusOk, request->length);
+            continue;
+        }
+        if (n == 0) return;  // wait for the segment's bytes
+    }
+}
+
+uint32_t HlsSession::copyOut(int index, int64_t offset, char* out, uint32_t count) {
+    const auto it = buffers_.find(index);
+    if (it == buffers_.end()) return 0;
+    HlsSegmentBuffer* buffer = it->second.get();
+    buffer->lastUse = ++useClock_;
+    const int64_t span = span_[static_cast<size_t>(index)];
+    const bool ts = media_.segments[static_cast<size_t>(index)].mapIndex < 0;
+    const int64_t size = static_cast<int64_t>(buffer->data.size());
+    const int64_t limit = ts ? std::min(size, span) : std::min(size, buffer->validEnd);
+    uint32_t done = 0;
+    if (offset < limit) {
+        const uint32_t n = static_cast<uint32_t>(std::min<int64_t>(count, limit - offset));
+        memcpy(out, buffer->data.data() + offset, n);
+        done += n;
+        offset += n;
+    }
+    if (done == count || !buffer->complete) return done;
+    // Filler from where the real bytes stop to the span's end.
+    const int64_t padStart = ts ? limit : (buffer->cut >= 0 ? buffer->cut : limit);
+    const int64_t gap = span - padStart;
+    while (done < count && offset < span) {
+        const int64_t k = offset - padStart;
+        if (ts) {
+            const int64_t inPacket = k % kTsPacketBytes;
+            const uint32_t n = static_cast<uint32_t>(
+                std::min<int64_t>({count - done, kTsPacketBytes - inPacket, span - offset}));
+            memcpy(out + done, nullPacket() + inPacket, n);
+            done += n;
+            offset += n;
+        } else if (k < kFreeBoxHeaderBytes) {
+            const unsigned char header[8] = {static_cast<unsigned char>(gap >> 24),
+                                             static_cast<unsigned char>(gap >> 16),
+                                             static_cast<unsigned char>(gap >> 8),
+                                             static_cast<unsigned char>(gap), 'f', 'r', 'e', 'e'};
+            out[done++] = static_cast<char>(header[k]);
+            offset += 1;
+        } else {
+            const uint32_t n = static_cast<uint32_t>(std::min<int64_t>(count - done, span - offset));
+            memset(out + done, 0, n);
+            done += n;
+            offset += n;
+        }
+    }
+    return done;
+}
+
+void HlsSession::scheduleSegments() {
+    if (phase_ != kReady) return;
+    const int count = static_cast<int>(span_.size());
+    const int current = readPos_ < length_ ? segmentAt(readPos_) : count - 1;
+    int want = -1;
+    for (int i = current; i < count && i <= current + kAheadSegments; ++i) {
+        const auto it = buffers_.find(i);
+        if (it == buffers_.end() || !it->second->complete) {
+            want = i;
+            break;
+        }
+    }
+    if (segment_.kind == HlsFetch::kSegment) {
+        if (segment_.index == want || want < 0) return;
+        // The reader moved away (a seek): what it needs comes first.
+        logPrint("HlsFile: segment %d abandoned for %d\n", segment_.index, want);
+        buffers_.erase(segment_.index);
+        stop(&segment_);
+    }
+    if (want < 0) return;
+    // Room for the new buffer: the least recently read outside the window.
+    while (buffers_.size() >= kKeptBuffers) {
+        auto oldest = buffers_.end();
+        for (auto it = buffers_.begin(); it != buffers_.end(); ++it) {
+            if (it->first >= current - 1 && it->first <= current + kAheadSegments) continue;
+            if (oldest == buffers_.end() || it->second->lastUse < oldest->second->lastUse) oldest = it;
+        }
+        if (oldest == buffers_.end()) break;
+        if (oldest->second->cipher != nullptr) EVP_CIPHER_CTX_free(oldest->second->cipher);
+        buffers_.erase(oldest);
+    }
+    startSegment(want);
+}
+
+void HlsSession::startSegment(int index) {
+    const HlsSegment& segment = media_.segments[static_cast<size_t>(index)];
+    std::unique_ptr<HlsSegmentBuffer> buffer(new HlsSegmentBuffer);
+    if (segment.mapIndex >= 0 && (index == 0 || prefix_[static_cast<size_t>(index)] > 0)) {
+        buffer->data = mapBytes_[static_cast<size_t>(segment.mapIndex)];
+    }
+    if (segment.keyIndex >= 0) {
+        const HlsKey& key = media_.keys[static_cast<size_t>(segment.keyIndex)];
+        uint8_t iv[16] = {};
+        if (key.hasIv) {
+            memcpy(iv, key.iv, sizeof iv);
+        } else {
+            // The media sequence number, big-endian, in the IV's last bytes.
+            for (int b = 0; b < 8; ++b) iv[15 - b] = static_cast<uint8_t>(segment.sequence >> (8 * b));
+        }
+        buffer->cipher = EVP_CIPHER_CTX_new();
+        EVP_DecryptInit_ex(buffer->cipher, EVP_aes_128_cbc(), nullptr,
+                           reinterpret_cast<const unsigned char*>(keys_[key.uri].data()), iv);
+    }
+    auto old = buffers_.find(index);
+    if (old != buffers_.end() && old->second->cipher != nullptr) EVP_CIPHER_CTX_free(old->second->cipher);
+    buffers_[index] = std::move(buffer);
+    scanBoxes(index, buffers_[index].get());
+    start(&segment_, HlsFetch::kSegment, index, segment.uri, segment.rangeOffset, segment.rangeLength);
+}
+
+void HlsSession::complete(HlsRequest* request, VelkaStatus status, uint32_t length) {
+    // The callback may queue the next read (recursive lock); the front stays
+    // this one until it is popped.
+    request->callback->complete(status, length);
+    requests_.pop_front();
+    delete request;
+    httpWorkerReadDone();
+}
+
+void HlsSession::updateCachePercent() {
+    if (phase_ != kReady) {
+        cachePercent_ = 0;
+        return;
+    }
+    int64_t ahead = 0;
+    int64_t position = readPos_;
+    while (position < length_ && ahead < kCacheThresholdBytes) {
+        const int index = segmentAt(position);
+        const auto it = buffers_.find(index);
+        if (it == buffers_.end()) break;
+        const int64_t offset = position - base_[static_cast<size_t>(index)];
+        const int64_t span = span_[static_cast<size_t>(index)];
+        if (it->second->complete) {
+            ahead += span - offset;
+            position += span - offset;
+            continue;
+        }
+        ahead += std::max<int64_t>(0, static_cast<int64_t>(it->second->data.size()) - offset);
+        break;
+    }
+    const int64_t threshold = std::min(kCacheThresholdBytes, length_ - readPos_);
+    cachePercent_ = threshold <= 0 || ahead >= threshold ? 100 : static_cast<int>(ahead * 100 / threshold);
+}
+
+}  // namespace velka

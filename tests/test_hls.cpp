@@ -1,0 +1,355 @@
+// HlsFile over HLS streams that ffmpeg writes during the run and nginx
+// serves: the byte stream against the segment files, and playback through
+// the player and the software engine against FFmpeg's own HLS demuxer on the
+// same playlist; seeks, a segment outgrowing its span, and opens that fail.
+
+#include <gtest/gtest.h>
+
+#include <openssl/evp.h>
+
+extern "C" {
+#include <libavformat/avformat.h>
+}
+
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "PlayerFixture.h"
+#include "support/NginxServer.h"
+#include "velka/FileFactory.h"
+#include "velka/HlsFile.h"
+#include "velka/MediaPlayer.h"
+
+namespace {
+
+using namespace velka_test;
+using velka::HlsFile;
+using velka::kStatusOk;
+
+constexpr int kClipSeconds = 8;
+constexpr int kTargetSeconds = 2;
+
+testing_support::NginxServer* server_ = nullptr;
+std::string why_;
+
+std::string ffmpegSources() {
+    const std::string seconds = std::to_string(kClipSeconds);
+    return "ffmpeg -nostdin -hide_banner -loglevel error -y -f lavfi -i testsrc=size=160x120:rate=25:duration=" +
+           seconds + " -f lavfi -i sine=frequency=440:sample_rate=44100:duration=" + seconds + " ";
+}
+
+void writeText(const std::string& path, const std::string& text) {
+    std::ofstream(path) << text;
+}
+
+// Every stream once per run, into nginx's document root.
+bool makeStreams(const std::string& root) {
+    const std::string hls = " -f hls -hls_time " + std::to_string(kTargetSeconds) +
+                            " -hls_playlist_type vod ";
+    const std::string ts = " -c:v mpeg2video -g 25 -c:a mp2 -b:a 64k ";
+    for (const char* sub : {"ts", "fmp4", "aes", "range", "bad"}) {
+        if (!runCommand("mkdir -p " + root + "/" + sub)) return false;
+    }
+    writeText(root + "/aes/keyinfo", "aes.key\n" + root + "/aes/aes.key\n");
+    return runCommand(ffmpegSources() +
+                      "-map 0:v -map 1:a -map 0:v -map 1:a -map 0:v -map 1:a" + ts +
+                      "-q:v:0 16 -q:v:1 6 -q:v:2 2" + hls +
+                      "-master_pl_name master.m3u8 -var_stream_map 'v:0,a:0 v:1,a:1 v:2,a:2' "
+                      "-hls_segment_filename " + root + "/ts/v%v_%03d.ts " + root + "/ts/v%v.m3u8") &&
+           runCommand(ffmpegSources() + "-c:v mpeg4 -g 25 -q:v 5 -c:a aac -b:a 64k" + hls +
+                      "-hls_segment_type fmp4 -hls_fmp4_init_filename init.mp4 "
+                      "-hls_segment_filename " + root + "/fmp4/seg%03d.m4s " + root + "/fmp4/index.m3u8") &&
+           runCommand("head -c 16 /dev/urandom > " + root + "/aes/aes.key") &&
+           runCommand(ffmpegSources() + ts + hls + "-hls_key_info_file " + root + "/aes/keyinfo " +
+                      "-hls_segment_filename " + root + "/aes/seg%03d.ts " + root + "/aes/index.m3u8") &&
+           runCommand(ffmpegSources() + ts + hls + "-hls_flags single_file " + root + "/range/index.m3u8");
+}
+
+std::string fileBytes(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// `bytes` through AES-128-CBC with the IV `sequence` (a media sequence
+// number, or the IV=0 ffmpeg writes), decrypting or encrypting.
+std::string aes(bool decrypting, const std::string& bytes, const std::string& key, int64_t sequence) {
+    unsigned char iv[16] = {};
+    for (int b = 0; b < 8; ++b) iv[15 - b] = static_cast<unsigned char>(sequence >> (8 * b));
+    std::string out(bytes.size() + 32, '\0');
+    EVP_CIPHER_CTX* cipher = EVP_CIPHER_CTX_new();
+    int n = 0, last = 0;
+    EVP_CipherInit_ex(cipher, EVP_aes_128_cbc(), nullptr,
+                      reinterpret_cast<const unsigned char*>(key.data()), iv, decrypting ? 0 : 1);
+    EVP_CipherUpdate(cipher, reinterpret_cast<unsigned char*>(&out[0]), &n,
+                     reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
+    EVP_CipherFinal_ex(cipher, reinterpret_cast<unsigned char*>(&out[static_cast<size_t>(n)]), &last);
+    EVP_CIPHER_CTX_free(cipher);
+    out.resize(static_cast<size_t>(n + last));
+    return out;
+}
+
+class HlsEnvironment : public ::testing::Environment {
+public:
+    void SetUp() override {
+        server_ = new testing_support::NginxServer;
+        if (!server_->start(&why_)) return;
+        if (!makeStreams(server_->rootFile(""))) why_ = "ffmpeg could not write the HLS streams";
+        const std::string bad = server_->rootFile("bad/");
+        writeText(bad + "text.m3u8", "no playlist here\n");
+        writeText(bad + "sample-aes.m3u8",
+                  "#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXT-X-KEY:METHOD=SAMPLE-AES,URI=\"k\"\n"
+                  "#EXTINF:2,\n../ts/v0_000.ts\n#EXT-X-ENDLIST\n");
+        writeText(bad + "no-key.m3u8",
+                  "#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXT-X-KEY:METHOD=AES-128,URI=\"missing.key\"\n"
+                  "#EXTINF:2,\n../aes/seg000.ts\n#EXT-X-ENDLIST\n");
+        // BANDWIDTH far below the variant's real rate: its segments outgrow their spans.
+        writeText(bad + "understated.m3u8",
+                  "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1000\n../ts/v2.m3u8\n");
+        // The same segments encrypted with the media sequence number as IV,
+        // under a playlist that names no IV.
+        const std::string dir = server_->rootFile("aes/");
+        const std::string key = fileBytes(dir + "aes.key");
+        std::string playlist = fileBytes(dir + "index.m3u8");
+        playlist.replace(playlist.find(",IV="), 36, "");
+        for (int64_t i = 0; i < kClipSeconds / kTargetSeconds; ++i) {
+            const std::string name = "00" + std::to_string(i) + ".ts";
+            writeText(dir + "seq" + name, aes(false, aes(true, fileBytes(dir + "seg" + name), key, 0), key, i));
+            playlist.replace(playlist.find("seg" + name), 3, "seq");
+        }
+        writeText(dir + "seq.m3u8", playlist);
+        // The HTTP worker's own descriptors, made once per process, before
+        // the tests that count them.
+        HlsFile warmUp(server_->url("ts/v0.m3u8"));
+        warmUp.open();
+    }
+    void TearDown() override {
+        delete server_;
+        server_ = nullptr;
+    }
+};
+
+const ::testing::Environment* const environment_ =
+    ::testing::AddGlobalTestEnvironment(new HlsEnvironment);
+
+// The bytes of each initialisation section and segment a media playlist
+// names, in order, read from the server's files (decrypted with the key file
+// of an EXT-X-KEY without IV).
+std::vector<std::string> playlistPieces(const std::string& playlist) {
+    std::vector<std::string> pieces;
+    const std::string dir = playlist.substr(0, playlist.rfind('/') + 1);
+    std::ifstream in(playlist);
+    long long length = -1, offset = 0;
+    std::string key;
+    bool ivZero = false;  // the only IV ffmpeg writes
+    int64_t sequence = 0;
+    for (std::string line; std::getline(in, line);) {
+        const size_t keyUri = line.find("#EXT-X-KEY:METHOD=AES-128,URI=\"");
+        if (keyUri != std::string::npos) {
+            key = fileBytes(dir + line.substr(keyUri + 31, line.find('"', keyUri + 31) - keyUri - 31));
+            ivZero = line.find("IV=0x00000000000000000000000000000000") != std::string::npos;
+        }
+        const size_t map = line.find("#EXT-X-MAP:URI=\"");
+        if (map != std::string::npos) {
+            pieces.push_back("init" + fileBytes(dir + line.substr(map + 16, line.find('"', map + 16) - map - 16)));
+        } else if (line.compare(0, 17, "#EXT-X-BYTERANGE:") == 0) {
+            length = std::stoll(line.substr(17));
+            if (line.find('@') != std::string::npos) offset = std::stoll(line.substr(line.find('@') + 1));
+        } else if (!line.empty() && line[0] != '#') {
+            std::string bytes = fileBytes(dir + line);
+            if (length >= 0) bytes = bytes.substr(static_cast<size_t>(offset), static_cast<size_t>(length));
+            pieces.push_back(key.empty() ? bytes : aes(true, bytes, key, ivZero ? 0 : sequence));
+            ++sequence;
+            offset += length;
+            length = -1;
+        }
+    }
+    return pieces;
+}
+
+std::string readWhole(HlsFile& file) {
+    std::string out;
+    std::vector<char> block(100 * 1000);  // not a multiple of any packet or span
+    for (int n; (n = file.read(block.data(), static_cast<uint32_t>(block.size()))) > 0;) {
+        out.append(block.data(), static_cast<size_t>(n));
+        if (out.size() > (64u << 20)) break;
+    }
+    return out;
+}
+
+struct Layout {
+    const char* name;
+    const char* playlist;
+};
+
+void PrintTo(const Layout& l, std::ostream* os) { *os << l.name; }
+
+class HlsByteStreamTest : public ::testing::TestWithParam<Layout> {};
+
+// The byte stream is the playlist's files, in order and unchanged, each
+// followed only by filler the demuxer skips: null packets (TS) or one free box.
+TEST_P(HlsByteStreamTest, IsTheSegmentsInOrderWithOnlySkippableFillerBetween) {
+    ASSERT_TRUE(why_.empty()) << why_;
+    HlsFile file(server_->url(GetParam().playlist));
+    ASSERT_EQ(0, file.open());
+    const std::string stream = readWhole(file);
+    EXPECT_EQ(file.length(), static_cast<int64_t>(stream.size()));
+    EXPECT_EQ(file.length(), file.tell());
+    const std::vector<std::string> pieces = playlistPieces(server_->rootFile(GetParam().playlist));
+    ASSERT_FALSE(pieces.empty());
+    size_t at = 0;
+    const std::string nullPacket = std::string("\x47\x1F\xFF\x10", 4) + std::string(184, '\xFF');
+    for (size_t i = 0; i < pieces.size(); ++i) {
+        const bool init = pieces[i].compare(0, 4, "init") == 0;
+        const std::string bytes = init ? pieces[i].substr(4) : pieces[i];
+        ASSERT_TRUE(bytes == stream.substr(at, bytes.size())) << "piece " << i << " at " << at;
+        at += bytes.size();
+        if (init || at + 8 > stream.size()) continue;
+        if (stream.compare(at, 4, "\x47\x1F\xFF\x10", 4) == 0) {
+            while (stream.compare(at, 188, nullPacket) == 0) at += 188;
+        } else if (stream.compare(at + 4, 4, "free") == 0) {
+            at += (uint8_t(stream[at]) << 24) | (uint8_t(stream[at + 1]) << 16) |
+                  (uint8_t(stream[at + 2]) << 8) | uint8_t(stream[at + 3]);
+        }
+    }
+    EXPECT_EQ(stream.size(), at) << "bytes after the last segment's filler";
+    file.close();
+}
+
+INSTANTIATE_TEST_SUITE_P(Layouts, HlsByteStreamTest,
+                         ::testing::Values(Layout{"MpegTs", "ts/v1.m3u8"},
+                                           Layout{"FragmentedMp4", "fmp4/index.m3u8"},
+                                           Layout{"ByteRanges", "range/index.m3u8"},
+                                           Layout{"Aes128", "aes/index.m3u8"},
+                                           Layout{"Aes128IvFromSequence", "aes/seq.m3u8"}),
+                         [](const ::testing::TestParamInfo<Layout>& info) {
+                             return info.param.name;
+                         });
+
+// What FFmpeg's HLS demuxer reads from `url`, fingerprinted as the engine
+// fingerprints what it demuxed.
+bool hlsChecksum(const std::string& url, uint64_t* checksum, uint64_t* packets) {
+    AVFormatContext* format = nullptr;
+    if (avformat_open_input(&format, url.c_str(), nullptr, nullptr) < 0) return false;
+    bool ok = avformat_find_stream_info(format, nullptr) >= 0;
+    AVPacket* packet = av_packet_alloc();
+    *checksum = mtkpb::control::kFnvOffsetBasis;
+    *packets = 0;
+    while (ok && av_read_frame(format, packet) >= 0) {
+        *checksum = mtkpb::control::fnv1a64(*checksum, packet->data, static_cast<size_t>(packet->size));
+        ++*packets;
+        av_packet_unref(packet);
+    }
+    av_packet_free(&packet);
+    avformat_close_input(&format);
+    return ok;
+}
+
+class HlsPlayerTest : public EngineTest {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(why_.empty()) << why_;
+        EngineTest::SetUp();
+        velka::FileFactory::useLibraryNetworkStack();
+        player_.reset(new MediaPlayer);
+        player_->addListener(log_);
+    }
+    void TearDown() override {
+        player_.reset();
+        EngineTest::TearDown();
+    }
+    EventLog log_;
+    std::unique_ptr<MediaPlayer> player_;
+};
+
+struct Stream {
+    const char* name;
+    const char* playlist;
+    const char* reference;  // the media playlist FFmpeg reads for the same packets
+    // FFmpeg's HLS demuxer interleaves fragmented MP4's tracks in another
+    // order than its MP4 demuxer reading the same bytes: the same packets
+    // (their count), but the checksum, which follows the order, is that of
+    // the segments read as one file.
+    bool checksumOfOneFile;
+};
+
+void PrintTo(const Stream& s, std::ostream* os) { *os << s.name; }
+
+class HlsPlaysTest : public HlsPlayerTest, public ::testing::WithParamInterface<Stream> {};
+
+TEST_P(HlsPlaysTest, EveryPacketFfmpegReadsFromThePlaylist) {
+    mtkpb::control::setSpeed(0);
+    ASSERT_EQ(kStatusOk, player_->open(server_->url(GetParam().playlist)));
+    EXPECT_NEAR(kClipSeconds * 1000, player_->duration(), 1000);
+    ASSERT_EQ(kStatusOk, player_->play(0));
+    ASSERT_TRUE(log_.waitForEvent(kStopped, 60000)) << ::testing::PrintToString(log_.events());
+    EXPECT_EQ((Events{kOpening, kOpened, kPlaying, kEndOfStream, kStopped}), log_.transitions());
+    uint64_t checksum = 0, packets = 0;
+    ASSERT_TRUE(hlsChecksum(server_->url(GetParam().reference), &checksum, &packets));
+    if (GetParam().checksumOfOneFile) {
+        std::string whole;
+        for (const std::string& piece : playlistPieces(server_->rootFile(GetParam().reference))) {
+            whole += piece.compare(0, 4, "init") == 0 ? piece.substr(4) : piece;
+        }
+        const std::string path = server_->rootFile("whole.mp4");
+        writeText(path, whole);
+        uint64_t filePackets = 0;
+        ASSERT_TRUE(hlsChecksum(path, &checksum, &filePackets));
+        EXPECT_EQ(packets, filePackets);
+    }
+    const mtkpb::control::Counters counters = mtkpb::control::counters();
+    EXPECT_EQ(packets, counters.packets);
+    EXPECT_EQ(checksum, counters.packetChecksum);
+    EXPECT_EQ(0u, counters.readsFailed);
+}
+
+INSTANTIATE_TEST_SUITE_P(Streams, HlsPlaysTest,
+                         ::testing::Values(Stream{"MpegTs", "ts/v0.m3u8", "ts/v0.m3u8", false},
+                                           Stream{"MasterStartsOnItsFirstVariant", "ts/master.m3u8", "ts/v0.m3u8", false},
+                                           Stream{"FragmentedMp4", "fmp4/index.m3u8", "fmp4/index.m3u8", true},
+                                           Stream{"Aes128", "aes/index.m3u8", "aes/index.m3u8", false},
+                                           Stream{"ByteRanges", "range/index.m3u8", "range/index.m3u8", false}),
+                         [](const ::testing::TestParamInfo<Stream>& info) {
+                             return info.param.name;
+                         });
+
+TEST_F(HlsPlayerTest, TimeSeeksLandWithinOneTargetDuration) {
+    ASSERT_EQ(kStatusOk, player_->open(server_->url("ts/v2.m3u8")));
+    ASSERT_EQ(kStatusOk, player_->play(0));
+    ASSERT_TRUE(log_.waitForEvent(kPlaying));
+    for (int32_t target : {6000, 1000, 4000}) {
+        ASSERT_EQ(kStatusOk, player_->timeSeek(target));
+        const int32_t pts = player_->currentPts();
+        EXPECT_LE(std::abs(pts - target), kTargetSeconds * 1000) << "asked " << target << ", at " << pts;
+    }
+    EXPECT_EQ(0u, mtkpb::control::counters().readsFailed);
+}
+
+TEST_F(HlsPlayerTest, SegmentsOutgrowingTheirSpansLoseTheirTailsAndPlayOn) {
+    mtkpb::control::setSpeed(0);
+    ASSERT_EQ(kStatusOk, player_->open(server_->url("bad/understated.m3u8")));
+    ASSERT_EQ(kStatusOk, player_->play(0));
+    ASSERT_TRUE(log_.waitForEvent(kStopped, 60000)) << ::testing::PrintToString(log_.events());
+    EXPECT_EQ((Events{kOpening, kOpened, kPlaying, kEndOfStream, kStopped}), log_.transitions());
+    uint64_t checksum = 0, packets = 0;
+    ASSERT_TRUE(hlsChecksum(server_->url("ts/v2.m3u8"), &checksum, &packets));
+    const mtkpb::control::Counters counters = mtkpb::control::counters();
+    EXPECT_LT(counters.packets, packets);
+    EXPECT_GT(counters.packets, packets / 10);
+    EXPECT_EQ(0u, counters.readsFailed);
+}
+
+TEST(HlsOpenTest, FailsClearlyOnWhatItCannotPlay) {
+    ASSERT_TRUE(why_.empty()) << why_;
+    for (const char* path : {"bad/missing.m3u8", "bad/text.m3u8", "bad/sample-aes.m3u8",
+                             "bad/no-key.m3u8", "ts/v0_000.ts"}) {
+        HlsFile file(server_->url(path));
+        EXPECT_EQ(-1, file.open()) << path;
+        EXPECT_EQ(0, file.close());
+    }
+    HlsFile notHttp("ftp://127.0.0.1/a.m3u8");
+    EXPECT_EQ(-1, notHttp.open());
+}
+
+}  // namespace
