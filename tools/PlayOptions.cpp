@@ -31,6 +31,8 @@ PlayOptions parsePlayOptions(int argc, char** argv) {
             o.version = true;
         } else if (strcmp(arg, "--quiet") == 0) {
             o.quiet = true;
+        } else if (strcmp(arg, "--library-http") == 0) {
+            o.libraryHttp = true;
         } else if (strcmp(arg, "--start") == 0 && hasValue) {
             const char* value = argv[++i];
             errno = 0;

@@ -13,6 +13,7 @@ struct PlayOptions {
     const char* speed = nullptr;    // decimal digits, or null
     const char* logPath = nullptr;  // null: the library's lines are dropped
     bool quiet = false;
+    bool libraryHttp = false;  // http(s) through the library's own network stack
     bool help = false;
     bool version = false;
     const char* error = nullptr;  // bad usage: what is wrong, null when all is well
