@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstring>
+#include <ctime>
 
 #include "HttpTask.h"
 #include "LogLine.h"
@@ -27,6 +28,10 @@ constexpr int64_t kSpanSlackBytes = 64 * 1024;
 constexpr int64_t kFreeBoxHeaderBytes = 8;
 // Segments fetched ahead of the one being read.
 constexpr int kAheadSegments = 2;
+// Live: segments fetched and not yet read, at most; each is fetched as soon
+// as the playlist lists it, so a reader a little behind never loses one to
+// the sliding window.
+constexpr size_t kLiveQueuedSegments = 8;
 // Segment buffers kept in memory: the window ahead plus a few behind, so the
 // engine's probe of the stream's end and its return to the start cost no
 // second fetch.
@@ -44,6 +49,23 @@ constexpr long kStallSeconds = 15;
 constexpr long kStallBytesPerSecond = 1;
 constexpr long kMaxRedirects = 10;
 const char kProtocols[] = "http,https";
+// Live: playback starts this many target durations from the end of the
+// playlist, as the HLS rules ask.
+constexpr double kLiveStartTargetDurations = 3;
+// Live: a reader waits at most this many target durations (and at least
+// kMinLiveStallMs) for a playlist that stopped bringing new segments.
+constexpr double kLiveStallTargetDurations = 5;
+constexpr uint64_t kMinLiveStallMs = 6000;
+
+uint64_t monotonicMs() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<uint64_t>(ts.tv_sec) * 1000 + static_cast<uint64_t>(ts.tv_nsec) / 1000000;
+}
+
+std::string mapKey(const HlsMap& map) {
+    return map.uri + "@" + std::to_string(map.rangeOffset);
+}
 
 uint32_t readBe32(const std::string& data, int64_t at) {
     const unsigned char* p = reinterpret_cast<const unsigned char*>(data.data()) + at;
@@ -73,6 +95,12 @@ HlsSession::HlsSession(const std::string& url, const HttpOptions& options)
       phase_(kStarting),
       bandwidthBps_(0),
       fmp4_(false),
+      live_(false),
+      nextSequence_(0),
+      lastListed_(-1),
+      liveOffset_(0),
+      nextReloadMs_(0),
+      lastAdvanceMs_(0),
       useClock_(0),
       current_(0),
       openDecided_(false),
@@ -249,10 +277,10 @@ size_t HlsSession::accept(HlsFetch* fetch, const char* data, size_t size) {
     // A body of the wrong kind (an error page, the whole resource for a range).
     if (fetch->status != (fetch->rangeRequest ? 206 : 200)) return size + 1;
     if (fetch->kind == HlsFetch::kSegment) {
-        auto it = buffers_.find(fetch->index);
-        if (it == buffers_.end()) return size + 1;
-        appendSegmentBytes(it->second.get(), data, size);
-        scanBoxes(fetch->index, it->second.get());
+        HlsSegmentBuffer* buffer = bufferFor(*fetch);
+        if (buffer == nullptr) return size + 1;
+        appendSegmentBytes(buffer, data, size);
+        if (!live_) scanBoxes(static_cast<int>(fetch->index), buffer);
     } else {
         if (fetch->body.size() + size > kMaxControlBytes) return size + 1;
         fetch->body.append(data, size);
@@ -419,8 +447,9 @@ bool HlsSession::takeMediaPlaylist(const std::string& body, const std::string& u
         finishOpen(false, url + ": a variant that is itself a master playlist");
         return false;
     }
-    if (!playlist.endList) {
-        finishOpen(false, url + ": live playlists (without EXT-X-ENDLIST) are not supported");
+    live_ = !playlist.endList;
+    if (playlist.segments.empty()) {
+        finishOpen(false, url + ": a live playlist without a segment");
         return false;
     }
     for (const HlsSegment& segment : playlist.segments) {
@@ -435,7 +464,6 @@ bool HlsSession::takeMediaPlaylist(const std::string& body, const std::string& u
     }
     media_ = playlist;
     mediaUrl_ = url;
-    mapBytes_.assign(media_.maps.size(), std::string());
     phase_ = kKeysAndMaps;
     return true;
 }
@@ -490,7 +518,7 @@ void HlsSession::advanceOpen() {
             }
             keys_[url] = body;
         } else if (kind == HlsFetch::kMap) {
-            mapBytes_[static_cast<size_t>(index)] = body;
+            maps_[mapKey(media_.maps[static_cast<size_t>(index)])] = body;
         }
     }
     if (control_.kind != HlsFetch::kIdle) return;
@@ -503,18 +531,37 @@ void HlsSession::advanceOpen() {
             }
         }
         for (size_t i = 0; i < media_.maps.size(); ++i) {
-            if (mapBytes_[i].empty()) {
+            if (maps_.count(mapKey(media_.maps[i])) == 0) {
                 start(&control_, HlsFetch::kMap, static_cast<int>(i), media_.maps[i].uri,
                       media_.maps[i].rangeOffset, media_.maps[i].rangeLength);
                 return;
             }
         }
+        if (live_) {
+            // Three target durations from the end, at a segment's start.
+            size_t first = media_.segments.size() - 1;
+            double fromEnd = media_.segments[first].durationSeconds;
+            while (first > 0 && fromEnd < kLiveStartTargetDurations * media_.targetDurationSeconds) {
+                first -= 1;
+                fromEnd += media_.segments[first].durationSeconds;
+            }
+            nextSequence_ = media_.segments[first].sequence;
+            lastListed_ = media_.segments.back().sequence;
+            lastAdvanceMs_ = monotonicMs();
+            nextReloadMs_ = lastAdvanceMs_ + static_cast<uint64_t>(media_.targetDurationSeconds * 1000);
+            length_ = -1;
+            logPrint("HlsFile: live, starting at segment %" PRId64 " of %" PRId64 "-%" PRId64 "\n",
+                     nextSequence_, media_.mediaSequence, lastListed_);
+            finishOpen(true, "");
+            return;
+        }
         prefix_.clear();
         for (size_t i = 0; i < media_.segments.size(); ++i) {
             const int map = media_.segments[i].mapIndex;
             const bool newMap = map >= 0 && (i == 0 || media_.segments[i - 1].mapIndex != map);
-            prefix_.push_back(newMap ? static_cast<int64_t>(mapBytes_[static_cast<size_t>(map)].size())
-                                     : 0);
+            prefix_.push_back(
+                newMap ? static_cast<int64_t>(maps_[mapKey(media_.maps[static_cast<size_t>(map)])].size())
+                       : 0);
         }
         bool allRanged = true;
         for (const HlsSegment& segment : media_.segments) allRanged &= segment.rangeLength > 0;
@@ -575,49 +622,221 @@ void HlsSession::serve() {
         return;
     }
     if (phase_ != kReady && phase_ != kFailed) advanceOpen();
+    if (phase_ == kReady) handleControlWhileReady();
     if (segment_.kind == HlsFetch::kSegment && segment_.done) {
-        const int index = segment_.index;
+        const int64_t index = segment_.index;
+        HlsSegmentBuffer* buffer = bufferFor(segment_);
         if (handleFinished(&segment_)) {
-            HlsSegmentBuffer* buffer = buffers_[index].get();
-            if (buffer->cipher != nullptr) {
-                const size_t before = buffer->data.size();
-                buffer->data.resize(before + 32);
-                int out = 0;
-                if (EVP_DecryptFinal_ex(buffer->cipher,
-                                        reinterpret_cast<unsigned char*>(&buffer->data[before]),
-                                        &out) != 1) {
-                    logPrint("HlsFile: segment %d does not decrypt (bad padding)\n", index);
-                    out = 0;
-                }
-                buffer->data.resize(before + static_cast<size_t>(out));
-                EVP_CIPHER_CTX_free(buffer->cipher);
-                buffer->cipher = nullptr;
-                scanBoxes(index, buffer);
-            }
-            buffer->complete = true;
-            const int64_t span = span_.empty() ? 0 : span_[static_cast<size_t>(index)];
-            logPrint("HlsFile: segment %d: %zu bytes, span %" PRId64 "\n", index,
-                     buffer->data.size(), span);
-            if (span > 0 && !fmp4_ && static_cast<int64_t>(buffer->data.size()) > span) {
-                logPrint("HlsFile: segment %d outgrows its span of %lld bytes: cut at %lld\n",
-                         index, static_cast<long long>(span), static_cast<long long>(span));
-            }
             stop(&segment_);
+            if (buffer != nullptr) finishSegment(buffer, index);
             if (phase_ == kFirstSegment) layOut();
         } else if (segment_.done) {
             stop(&segment_);
-            buffers_.erase(index);
             const std::string why = "segment " + std::to_string(index) + " failed for good";
             if (phase_ == kFirstSegment) {
                 finishOpen(false, why);
+            } else if (live_) {
+                // Live goes on with the next segment; what the reader already
+                // has of this one stays, the demuxer resynchronises.
+                logPrint("HlsFile: %s: skipped\n", why.c_str());
+                if (!liveQueue_.empty() && liveQueue_.back().first == index) {
+                    if (liveQueue_.size() == 1 && liveOffset_ > 0) {
+                        finishSegment(liveQueue_.back().second.get(), index);
+                    } else {
+                        liveQueue_.pop_back();
+                    }
+                }
             } else {
+                buffers_.erase(static_cast<int>(index));
                 fail(-1, why);
             }
         }
     }
-    if (phase_ == kReady) scheduleSegments();
-    serveRequests();
+    if (live_) {
+        if (phase_ == kReady) scheduleLive();
+        serveLive();
+    } else {
+        if (phase_ == kReady) scheduleSegments();
+        serveRequests();
+    }
     updateCachePercent();
+}
+
+void HlsSession::finishSegment(HlsSegmentBuffer* buffer, int64_t index) {
+    if (buffer->cipher != nullptr) {
+        const size_t before = buffer->data.size();
+        buffer->data.resize(before + 32);
+        int out = 0;
+        if (EVP_DecryptFinal_ex(buffer->cipher, reinterpret_cast<unsigned char*>(&buffer->data[before]),
+                                &out) != 1) {
+            logPrint("HlsFile: segment %" PRId64 " does not decrypt (bad padding)\n", index);
+            out = 0;
+        }
+        buffer->data.resize(before + static_cast<size_t>(out));
+        EVP_CIPHER_CTX_free(buffer->cipher);
+        buffer->cipher = nullptr;
+        if (!live_) scanBoxes(static_cast<int>(index), buffer);
+    }
+    buffer->complete = true;
+    const int64_t span = span_.empty() || live_ ? 0 : span_[static_cast<size_t>(index)];
+    logPrint("HlsFile: segment %" PRId64 ": %zu bytes, span %" PRId64 "\n", index,
+             buffer->data.size(), span);
+    if (span > 0 && media_.segments[static_cast<size_t>(index)].mapIndex < 0 &&
+        static_cast<int64_t>(buffer->data.size()) > span) {
+        logPrint("HlsFile: segment %" PRId64 " outgrows its span of %" PRId64 " bytes: cut at %" PRId64
+                 "\n", index, span, span);
+    }
+}
+
+HlsSegmentBuffer* HlsSession::bufferFor(const HlsFetch& fetch) {
+    if (live_) {
+        for (auto& entry : liveQueue_) {
+            if (entry.first == fetch.index) return entry.second.get();
+        }
+        return nullptr;
+    }
+    const auto it = buffers_.find(static_cast<int>(fetch.index));
+    return it == buffers_.end() ? nullptr : it->second.get();
+}
+
+// Playlist reloads, and keys and initialisation sections a reload brought.
+void HlsSession::handleControlWhileReady() {
+    const uint64_t now = monotonicMs();
+    if (control_.kind != HlsFetch::kIdle && control_.done) {
+        const bool ok = handleFinished(&control_);
+        if (!ok && !control_.done) return;  // restarted
+        const HlsFetch::Kind kind = control_.kind;
+        const std::string body = control_.body;
+        const std::string url = control_.url;
+        const int64_t index = control_.index;
+        stop(&control_);
+        const uint64_t targetMs = static_cast<uint64_t>(media_.targetDurationSeconds * 1000);
+        if (kind == HlsFetch::kPlaylist) {
+            HlsPlaylist playlist;
+            std::string why;
+            if (!ok || !parseHlsPlaylist(body, url, &playlist, &why) || playlist.master ||
+                playlist.segments.empty()) {
+                // Tried again at the next reload; the stall limit bounds the wait.
+                logPrint("HlsFile: reload of %s failed %s\n", url.c_str(), why.c_str());
+                nextReloadMs_ = now + targetMs / 2;
+            } else {
+                const int64_t last = playlist.segments.back().sequence;
+                if (last > lastListed_) {
+                    lastListed_ = last;
+                    lastAdvanceMs_ = now;
+                    nextReloadMs_ = now + static_cast<uint64_t>(playlist.targetDurationSeconds * 1000);
+                } else {
+                    // Nothing new: half a target duration, as the rules ask.
+                    nextReloadMs_ = now + targetMs / 2;
+                }
+                media_ = playlist;
+            }
+        } else if (ok && kind == HlsFetch::kKey && body.size() == 16) {
+            keys_[url] = body;
+        } else if (ok && kind == HlsFetch::kMap && index >= 0 &&
+                   index < static_cast<int64_t>(media_.maps.size())) {
+            maps_[mapKey(media_.maps[static_cast<size_t>(index)])] = body;
+        } else {
+            fail(-1, url + ": a key or initialisation section that cannot be loaded");
+            return;
+        }
+    }
+    if (live_ && !media_.endList && control_.kind == HlsFetch::kIdle && now >= nextReloadMs_) {
+        start(&control_, HlsFetch::kPlaylist, -1, mediaUrl_, -1, -1);
+    }
+}
+
+void HlsSession::scheduleLive() {
+    if (segment_.kind != HlsFetch::kIdle) return;
+    if (liveQueue_.size() >= kLiveQueuedSegments) return;
+    const int64_t first = media_.mediaSequence;
+    const int64_t last = first + static_cast<int64_t>(media_.segments.size()) - 1;
+    if (nextSequence_ < first) {
+        // The reader fell behind the sliding window (a long pause): on from
+        // the oldest segment still listed.
+        logPrint("HlsFile: segment %" PRId64 " left the playlist: going on at %" PRId64 "\n",
+                 nextSequence_, first);
+        nextSequence_ = first;
+    }
+    if (nextSequence_ > last) return;  // the next reload brings it
+    const HlsSegment& segment = media_.segments[static_cast<size_t>(nextSequence_ - first)];
+    if (segment.keyIndex >= 0) {
+        const HlsKey& key = media_.keys[static_cast<size_t>(segment.keyIndex)];
+        if (key.method != HlsKey::kAes128) {
+            fail(-1, "EXT-X-KEY METHOD=" + key.methodName + " is not supported (only AES-128)");
+            return;
+        }
+        if (keys_.count(key.uri) == 0) {
+            if (control_.kind == HlsFetch::kIdle) start(&control_, HlsFetch::kKey, -1, key.uri, -1, -1);
+            return;
+        }
+    }
+    std::string map;
+    if (segment.mapIndex >= 0) {
+        const HlsMap& m = media_.maps[static_cast<size_t>(segment.mapIndex)];
+        map = mapKey(m);
+        if (maps_.count(map) == 0) {
+            if (control_.kind == HlsFetch::kIdle) {
+                start(&control_, HlsFetch::kMap, segment.mapIndex, m.uri, m.rangeOffset, m.rangeLength);
+            }
+            return;
+        }
+    }
+    liveQueue_.emplace_back(nextSequence_, newBuffer(segment, map != lastMapKey_));
+    lastMapKey_ = map;
+    start(&segment_, HlsFetch::kSegment, nextSequence_, segment.uri, segment.rangeOffset,
+          segment.rangeLength);
+    nextSequence_ += 1;
+}
+
+void HlsSession::serveLive() {
+    while (!requests_.empty()) {
+        HlsRequest* request = requests_.front();
+        if (request->cancelled || released_) {
+            complete(request, kStatusCancelled, 0);
+            continue;
+        }
+        if (phase_ == kFailed) {
+            complete(request, kStatusError, 0);
+            continue;
+        }
+        if (phase_ != kReady) return;
+        while (request->remaining > 0 && !liveQueue_.empty()) {
+            HlsSegmentBuffer* front = liveQueue_.front().second.get();
+            const int64_t size = static_cast<int64_t>(front->data.size());
+            const uint32_t n = static_cast<uint32_t>(
+                std::min<int64_t>(request->remaining, size - liveOffset_));
+            memcpy(request->buffer, front->data.data() + liveOffset_, n);
+            request->buffer += n;
+            request->remaining -= n;
+            readPos_ += n;
+            liveOffset_ += n;
+            if (!front->complete || liveOffset_ < size) break;
+            liveQueue_.pop_front();
+            liveOffset_ = 0;
+            scheduleLive();
+        }
+        if (request->remaining == 0) {
+            complete(request, kStatusOk, request->length);
+            continue;
+        }
+        const bool ended = media_.endList && liveQueue_.empty() && segment_.kind == HlsFetch::kIdle &&
+                           nextSequence_ > media_.mediaSequence + static_cast<int64_t>(media_.segments.size()) - 1;
+        if (ended) {
+            complete(request, kStatusEndOfFile, request->length - request->remaining);
+            continue;
+        }
+        // Waiting for the playlist to move; not for ever.
+        const uint64_t limit = std::max<uint64_t>(
+            kMinLiveStallMs,
+            static_cast<uint64_t>(kLiveStallTargetDurations * media_.targetDurationSeconds * 1000));
+        if (liveQueue_.empty() && segment_.kind == HlsFetch::kIdle &&
+            monotonicMs() - lastAdvanceMs_ > limit) {
+            fail(-1, "the live playlist brought no new segment for " + std::to_string(limit / 1000) + " s");
+            continue;
+        }
+        return;
+    }
 }
 
 void HlsSession::fail(int code, const std::string& why) {
@@ -627,7 +846,17 @@ void HlsSession::fail(int code, const std::string& why) {
     stop(&segment_);
 }
 
-long HlsSession::nextPassMs() { return dirty_ ? 0 : -1; }
+long HlsSession::nextPassMs() {
+    if (dirty_) return 0;
+    if (!live_ || phase_ != kReady) return -1;
+    // The next reload; a waiting reader's stall check comes with it, at
+    // least every half target duration.
+    const uint64_t now = monotonicMs();
+    const uint64_t half = static_cast<uint64_t>(media_.targetDurationSeconds * 500) + 1;
+    uint64_t wait = nextReloadMs_ > now ? nextReloadMs_ - now : 0;
+    if (wait > half) wait = half;
+    return static_cast<long>(std::max<uint64_t>(wait, 1));
+}
 
 int HlsSession::segmentAt(int64_t position) const {
     const auto it = std::upper_bound(base_.begin(), base_.end(), position);
@@ -729,8 +958,8 @@ void HlsSession::scheduleSegments() {
     if (segment_.kind == HlsFetch::kSegment) {
         if (segment_.index == want || want < 0) return;
         // The reader moved away (a seek): what it needs comes first.
-        logPrint("HlsFile: segment %d abandoned for %d\n", segment_.index, want);
-        buffers_.erase(segment_.index);
+        logPrint("HlsFile: segment %" PRId64 " abandoned for %d\n", segment_.index, want);
+        buffers_.erase(static_cast<int>(segment_.index));
         stop(&segment_);
     }
     if (want < 0) return;
@@ -750,10 +979,16 @@ void HlsSession::scheduleSegments() {
 
 void HlsSession::startSegment(int index) {
     const HlsSegment& segment = media_.segments[static_cast<size_t>(index)];
+    auto old = buffers_.find(index);
+    if (old != buffers_.end() && old->second->cipher != nullptr) EVP_CIPHER_CTX_free(old->second->cipher);
+    buffers_[index] = newBuffer(segment, segment.mapIndex >= 0 && (index == 0 || prefix_[static_cast<size_t>(index)] > 0));
+    scanBoxes(index, buffers_[index].get());
+    start(&segment_, HlsFetch::kSegment, index, segment.uri, segment.rangeOffset, segment.rangeLength);
+}
+
+std::unique_ptr<HlsSegmentBuffer> HlsSession::newBuffer(const HlsSegment& segment, bool withInit) {
     std::unique_ptr<HlsSegmentBuffer> buffer(new HlsSegmentBuffer);
-    if (segment.mapIndex >= 0 && (index == 0 || prefix_[static_cast<size_t>(index)] > 0)) {
-        buffer->data = mapBytes_[static_cast<size_t>(segment.mapIndex)];
-    }
+    if (withInit) buffer->data = maps_[mapKey(media_.maps[static_cast<size_t>(segment.mapIndex)])];
     if (segment.keyIndex >= 0) {
         const HlsKey& key = media_.keys[static_cast<size_t>(segment.keyIndex)];
         uint8_t iv[16] = {};
@@ -767,11 +1002,7 @@ void HlsSession::startSegment(int index) {
         EVP_DecryptInit_ex(buffer->cipher, EVP_aes_128_cbc(), nullptr,
                            reinterpret_cast<const unsigned char*>(keys_[key.uri].data()), iv);
     }
-    auto old = buffers_.find(index);
-    if (old != buffers_.end() && old->second->cipher != nullptr) EVP_CIPHER_CTX_free(old->second->cipher);
-    buffers_[index] = std::move(buffer);
-    scanBoxes(index, buffers_[index].get());
-    start(&segment_, HlsFetch::kSegment, index, segment.uri, segment.rangeOffset, segment.rangeLength);
+    return buffer;
 }
 
 void HlsSession::complete(HlsRequest* request, VelkaStatus status, uint32_t length) {
@@ -786,6 +1017,12 @@ void HlsSession::complete(HlsRequest* request, VelkaStatus status, uint32_t leng
 void HlsSession::updateCachePercent() {
     if (phase_ != kReady) {
         cachePercent_ = 0;
+        return;
+    }
+    if (live_) {
+        int64_t ahead = -liveOffset_;
+        for (const auto& entry : liveQueue_) ahead += static_cast<int64_t>(entry.second->data.size());
+        cachePercent_ = ahead >= kCacheThresholdBytes ? 100 : static_cast<int>(ahead * 100 / kCacheThresholdBytes);
         return;
     }
     int64_t ahead = 0;

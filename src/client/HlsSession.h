@@ -46,7 +46,7 @@ struct HlsFetch {
     CURL* curl = nullptr;
     curl_slist* headers = nullptr;
     Kind kind = kIdle;
-    int index = -1;              // key, map or segment index
+    int64_t index = -1;          // segment index (VOD) or media sequence number (live)
     std::string url;
     int64_t rangeOffset = -1;    // -1: the whole resource
     int64_t rangeLength = -1;
@@ -126,6 +126,12 @@ private:
     // many were available now.
     uint32_t copyOut(int index, int64_t offset, char* out, uint32_t count);
     void scheduleSegments();
+    HlsSegmentBuffer* bufferFor(const HlsFetch& fetch);
+    std::unique_ptr<HlsSegmentBuffer> newBuffer(const HlsSegment& segment, bool withInit);
+    void finishSegment(HlsSegmentBuffer* buffer, int64_t index);
+    void handleControlWhileReady();
+    void serveLive();
+    void scheduleLive();
     void startSegment(int index);
     void complete(HlsRequest* request, VelkaStatus status, uint32_t length);
     void updateCachePercent();
@@ -142,11 +148,23 @@ private:
     std::string mediaUrl_;
     int64_t bandwidthBps_;       // the span estimate's rate: the highest variant's
     std::map<std::string, std::string> keys_;   // key URI -> 16 key bytes
-    std::vector<std::string> mapBytes_;        // by map index
+    std::map<std::string, std::string> maps_;  // initialisation sections by mapKey()
     std::vector<int64_t> prefix_;              // per segment: init bytes in front of it
     std::vector<int64_t> base_;                // per segment: start of its span
     std::vector<int64_t> span_;                // per segment
     bool fmp4_;
+    // Live (no EXT-X-ENDLIST): the stream is the segments one after another,
+    // without spans; the playlist is reloaded while it plays.
+    bool live_;
+    int64_t nextSequence_;       // live: the next segment to fetch
+    int64_t lastListed_;         // live: the highest sequence number listed so far
+    // live: fetched segments not yet read to their end, by sequence number;
+    // the front is the one being read
+    std::deque<std::pair<int64_t, std::unique_ptr<HlsSegmentBuffer>>> liveQueue_;
+    int64_t liveOffset_;         // live: bytes of the front segment already read
+    std::string lastMapKey_;     // live: the initialisation section last put in the stream
+    uint64_t nextReloadMs_;      // live: when the playlist is fetched again (monotonic)
+    uint64_t lastAdvanceMs_;     // live: when a reload last brought a new segment
     std::map<int, std::unique_ptr<HlsSegmentBuffer>> buffers_;
     uint64_t useClock_;          // orders buffers for eviction
     int current_;                // the segment the reader is in
