@@ -11,6 +11,11 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <string>
@@ -350,6 +355,185 @@ TEST(HlsOpenTest, FailsClearlyOnWhatItCannotPlay) {
     }
     HlsFile notHttp("ftp://127.0.0.1/a.m3u8");
     EXPECT_EQ(-1, notHttp.open());
+}
+
+}  // namespace
+
+namespace {
+
+// A live stream: ffmpeg writing a sliding window of one-second segments in
+// real time into nginx's root, as long as the object lives (or until stop()).
+class LiveWriter {
+public:
+    static constexpr int kWindowSegments = 4;
+
+    explicit LiveWriter(const std::string& name) : dir_(server_->rootFile(name + "/")), name_(name) {
+        runCommand("rm -rf " + dir_ + " && mkdir -p " + dir_);
+        const std::string command =
+            "exec ffmpeg -nostdin -hide_banner -loglevel error -y -re -f lavfi -i "
+            "testsrc=size=160x120:rate=25:duration=120 -c:v mpeg2video -g 25 -f hls -hls_time 1 "
+            "-hls_list_size " + std::to_string(kWindowSegments) + " -hls_flags delete_segments "
+            "-hls_segment_filename " + dir_ + "seg%05d.ts " + dir_ + "live.m3u8";
+        const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
+        if (posix_spawn(&pid_, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ) != 0) pid_ = -1;
+    }
+    ~LiveWriter() { stop(); }
+    void stop() {
+        if (pid_ <= 0) return;
+        kill(pid_, SIGKILL);  // not SIGTERM: ffmpeg would end the playlist
+        waitpid(pid_, nullptr, 0);
+        pid_ = -1;
+    }
+    std::string url() const { return server_->url(name_ + "/live.m3u8"); }
+    // The sequence numbers the playlist lists now; {-1, -1} before it has one.
+    std::pair<long long, long long> listed() const {
+        const std::string text = fileBytes(dir_ + "live.m3u8");
+        const size_t tag = text.find("#EXT-X-MEDIA-SEQUENCE:");
+        if (tag == std::string::npos) return {-1, -1};
+        const long long first = std::stoll(text.substr(tag + 22));
+        size_t count = 0;
+        for (size_t at = 0; (at = text.find("#EXTINF", at)) != std::string::npos; ++at) ++count;
+        return {first, first + static_cast<long long>(count) - 1};
+    }
+    bool waitForWindow() {
+        return testing_support::waitUntil([this] { return listed().second - listed().first + 1 >= kWindowSegments; });
+    }
+    // The sequence numbers of the segments requested from nginx, in order.
+    std::vector<long long> requested() const {
+        std::vector<long long> out;
+        for (const auto& r : server_->requests()) {
+            if (r.path.find("/" + name_ + "/seg") == 0) out.push_back(std::stoll(r.path.substr(name_.size() + 5)));
+        }
+        return out;
+    }
+
+private:
+    std::string dir_;
+    std::string name_;
+    pid_t pid_ = -1;
+};
+
+// Counts what a chain of reads delivered; each read issued from the last one's completion.
+class LiveReader : public velka::File::AsyncCallback {
+public:
+    explicit LiveReader(velka::File& file) : file_(file), block_(64 * 1024) {}
+    void start() { issue(); }
+    void complete(velka::VelkaStatus status, uint32_t length) override {
+        bytes_ += length;
+        status_ = status;
+        if (status == velka::kStatusOk && !paused_) issue();
+        else done_ = true;
+    }
+    // One read, after which the chain stops.
+    void readOnce() {
+        paused_ = true;
+        issue();
+    }
+    void resume() {
+        paused_ = false;
+        done_ = false;
+        issue();
+    }
+    std::atomic<uint64_t> bytes_{0};
+    std::atomic<int> status_{velka::kStatusOk};
+    std::atomic<bool> done_{false};
+
+private:
+    void issue() {
+        if (file_.readAsync(block_.data(), static_cast<uint32_t>(block_.size()), *this) == nullptr) done_ = true;
+    }
+    velka::File& file_;
+    std::vector<char> block_;
+    std::atomic<bool> paused_{false};
+};
+
+TEST(HlsLiveTest, StartsThreeTargetDurationsFromTheEndAndFollowsTheWindow) {
+    ASSERT_TRUE(why_.empty()) << why_;
+    LiveWriter live("live-edge");
+    ASSERT_TRUE(live.waitForWindow());
+    const long long lastAtOpen = live.listed().second;
+    HlsFile file(live.url());
+    ASSERT_EQ(0, file.open());
+    EXPECT_EQ(-1, file.length());
+    LiveReader reader(file);
+    reader.start();
+    // Three new segments come and are read in order, none skipped.
+    ASSERT_TRUE(testing_support::waitUntil([&] { return live.requested().size() >= 5; }));
+    const std::vector<long long> segments = live.requested();
+    EXPECT_GE(segments[0], lastAtOpen - 2);
+    EXPECT_LE(segments[0], lastAtOpen - 1);
+    for (size_t i = 1; i < segments.size(); ++i) EXPECT_EQ(segments[i - 1] + 1, segments[i]);
+    EXPECT_FALSE(reader.done_);
+    file.close();
+    EXPECT_TRUE(reader.done_);
+    EXPECT_EQ(velka::kStatusCancelled, reader.status_);
+}
+
+TEST(HlsLiveTest, AReaderThatFellBehindTheWindowGoesOnFromItsOldestSegment) {
+    ASSERT_TRUE(why_.empty()) << why_;
+    LiveWriter live("live-behind");
+    ASSERT_TRUE(live.waitForWindow());
+    HlsFile file(live.url());
+    ASSERT_EQ(0, file.open());
+    LiveReader reader(file);
+    reader.readOnce();
+    ASSERT_TRUE(testing_support::waitUntil([&] { return reader.done_.load(); }));
+    // The file fetches ahead for the paused reader until its queue is full;
+    // then the window passes the next segment it would fetch.
+    ASSERT_TRUE(testing_support::waitUntil([&] {
+        return live.listed().first > live.requested().back() + 2;
+    }));
+    reader.resume();
+    ASSERT_TRUE(testing_support::waitUntil([&] {
+        return reader.done_ || live.requested().back() >= live.listed().first;
+    }));
+    EXPECT_FALSE(reader.done_) << "status " << reader.status_;
+    const std::vector<long long> segments = live.requested();
+    bool skipped = false;
+    for (size_t i = 1; i < segments.size(); ++i) skipped |= segments[i] > segments[i - 1] + 1;
+    EXPECT_TRUE(skipped) << "no jump to the oldest listed segment";
+    file.close();
+}
+
+TEST(HlsLiveTest, APlaylistThatStopsAdvancingEndsInAnErrorCompletion) {
+    ASSERT_TRUE(why_.empty()) << why_;
+    LiveWriter live("live-stall");
+    ASSERT_TRUE(live.waitForWindow());
+    HlsFile file(live.url());
+    ASSERT_EQ(0, file.open());
+    LiveReader reader(file);
+    reader.readOnce();
+    // Fetched ahead for the paused reader, then drained by it once the
+    // playlist stands still.
+    ASSERT_TRUE(testing_support::waitUntil([&] { return file.cachePercent() > 0; }));
+    live.stop();
+    const auto stopped = std::chrono::steady_clock::now();
+    reader.resume();
+    int lowest = 100;
+    ASSERT_TRUE(testing_support::waitUntil([&] {
+        lowest = std::min(lowest, file.cachePercent());
+        return reader.done_.load();
+    }));
+    EXPECT_EQ(velka::kStatusError, reader.status_);
+    EXPECT_EQ(0, lowest) << "no buffering figure while it waited";
+    EXPECT_LT(std::chrono::steady_clock::now() - stopped, std::chrono::seconds(15));
+    EXPECT_NE(0, file.error());
+    file.close();
+}
+
+TEST_F(HlsPlayerTest, LivePlaysThroughThePlayer) {
+    LiveWriter live("live-player");
+    ASSERT_TRUE(live.waitForWindow());
+    ASSERT_EQ(kStatusOk, player_->open(live.url()));
+    EXPECT_EQ(0, player_->duration());
+    ASSERT_EQ(kStatusOk, player_->play(0));
+    ASSERT_TRUE(log_.waitFor([](const Events& all) {
+        int updates = 0;
+        for (const Event& e : all) updates += e.id == MediaPlayer::kEventTimeUpdate && e.param >= 2000;
+        return updates > 0;
+    }, 30000)) << ::testing::PrintToString(log_.events());
+    EXPECT_EQ((Events{kOpening, kOpened, kPlaying}), log_.transitions());
+    EXPECT_EQ(0u, mtkpb::control::counters().readsFailed);
 }
 
 }  // namespace
