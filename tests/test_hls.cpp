@@ -320,13 +320,19 @@ INSTANTIATE_TEST_SUITE_P(Streams, HlsPlaysTest,
                          });
 
 TEST_F(HlsPlayerTest, TimeSeeksLandWithinOneTargetDuration) {
-    ASSERT_EQ(kStatusOk, player_->open(server_->url("ts/v2.m3u8")));
-    ASSERT_EQ(kStatusOk, player_->play(0));
-    ASSERT_TRUE(log_.waitForEvent(kPlaying));
-    for (int32_t target : {6000, 1000, 4000}) {
-        ASSERT_EQ(kStatusOk, player_->timeSeek(target));
-        const int32_t pts = player_->currentPts();
-        EXPECT_LE(std::abs(pts - target), kTargetSeconds * 1000) << "asked " << target << ", at " << pts;
+    for (const char* playlist : {"ts/v2.m3u8", "fmp4/index.m3u8", "aes/index.m3u8"}) {
+        SCOPED_TRACE(playlist);
+        log_.clear();
+        ASSERT_EQ(kStatusOk, player_->open(server_->url(playlist)));
+        ASSERT_EQ(kStatusOk, player_->play(0));
+        ASSERT_TRUE(log_.waitForEvent(kPlaying));
+        for (int32_t target : {6000, 1000, 4000}) {
+            ASSERT_EQ(kStatusOk, player_->timeSeek(target));
+            const int32_t pts = player_->currentPts();
+            EXPECT_LE(std::abs(pts - target), kTargetSeconds * 1000) << "asked " << target << ", at " << pts;
+        }
+        ASSERT_EQ(kStatusOk, player_->stop());
+        player_->close();
     }
     EXPECT_EQ(0u, mtkpb::control::counters().readsFailed);
 }
