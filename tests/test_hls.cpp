@@ -22,6 +22,7 @@ extern "C" {
 #include <vector>
 
 #include "PlayerFixture.h"
+#include "support/FaultServer.h"
 #include "support/NginxServer.h"
 #include "velka/FileFactory.h"
 #include "velka/HlsFile.h"
@@ -540,6 +541,89 @@ TEST_F(HlsPlayerTest, LivePlaysThroughThePlayer) {
     }, 30000)) << ::testing::PrintToString(log_.events());
     EXPECT_EQ((Events{kOpening, kOpened, kPlaying}), log_.transitions());
     EXPECT_EQ(0u, mtkpb::control::counters().readsFailed);
+}
+
+}  // namespace
+
+namespace {
+
+// Segments from the fault server (each its one file, a real TS segment),
+// named by a playlist that nginx serves.
+class HlsFaultTest : public ::testing::Test {
+protected:
+    using Reply = testing_support::FaultServer::Reply;
+
+    HlsFaultTest() : faults_(bytes(fileBytes(server_->rootFile("ts/v0_000.ts")))) {}
+    static std::vector<char> bytes(const std::string& s) { return std::vector<char>(s.begin(), s.end()); }
+    void SetUp() override {
+        ASSERT_TRUE(why_.empty()) << why_;
+        std::string why;
+        ASSERT_TRUE(faults_.start(&why)) << why;
+    }
+    // A VOD playlist of `count` segments /NAME0.ts, /NAME1.ts... on the fault server.
+    std::string playlist(const std::string& name, int count) {
+        std::string text = "#EXTM3U\n#EXT-X-TARGETDURATION:2\n";
+        for (int i = 0; i < count; ++i) text += "#EXTINF:2,\n" + faults_.url("/" + name + std::to_string(i) + ".ts") + "\n";
+        writeText(server_->rootFile("bad/" + name + ".m3u8"), text + "#EXT-X-ENDLIST\n");
+        return server_->url("bad/" + name + ".m3u8");
+    }
+    testing_support::FaultServer faults_;
+};
+
+TEST_F(HlsFaultTest, ASegmentDroppedMidBodyResumesWhereItStopped) {
+    Reply cut;
+    cut.cutAt = 20000;
+    faults_.script("/resume1.ts", {cut, Reply()});
+    HlsFile file(playlist("resume", 3));
+    ASSERT_EQ(0, file.open());
+    const std::string stream = readWhole(file);
+    EXPECT_EQ(file.length(), static_cast<int64_t>(stream.size()));
+    const std::string segment(faults_.file().begin(), faults_.file().end());
+    for (int64_t i = 0, at = 0; i < 3; ++i, at = stream.find(segment.substr(0, 188), at + segment.size())) {
+        ASSERT_NE(std::string::npos, static_cast<size_t>(at));
+        EXPECT_TRUE(stream.compare(static_cast<size_t>(at), segment.size(), segment) == 0) << "segment " << i;
+    }
+    const auto requests = faults_.requests("/resume1.ts");
+    ASSERT_EQ(2u, requests.size());
+    EXPECT_EQ("bytes=20000-", requests[1].range);
+}
+
+TEST_F(HlsFaultTest, ASegmentThatFailsForGoodIsRetriedThenTheReadsFail) {
+    Reply error;
+    error.status = 500;
+    faults_.script("/fail1.ts", {error});
+    HlsFile file(playlist("fail", 3));
+    ASSERT_EQ(0, file.open());
+    std::vector<char> block(64 * 1024);
+    int n = 0;
+    int64_t total = 0;
+    while ((n = file.read(block.data(), static_cast<uint32_t>(block.size()))) > 0) total += n;
+    EXPECT_EQ(-1, n);
+    EXPECT_GE(total, static_cast<int64_t>(faults_.file().size())) << "the first segment was read";
+    EXPECT_EQ(3u, faults_.requests("/fail1.ts").size());
+    EXPECT_NE(0, file.error());
+    testing_support::CompletionLog log(false);
+    testing_support::CompletionLog::Callback refused(log, 1);
+    EXPECT_EQ(nullptr, file.readAsync(block.data(), 1, refused));
+}
+
+TEST_F(HlsFaultTest, CloseMidSegmentReturnsAtOnceWithQueuedReadsCancelled) {
+    Reply drip;
+    drip.bytesPerSecond = 4000;
+    faults_.script("/slow1.ts", {drip});
+    HlsFile file(playlist("slow", 2));
+    ASSERT_EQ(0, file.open());
+    testing_support::CompletionLog log(false);
+    testing_support::CompletionLog::Callback c1(log, 1), c2(log, 2);
+    // The first read reaches into the second segment, which drips.
+    std::vector<char> a(static_cast<size_t>(file.length())), b(100);
+    ASSERT_NE(nullptr, file.readAsync(a.data(), static_cast<uint32_t>(a.size()), c1));
+    ASSERT_NE(nullptr, file.readAsync(b.data(), static_cast<uint32_t>(b.size()), c2));
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(0, file.close());
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(2));
+    ASSERT_EQ(2u, log.all().size());
+    for (const auto& c : log.all()) EXPECT_EQ(velka::kStatusCancelled, c.status) << c.tag;
 }
 
 }  // namespace
