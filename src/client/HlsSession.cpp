@@ -63,9 +63,23 @@ uint64_t monotonicMs() {
     return static_cast<uint64_t>(ts.tv_sec) * 1000 + static_cast<uint64_t>(ts.tv_nsec) / 1000000;
 }
 
-std::string mapKey(const HlsMap& map) {
-    return map.uri + "@" + std::to_string(map.rangeOffset);
+std::string mapKey(const std::string& uri, int64_t rangeOffset) {
+    return uri + "@" + std::to_string(rangeOffset);
 }
+
+std::string mapKey(const HlsMap& map) { return mapKey(map.uri, map.rangeOffset); }
+
+// Adaptation. The estimate is the median of the last kThroughputSamples
+// segment transfers, or the last one when it is lower; a variant is
+// affordable when its BANDWIDTH is at most kUsableShare of it. The current
+// variant is kept while it takes at most kDownShare; going up needs kUpVotes
+// segments in a row that afford the next variant. The gap between the
+// shares, and the votes, keep it from oscillating.
+constexpr size_t kThroughputSamples = 5;
+constexpr double kUsableShare = 0.7;
+constexpr double kDownShare = 0.85;
+constexpr int kUpVotes = 3;
+enum VariantState { kVariantUnknown, kVariantUsable, kVariantUnusable };
 
 uint32_t readBe32(const std::string& data, int64_t at) {
     const unsigned char* p = reinterpret_cast<const unsigned char*>(data.data()) + at;
@@ -95,6 +109,8 @@ HlsSession::HlsSession(const std::string& url, const HttpOptions& options)
       phase_(kStarting),
       bandwidthBps_(0),
       fmp4_(false),
+      variant_(0),
+      upVotes_(0),
       live_(false),
       nextSequence_(0),
       lastListed_(-1),
@@ -344,6 +360,8 @@ void HlsSession::start(HlsFetch* fetch, HlsFetch::Kind kind, int index, const st
     fetch->rangeLength = rangeLength;
     fetch->received = 0;
     fetch->retries = 0;
+    fetch->variant = -1;
+    fetch->startMs = monotonicMs();
     fetch->body.clear();
     restart(fetch);
 }
@@ -497,19 +515,29 @@ void HlsSession::advanceOpen() {
                 return;
             }
             if (playlist.master) {
-                for (const HlsVariant& variant : playlist.variants) {
-                    bandwidthBps_ = std::max(bandwidthBps_, variant.bandwidthBps);
+                variants_ = playlist.variants;
+                variantMedia_.resize(variants_.size());
+                variantState_.assign(variants_.size(), kVariantUnknown);
+                for (size_t v = 0; v < variants_.size(); ++v) {
+                    bandwidthBps_ = std::max(bandwidthBps_, variants_[v].bandwidthBps);
+                    // Nothing is measured yet: the lowest rate first.
+                    if (variants_[v].bandwidthBps < variants_[static_cast<size_t>(variant_)].bandwidthBps) {
+                        variant_ = static_cast<int>(v);
+                    }
                 }
-                // The first variant listed is the one to start with.
                 phase_ = kMediaPlaylist;
-                logPrint("HlsFile: variant %s of %zu\n", playlist.variants[0].uri.c_str(),
-                         playlist.variants.size());
-                start(&control_, HlsFetch::kPlaylist, -1, playlist.variants[0].uri, -1, -1);
+                logPrint("HlsFile: variant %d (%s) of %zu\n", variant_,
+                         variants_[static_cast<size_t>(variant_)].uri.c_str(), variants_.size());
+                start(&control_, HlsFetch::kPlaylist, -1, variants_[static_cast<size_t>(variant_)].uri, -1, -1);
                 return;
             }
             if (!takeMediaPlaylist(body, url)) return;
         } else if (kind == HlsFetch::kPlaylist) {
             if (!takeMediaPlaylist(body, url)) return;
+            if (!variants_.empty()) {
+                variantMedia_[static_cast<size_t>(variant_)].reset(new HlsPlaylist(media_));
+                variantState_[static_cast<size_t>(variant_)] = kVariantUsable;
+            }
         } else if (kind == HlsFetch::kKey) {
             if (body.size() != 16) {
                 finishOpen(false, url + ": a key of " + std::to_string(body.size()) +
@@ -627,6 +655,10 @@ void HlsSession::serve() {
         const int64_t index = segment_.index;
         HlsSegmentBuffer* buffer = bufferFor(segment_);
         if (handleFinished(&segment_)) {
+            const uint64_t elapsedMs = std::max<uint64_t>(1, monotonicMs() - segment_.startMs);
+            throughputBps_.push_back(static_cast<double>(segment_.received) * 8 * 1000 /
+                                     static_cast<double>(elapsedMs));
+            if (throughputBps_.size() > kThroughputSamples) throughputBps_.pop_front();
             stop(&segment_);
             if (buffer != nullptr) finishSegment(buffer, index);
             if (phase_ == kFirstSegment) layOut();
@@ -708,10 +740,20 @@ void HlsSession::handleControlWhileReady() {
         const HlsFetch::Kind kind = control_.kind;
         const std::string body = control_.body;
         const std::string url = control_.url;
-        const int64_t index = control_.index;
+        const int64_t control_rangeOffset = control_.rangeOffset;
+        const int control_variant = control_.variant;
         stop(&control_);
         const uint64_t targetMs = static_cast<uint64_t>(media_.targetDurationSeconds * 1000);
-        if (kind == HlsFetch::kPlaylist) {
+        const int variant = control_variant;
+        if (variant >= 0 && kind == HlsFetch::kPlaylist) {
+            if (ok) {
+                takeVariantPlaylist(variant, body, url);
+            } else {
+                variantState_[static_cast<size_t>(variant)] = kVariantUnusable;
+            }
+        } else if (variant >= 0 && !ok) {
+            variantState_[static_cast<size_t>(variant)] = kVariantUnusable;
+        } else if (kind == HlsFetch::kPlaylist) {
             HlsPlaylist playlist;
             std::string why;
             if (!ok || !parseHlsPlaylist(body, url, &playlist, &why) || playlist.master ||
@@ -733,9 +775,8 @@ void HlsSession::handleControlWhileReady() {
             }
         } else if (ok && kind == HlsFetch::kKey && body.size() == 16) {
             keys_[url] = body;
-        } else if (ok && kind == HlsFetch::kMap && index >= 0 &&
-                   index < static_cast<int64_t>(media_.maps.size())) {
-            maps_[mapKey(media_.maps[static_cast<size_t>(index)])] = body;
+        } else if (ok && kind == HlsFetch::kMap) {
+            maps_[mapKey(url, control_rangeOffset)] = body;
         } else {
             fail(-1, url + ": a key or initialisation section that cannot be loaded");
             return;
@@ -782,7 +823,7 @@ void HlsSession::scheduleLive() {
             return;
         }
     }
-    liveQueue_.emplace_back(nextSequence_, newBuffer(segment, map != lastMapKey_));
+    liveQueue_.emplace_back(nextSequence_, newBuffer(media_, segment, map != lastMapKey_));
     lastMapKey_ = map;
     start(&segment_, HlsFetch::kSegment, nextSequence_, segment.uri, segment.rangeOffset,
           segment.rangeLength);
@@ -978,19 +1019,23 @@ void HlsSession::scheduleSegments() {
 }
 
 void HlsSession::startSegment(int index) {
-    const HlsSegment& segment = media_.segments[static_cast<size_t>(index)];
+    const int variant = variants_.empty() || phase_ != kReady ? -1 : chooseVariant();
+    const HlsPlaylist& playlist = variant < 0 ? media_ : *variantMedia_[static_cast<size_t>(variant)];
+    const HlsSegment& segment = playlist.segments[static_cast<size_t>(index)];
     auto old = buffers_.find(index);
     if (old != buffers_.end() && old->second->cipher != nullptr) EVP_CIPHER_CTX_free(old->second->cipher);
-    buffers_[index] = newBuffer(segment, segment.mapIndex >= 0 && (index == 0 || prefix_[static_cast<size_t>(index)] > 0));
+    buffers_[index] = newBuffer(playlist, segment,
+                                segment.mapIndex >= 0 && (index == 0 || prefix_[static_cast<size_t>(index)] > 0));
     scanBoxes(index, buffers_[index].get());
     start(&segment_, HlsFetch::kSegment, index, segment.uri, segment.rangeOffset, segment.rangeLength);
 }
 
-std::unique_ptr<HlsSegmentBuffer> HlsSession::newBuffer(const HlsSegment& segment, bool withInit) {
+std::unique_ptr<HlsSegmentBuffer> HlsSession::newBuffer(const HlsPlaylist& playlist,
+                                                        const HlsSegment& segment, bool withInit) {
     std::unique_ptr<HlsSegmentBuffer> buffer(new HlsSegmentBuffer);
-    if (withInit) buffer->data = maps_[mapKey(media_.maps[static_cast<size_t>(segment.mapIndex)])];
+    if (withInit) buffer->data = maps_[mapKey(playlist.maps[static_cast<size_t>(segment.mapIndex)])];
     if (segment.keyIndex >= 0) {
-        const HlsKey& key = media_.keys[static_cast<size_t>(segment.keyIndex)];
+        const HlsKey& key = playlist.keys[static_cast<size_t>(segment.keyIndex)];
         uint8_t iv[16] = {};
         if (key.hasIv) {
             memcpy(iv, key.iv, sizeof iv);
@@ -1003,6 +1048,111 @@ std::unique_ptr<HlsSegmentBuffer> HlsSession::newBuffer(const HlsSegment& segmen
                            reinterpret_cast<const unsigned char*>(keys_[key.uri].data()), iv);
     }
     return buffer;
+}
+
+int HlsSession::chooseVariant() {
+    if (throughputBps_.empty()) return variant_;
+    std::vector<double> samples(throughputBps_.begin(), throughputBps_.end());
+    std::nth_element(samples.begin(), samples.begin() + static_cast<long>(samples.size() / 2), samples.end());
+    const double median = samples[samples.size() / 2];
+    // A link that slows is believed at once, one that recovers only over
+    // several segments.
+    const double estimate = std::min(median, throughputBps_.back());
+    const int64_t current = variants_[static_cast<size_t>(variant_)].bandwidthBps;
+    int target = variant_;
+    if (static_cast<double>(current) > kDownShare * estimate) {
+        // Down to the best variant the estimate affords, or the lowest.
+        int lowest = variant_;
+        int best = -1;
+        for (size_t v = 0; v < variants_.size(); ++v) {
+            const int64_t bps = variants_[v].bandwidthBps;
+            if (variantState_[v] == kVariantUnusable) continue;
+            if (bps < variants_[static_cast<size_t>(lowest)].bandwidthBps) lowest = static_cast<int>(v);
+            if (static_cast<double>(bps) <= kUsableShare * estimate && bps < current &&
+                (best < 0 || bps > variants_[static_cast<size_t>(best)].bandwidthBps)) {
+                best = static_cast<int>(v);
+            }
+        }
+        target = best >= 0 ? best : lowest;
+        upVotes_ = 0;
+    } else {
+        // Up one step at a time, after kUpVotes segments in a row allowed it.
+        int higher = -1;
+        for (size_t v = 0; v < variants_.size(); ++v) {
+            const int64_t bps = variants_[v].bandwidthBps;
+            if (variantState_[v] == kVariantUnusable || bps <= current) continue;
+            if (higher < 0 || bps < variants_[static_cast<size_t>(higher)].bandwidthBps) higher = static_cast<int>(v);
+        }
+        if (higher >= 0 &&
+            static_cast<double>(variants_[static_cast<size_t>(higher)].bandwidthBps) <= kUsableShare * estimate) {
+            upVotes_ += 1;
+        } else {
+            upVotes_ = 0;
+        }
+        if (higher >= 0 && upVotes_ >= kUpVotes) target = higher;
+    }
+    if (target != variant_ && variantReady(target)) {
+        logPrint("HlsFile: variant %d -> %d (estimate %.0f bit/s)\n", variant_, target, estimate);
+        variant_ = target;
+        upVotes_ = 0;
+    }
+    return variant_;
+}
+
+bool HlsSession::variantReady(int v) {
+    const size_t i = static_cast<size_t>(v);
+    if (variantState_[i] == kVariantUnusable) return false;
+    if (control_.kind != HlsFetch::kIdle) return false;  // one thing at a time
+    if (!variantMedia_[i]) {
+        start(&control_, HlsFetch::kPlaylist, -1, variants_[i].uri, -1, -1);
+        control_.variant = v;
+        return false;
+    }
+    const HlsPlaylist& playlist = *variantMedia_[i];
+    for (const HlsKey& key : playlist.keys) {
+        if (key.method == HlsKey::kAes128 && keys_.count(key.uri) == 0) {
+            start(&control_, HlsFetch::kKey, -1, key.uri, -1, -1);
+            control_.variant = v;
+            return false;
+        }
+    }
+    for (size_t s = 0; s < playlist.segments.size(); ++s) {
+        const int map = playlist.segments[s].mapIndex;
+        if (map < 0) continue;
+        const HlsMap& own = playlist.maps[static_cast<size_t>(map)];
+        if (maps_.count(mapKey(own)) == 0) {
+            start(&control_, HlsFetch::kMap, -1, own.uri, own.rangeOffset, own.rangeLength);
+            control_.variant = v;
+            return false;
+        }
+        // Fragmented MP4 switches only where the initialisation sections agree.
+        const HlsMap& ours = media_.maps[static_cast<size_t>(media_.segments[s].mapIndex)];
+        if (maps_[mapKey(own)] != maps_[mapKey(ours)]) {
+            logPrint("HlsFile: variant %d has other initialisation sections: not used\n", v);
+            variantState_[i] = kVariantUnusable;
+            return false;
+        }
+    }
+    return true;
+}
+
+void HlsSession::takeVariantPlaylist(int v, const std::string& body, const std::string& url) {
+    HlsPlaylist playlist;
+    std::string why;
+    bool usable = parseHlsPlaylist(body, url, &playlist, &why) && !playlist.master && playlist.endList &&
+                  playlist.segments.size() == media_.segments.size();
+    for (size_t s = 0; usable && s < playlist.segments.size(); ++s) {
+        const HlsSegment& own = playlist.segments[s];
+        const HlsSegment& ours = media_.segments[s];
+        // The same spans: the same durations and kinds, no byte-range sizes.
+        usable = std::abs(own.durationSeconds - ours.durationSeconds) < 0.5 &&
+                 (own.mapIndex < 0) == (ours.mapIndex < 0) &&
+                 (own.rangeLength < 0 && ours.rangeLength < 0) &&
+                 (own.keyIndex < 0 || playlist.keys[static_cast<size_t>(own.keyIndex)].method == HlsKey::kAes128);
+    }
+    if (!usable) logPrint("HlsFile: variant %d does not line up with the stream: not used\n", v);
+    variantState_[static_cast<size_t>(v)] = usable ? kVariantUsable : kVariantUnusable;
+    if (usable) variantMedia_[static_cast<size_t>(v)].reset(new HlsPlaylist(playlist));
 }
 
 void HlsSession::complete(HlsRequest* request, VelkaStatus status, uint32_t length) {

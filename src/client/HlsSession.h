@@ -47,6 +47,8 @@ struct HlsFetch {
     curl_slist* headers = nullptr;
     Kind kind = kIdle;
     int64_t index = -1;          // segment index (VOD) or media sequence number (live)
+    int variant = -1;            // a variant playlist (or its key or map) being loaded
+    uint64_t startMs = 0;        // when the fetch started, for the throughput estimate
     std::string url;
     int64_t rangeOffset = -1;    // -1: the whole resource
     int64_t rangeLength = -1;
@@ -127,7 +129,14 @@ private:
     uint32_t copyOut(int index, int64_t offset, char* out, uint32_t count);
     void scheduleSegments();
     HlsSegmentBuffer* bufferFor(const HlsFetch& fetch);
-    std::unique_ptr<HlsSegmentBuffer> newBuffer(const HlsSegment& segment, bool withInit);
+    std::unique_ptr<HlsSegmentBuffer> newBuffer(const HlsPlaylist& playlist, const HlsSegment& segment,
+                                                bool withInit);
+    // Adaptation (video on demand): the variant the next segment comes from.
+    int chooseVariant();
+    // True when variant `v` can be switched to now; else starts loading what
+    // it lacks (its playlist, a key, its initialisation section).
+    bool variantReady(int v);
+    void takeVariantPlaylist(int v, const std::string& body, const std::string& url);
     void finishSegment(HlsSegmentBuffer* buffer, int64_t index);
     void handleControlWhileReady();
     void serveLive();
@@ -153,6 +162,15 @@ private:
     std::vector<int64_t> base_;                // per segment: start of its span
     std::vector<int64_t> span_;                // per segment
     bool fmp4_;
+    // Adaptation between the variants of a master playlist, video on demand
+    // only: every variant is laid out in the same spans (sized from the
+    // highest BANDWIDTH), so a switch at a segment boundary keeps the layout.
+    std::vector<HlsVariant> variants_;
+    std::vector<std::unique_ptr<HlsPlaylist>> variantMedia_;  // loaded; null until then
+    std::vector<int> variantState_;  // kVariant* below
+    int variant_;                    // the variant segments are fetched from
+    std::deque<double> throughputBps_;  // the last segments' transfer rates
+    int upVotes_;                    // segments in a row that allowed a higher variant
     // Live (no EXT-X-ENDLIST): the stream is the segments one after another,
     // without spans; the playlist is reloaded while it plays.
     bool live_;
