@@ -26,6 +26,7 @@ extern "C" {
 #include "support/NginxServer.h"
 #include "velka/FileFactory.h"
 #include "velka/HlsFile.h"
+#include "velka/HttpFile.h"
 #include "velka/MediaPlayer.h"
 
 namespace {
@@ -353,6 +354,39 @@ TEST_F(HlsPlayerTest, SegmentsOutgrowingTheirSpansLoseTheirTailsAndPlayOn) {
     EXPECT_LT(counters.packets, packets);
     EXPECT_GT(counters.packets, packets / 10);
     EXPECT_EQ(0u, counters.readsFailed);
+}
+
+// Every request of either network source carries the host's User-Agent and
+// extra headers; a proxy gets them all.
+TEST(HlsOpenTest, RequestOptionsGoWithEveryRequest) {
+    ASSERT_TRUE(why_.empty()) << why_;
+    velka::HttpOptions options;
+    options.userAgent = "velka-test/1";
+    options.headers = {"X-Velka: token-42"};
+    const size_t before = server_->requests().size();
+    HlsFile hls(server_->url("aes/index.m3u8"), options);
+    ASSERT_EQ(0, hls.open());
+    readWhole(hls);
+    hls.close();
+    velka::HttpFile http(server_->url("ts/v0_000.ts"), options);
+    ASSERT_EQ(0, http.open());
+    http.close();
+    const auto requests = server_->requests();
+    ASSERT_GT(requests.size(), before + 6);  // playlist, key, 4 segments, the file
+    for (size_t i = before; i < requests.size(); ++i) {
+        EXPECT_EQ("velka-test/1", requests[i].userAgent) << requests[i].path;
+        EXPECT_EQ("token-42", requests[i].xVelka) << requests[i].path;
+    }
+    // Through a proxy (the fault server, which answers with a TS segment:
+    // not a playlist), the request names the whole URL.
+    testing_support::FaultServer proxy(std::vector<char>(188, 'x'));
+    std::string why;
+    ASSERT_TRUE(proxy.start(&why)) << why;
+    options.proxy = proxy.url("");
+    HlsFile proxied(server_->url("ts/v0.m3u8"), options);
+    EXPECT_EQ(-1, proxied.open());
+    ASSERT_EQ(1u, proxy.requests().size());
+    EXPECT_EQ(server_->url("ts/v0.m3u8"), proxy.requests()[0].path);
 }
 
 TEST(HlsOpenTest, FailsClearlyOnWhatItCannotPlay) {

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "HttpRequestOptions.h"
 #include "HttpTask.h"
 #include "LogLine.h"
 
@@ -152,18 +153,7 @@ HlsSession::HlsSession(const std::string& url, const HttpOptions& options)
         curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
         curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, kProtocols);
         curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, kProtocols);
-        curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 1L);
-        curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 2L);
-        if (!options_.userAgent.empty()) {
-            curl_easy_setopt(curl, CURLOPT_USERAGENT, options_.userAgent.c_str());
-        }
-        for (const std::string& header : options_.headers) {
-            fetch->headers = curl_slist_append(fetch->headers, header.c_str());
-        }
-        if (fetch->headers != nullptr) curl_easy_setopt(curl, CURLOPT_HTTPHEADER, fetch->headers);
-        if (!options_.proxy.empty()) curl_easy_setopt(curl, CURLOPT_PROXY, options_.proxy.c_str());
-        if (!options_.caFile.empty()) curl_easy_setopt(curl, CURLOPT_CAINFO, options_.caFile.c_str());
-        if (!options_.caPath.empty()) curl_easy_setopt(curl, CURLOPT_CAPATH, options_.caPath.c_str());
+        fetch->headers = applyHttpOptions(curl, options_);
     }
 }
 
