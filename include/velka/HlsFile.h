@@ -21,8 +21,12 @@ class HlsSession;
 // fixed span of the byte stream, sized before it is fetched, and the bytes of
 // a span past the segment's real end are filler the demuxer skips (MPEG-TS
 // null packets, an MP4 "free" box). A segment larger than its span keeps the
-// whole packets or boxes that fit and loses the rest (logged). AES-128
-// segments are decrypted as they arrive.
+// whole packets or boxes that fit and loses the rest (logged). A master
+// playlist's variants share those spans, so the file switches between them
+// at segment boundaries by measured throughput. A live playlist (no
+// EXT-X-ENDLIST) has length() -1, starts three target durations from its end
+// and follows the sliding window. AES-128 segments are decrypted as they
+// arrive.
 //
 // Reads complete on the worker, strictly in order, each exactly once,
 // possibly before readAsync() returns; complete() runs with the worker's
@@ -54,7 +58,9 @@ public:
     int64_t available() override;
     // How much of the next 512 KiB of the stream is fetched, 0 to 100.
     int cachePercent() override;
-    // The libcurl code (or -1) of the failure that ended the stream; 0 while none.
+    // -1 once the stream has failed for good (a segment, key or initialisation
+    // section that could not be loaded, a live playlist that stopped
+    // advancing); 0 while it has not.
     int error() override;
 
 private:
