@@ -39,7 +39,6 @@ private:
     friend class HttpTask;
     friend bool addHttpWorkerClient(HttpWorkerClient* client);
     friend void wakeHttpWorker();
-    friend void httpWorkerReadDone();
 
     HttpTaskThread();
     // At process exit: stops the loop and releases the multi handle.

@@ -878,7 +878,8 @@ void HlsSession::fail(int code, const std::string& why) {
 }
 
 long HlsSession::nextPassMs() {
-    if (dirty_) return 0;
+    // A release seen after this pass's serve() still needs its own pass.
+    if (dirty_ || released_) return 0;
     if (!live_ || phase_ != kReady) return -1;
     // The next reload; a waiting reader's stall check comes with it, at
     // least every half target duration.
@@ -1151,7 +1152,6 @@ void HlsSession::complete(HlsRequest* request, VelkaStatus status, uint32_t leng
     request->callback->complete(status, length);
     requests_.pop_front();
     delete request;
-    httpWorkerReadDone();
 }
 
 void HlsSession::updateCachePercent() {

@@ -52,8 +52,6 @@ bool addHttpWorkerClient(HttpWorkerClient* client) {
 
 void wakeHttpWorker() { HttpTaskThread::instance()->wake(); }
 
-void httpWorkerReadDone() { HttpTaskThread::instance()->wakeup_.tryWait(); }
-
 void HttpTaskThread::wake() {
     wakeup_.post();
     // On the worker itself (a completion queueing the next read) there is no

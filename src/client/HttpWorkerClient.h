@@ -31,10 +31,11 @@ public:
 // Hands `client` to the worker (starting it on first use). False at process
 // exit, when the worker takes nothing new. Any thread.
 bool addHttpWorkerClient(HttpWorkerClient* client);
-// Wakes the worker for a pass; any thread. A wake for a read is balanced by
-// httpWorkerReadDone() when the read completes, as HttpTask's reads are.
+// Wakes the worker for a pass; any thread. Wakes are not balanced when a
+// read completes (as HttpTask's are): a client's pending reads do not keep
+// the worker from sleeping, so a sleep may have taken the read's wake, and
+// taking another back could swallow a release's. A spare wake costs one pass.
 void wakeHttpWorker();
-void httpWorkerReadDone();
 
 }  // namespace velka
 
