@@ -658,6 +658,9 @@ TEST_F(HlsFaultTest, ASegmentThatFailsForGoodIsRetriedThenTheReadsFail) {
     faults_.script("/fail1.ts", {error});
     HlsFile file(playlist("fail", 3));
     ASSERT_EQ(0, file.open());
+    // Fetched ahead and failed for good before the first read: the segment
+    // before it is read all the same.
+    ASSERT_TRUE(testing_support::waitUntil([&] { return faults_.requests("/fail1.ts").size() == 3; }));
     std::vector<char> block(64 * 1024);
     int n = 0;
     int64_t total = 0;

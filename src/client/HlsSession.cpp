@@ -669,8 +669,11 @@ void HlsSession::serve() {
                     }
                 }
             } else {
+                // Fails the reader only once it reaches this segment: what
+                // comes before it is still served.
+                logPrint("HlsFile: %s\n", why.c_str());
                 buffers_.erase(static_cast<int>(index));
-                fail(-1, why);
+                failedSegments_.insert(static_cast<int>(index));
             }
         }
     }
@@ -912,6 +915,10 @@ void HlsSession::serveRequests() {
             continue;
         }
         const int index = segmentAt(readPos_);
+        if (failedSegments_.count(index) != 0) {
+            fail(-1, "the reader reached segment " + std::to_string(index) + ", which failed");
+            continue;
+        }
         if (index != current_) {
             current_ = index;
             scheduleSegments();
@@ -982,6 +989,7 @@ void HlsSession::scheduleSegments() {
     int want = -1;
     for (int i = current; i < count && i <= current + kAheadSegments; ++i) {
         const auto it = buffers_.find(i);
+        if (failedSegments_.count(i) != 0) break;  // nothing to fetch past it
         if (it == buffers_.end() || !it->second->complete) {
             want = i;
             break;

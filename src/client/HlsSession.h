@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <set>
 #include <memory>
 #include <string>
 #include <vector>
@@ -184,6 +185,7 @@ private:
     uint64_t nextReloadMs_;      // live: when the playlist is fetched again (monotonic)
     uint64_t lastAdvanceMs_;     // live: when a reload last brought a new segment
     std::map<int, std::unique_ptr<HlsSegmentBuffer>> buffers_;
+    std::set<int> failedSegments_;  // VOD: failed for good; a reader reaching one fails
     uint64_t useClock_;          // orders buffers for eviction
     int current_;                // the segment the reader is in
     CURLSH* share_;              // the session's connection pool; owned
