@@ -8,7 +8,7 @@
 # What it changes on the machine, only when something is missing:
 # - adds the armhf architecture to dpkg (dpkg --add-architecture armhf);
 # - installs crossbuild-essential-armhf, qemu-user and the armhf development
-#   packages of libcurl, GoogleTest, libavformat/libavcodec/libavutil,
+#   packages of libcurl, OpenSSL, GoogleTest, libavformat/libavcodec/libavutil,
 #   libswresample and SDL2
 #   (plus the host's cmake, ninja, pkg-config and ffmpeg);
 # - a shared library installed for both amd64 and armhf (Multi-Arch: same)
@@ -33,7 +33,7 @@ if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
 export DEBIAN_FRONTEND=noninteractive
 
 host_packages=(build-essential cmake ninja-build pkg-config ffmpeg crossbuild-essential-armhf qemu-user)
-armhf_packages=(libcurl4-openssl-dev libgtest-dev libgmock-dev libavformat-dev libavcodec-dev libavutil-dev
+armhf_packages=(libcurl4-openssl-dev libssl-dev libgtest-dev libgmock-dev libavformat-dev libavcodec-dev libavutil-dev
                 libswresample-dev libsdl2-dev)
 
 installed() { dpkg-query -W -f='${Status}' "$1" 2> /dev/null | grep -q "install ok installed"; }

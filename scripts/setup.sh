@@ -24,7 +24,7 @@ shift || true
 packages=(
   build-essential cmake ninja-build pkg-config
   libgtest-dev libgmock-dev
-  libcurl4-openssl-dev
+  libcurl4-openssl-dev libssl-dev
   libavformat-dev libavcodec-dev libavutil-dev libswresample-dev ffmpeg
   libsdl2-dev
   iproute2

@@ -33,6 +33,8 @@ PlayOptions parsePlayOptions(int argc, char** argv) {
             o.quiet = true;
         } else if (strcmp(arg, "--no-video") == 0) {
             o.noVideo = true;
+        } else if (strcmp(arg, "--library-http") == 0) {
+            o.libraryHttp = true;
         } else if (strcmp(arg, "--start") == 0 && hasValue) {
             const char* value = argv[++i];
             errno = 0;

@@ -14,6 +14,7 @@ struct PlayOptions {
     const char* logPath = nullptr;  // null: the library's lines are dropped
     bool quiet = false;
     bool noVideo = false;  // the engine shows no picture: velka-play stays in the terminal
+    bool libraryHttp = false;  // http(s) through the library's own network stack
     bool help = false;
     bool version = false;
     const char* error = nullptr;  // bad usage: what is wrong, null when all is well

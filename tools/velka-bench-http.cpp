@@ -11,7 +11,10 @@
 //   3. 1, 4 and 16 streams at once on the one worker (aggregate MB/s, CPU
 //      s/GiB, resident memory per stream);
 //   4. the worker's wakeups per second with 4 streams whose rings are full
-//      and whose readers are idle.
+//      and whose readers are idle;
+//   5. an HLS playlist: libavformat demuxing it through HlsFile (a custom I/O
+//      context) against FFmpeg's own HLS demuxer, from open to the first
+//      packet (wall time, requests made).
 // Nothing is judged; it prints.
 
 extern "C" {
@@ -47,6 +50,7 @@ extern "C" {
 
 #include "../tests/support/NginxServer.h"
 #include "LibraryLog.h"
+#include "velka/HlsFile.h"
 #include "velka/HttpFile.h"
 
 namespace {
@@ -80,7 +84,7 @@ const char kUsage[] =
     "streams at once, and the worker's idle wakeups. Each figure is the median\n"
     "of N interleaved runs (default 5) with min and max. --quick uses smaller\n"
     "files and shorter clips (for a smoke run, not for figures). --only runs\n"
-    "one part: throughput, seeks, scale or idle. The library's diagnostic\n"
+    "one part: throughput, seeks, scale, idle or hls. The library's diagnostic\n"
     "lines go to FILE (default: discarded).\n";
 
 // The figures go to the original standard output; descriptor 1, where the
@@ -389,6 +393,68 @@ bool seeks(const testing_support::NginxServer& server, const Settings& s) {
     return true;
 }
 
+// --- 5. HLS: open to the first packet ---------------------------------------------------
+
+// Opens the playlist `url` (through HlsFile when `viaHlsFile`, else FFmpeg's
+// own HLS demuxer), probes it and reads its first packet. False on failure.
+bool hlsFirstPacket(const std::string& url, bool viaHlsFile) {
+    std::unique_ptr<velka::HlsFile> file;
+    AVFormatContext* ctx = avformat_alloc_context();
+    AVIOContext* io = nullptr;
+    if (viaHlsFile) {
+        file.reset(new velka::HlsFile(url));
+        if (file->open() != 0) return false;
+        const int ioSize = 32 * 1024;
+        unsigned char* ioBuffer = static_cast<unsigned char*>(av_malloc(ioSize));
+        io = avio_alloc_context(ioBuffer, ioSize, 0, file.get(), &io_read, nullptr, &io_seek);
+        ctx->pb = io;
+    }
+    AVPacket* packet = av_packet_alloc();
+    const bool ok = avformat_open_input(&ctx, viaHlsFile ? nullptr : url.c_str(), nullptr, nullptr) == 0 &&
+                    avformat_find_stream_info(ctx, nullptr) >= 0 && av_read_frame(ctx, packet) >= 0;
+    av_packet_free(&packet);
+    avformat_close_input(&ctx);
+    if (io != nullptr) {
+        av_freep(&io->buffer);
+        avio_context_free(&io);
+    }
+    if (file) file->close();
+    return ok;
+}
+
+bool hls(const testing_support::NginxServer& server, const Settings& s) {
+    say("5. HLS: open, probe and the first packet of a VOD playlist (master of two MPEG-TS "
+        "variants, %d s, 4 s segments); %d runs", s.clipSeconds, s.runs);
+    const std::string dir = server.rootFile("hls");
+    const std::string d = std::to_string(s.clipSeconds);
+    const std::string make = "mkdir -p '" + dir + "' && cd '" + dir + "' && ffmpeg -nostdin -hide_banner "
+        "-loglevel error -y -f lavfi -i testsrc2=size=1280x720:rate=25:duration=" + d +
+        " -f lavfi -i sine=frequency=440:sample_rate=48000:duration=" + d +
+        " -map 0:v -map 1:a -map 0:v -map 1:a -c:v mpeg4 -g 50 -b:v:0 1M -b:v:1 5M -c:a aac -b:a 128k"
+        " -f hls -hls_time 4 -hls_playlist_type vod -master_pl_name master.m3u8"
+        " -var_stream_map 'v:0,a:0 v:1,a:1' -hls_segment_filename 'v%v_%03d.ts' 'v%v.m3u8'";
+    if (system(make.c_str()) != 0) return false;
+    std::vector<double> requests[2], wall[2];
+    for (int run = 0; run < s.runs; ++run) {
+        for (int reader = 0; reader < 2; ++reader) {
+            const size_t before = server.requests().size();
+            const Clock::time_point start = Clock::now();
+            if (!hlsFirstPacket(server.url("hls/master.m3u8"), reader == 0)) return false;
+            wall[reader].push_back(seconds(Clock::now() - start) * 1000);
+            const auto logged = server.waitForRequests(before + 1);
+            requests[reader].push_back(static_cast<double>(logged.size() - before));
+        }
+    }
+    const char* names[2] = {"HlsFile", "FFmpeg's HLS demuxer"};
+    for (int reader = 0; reader < 2; ++reader) {
+        say("     %-27s %s ms to the first packet  %s requests", names[reader],
+            figure(wall[reader], 6, 1).c_str(), figure(requests[reader], 4, 0).c_str());
+    }
+    say("     ratio HlsFile/FFmpeg: time %.2f, requests %.2f", stats(wall[0]).median / stats(wall[1]).median,
+        stats(requests[0]).median / stats(requests[1]).median);
+    return true;
+}
+
 // Context switches of the thread named `name` in this process, -1 without one.
 int64_t contextSwitches(const char* name) {
     DIR* tasks = opendir("/proc/self/task");
@@ -543,6 +609,7 @@ int main(int argc, char** argv) {
         {"seeks", [&] { return seeks(server, s); }},
         {"scale", [&] { return scale(server, s); }},
         {"idle", [&] { return idle(server, s); }},
+        {"hls", [&] { return hls(server, s); }},
     };
     for (const auto& part : parts) {
         if (!s.only.empty() && s.only != part.first) continue;

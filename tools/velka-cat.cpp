@@ -31,6 +31,7 @@
 #include "Md5.h"
 #include "velka/File.h"
 #include "velka/FileFactory.h"
+#include "velka/HlsFile.h"
 #include "velka/HttpFile.h"
 #include "velka/PpsFile.h"
 
@@ -63,7 +64,8 @@ const char kUsage[] =
     "read issued when the one before completes) and prints the byte count, the\n"
     "throughput and the MD5 digest of what was read. URL is file://PATH or a\n"
     "plain path, taken as a local file; http:// and https:// URLs are read\n"
-    "through the library's HTTP source (HttpFile); pps-test://PATH and\n"
+    "through the library's HTTP source (HttpFile), HLS playlists (.m3u8 in the\n"
+    "path) through HlsFile; pps-test://PATH and\n"
     "pps-test://http://HOST:PORT/PATH are read from the peer-to-peer engine\n"
     "(PpsFile), with its buffering percentage shown while it waits; any other\n"
     "URL is read through the download engine (the engine built in this tree\n"
@@ -253,9 +255,17 @@ std::unique_ptr<File> openSource(const std::string& arg, bool viaFactory) {
         if (pps->open() != 0) return nullptr;
         return pps;
     }
-    std::unique_ptr<File> file(isHttpUrl(url) && !viaFactory
-                                   ? new velka::HttpFile(url)
-                                   : velka::FileFactory::createFile(url));
+    std::unique_ptr<File> file;
+    if (isHttpUrl(url) && !viaFactory) {
+        const std::string path = url.substr(0, url.find_first_of("?#"));
+        if (path.find(".m3u8") != std::string::npos) {
+            file.reset(new velka::HlsFile(url));
+        } else {
+            file.reset(new velka::HttpFile(url));
+        }
+    } else {
+        file.reset(velka::FileFactory::createFile(url));
+    }
     if (file->open() != 0) return nullptr;
     return file;
 }

@@ -26,6 +26,7 @@
 #include "PlayOptions.h"
 #include "PlayStatus.h"
 #include "PlayTerminal.h"
+#include "velka/FileFactory.h"
 #include "velka/MediaPlayer.h"
 #ifdef VELKA_PLAY_WINDOW_KEYS
 #include "mtkpb_screen.h"
@@ -56,7 +57,7 @@ constexpr int kLoopTickMs = 500;
 constexpr std::chrono::milliseconds kEventWait(2000);
 
 const char kUsage[] =
-    "Usage: velka-play [--start MS] [--speed N] [--log FILE] [--quiet] [--no-video] URL\n"
+    "Usage: velka-play [--start MS] [--speed N] [--log FILE] [--library-http] [--quiet] [--no-video] URL\n"
     "       velka-play --help | --version\n"
     "\n"
     "Plays URL through the velka media player on the platform's playback engine\n"
@@ -65,6 +66,10 @@ const char kUsage[] =
     "it through the download engine (the one built in this tree serves http://,\n"
     "https:// and dta-test://PATH).\n"
     "\n"
+    "  --library-http  play http:// and https:// URLs with the library's own\n"
+    "               network stack instead of the download engine: an HLS playlist\n"
+    "               (.m3u8 in the path) through HlsFile, anything else through\n"
+    "               HttpFile\n"
     "  --start MS   start at MS milliseconds (the engine takes whole seconds)\n"
     "  --speed N    speed factor of the software playback engine: 1 real time,\n"
     "               N times faster, 0 as fast as the data comes. A hardware\n"
@@ -444,6 +449,7 @@ int main(int argc, char** argv) {
         fprintf(stderr, "velka-play: cannot apply --no-video: %s\n", strerror(errno));
         return velka::tools::kExitUsage;
     }
+    if (o.libraryHttp) velka::FileFactory::useLibraryNetworkStack();
 
     int status;
     {

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "velka/File.h"
+#include "velka/HttpOptions.h"
 
 namespace velka {
 
@@ -26,8 +27,9 @@ class HttpTask;
 // No lock of its own: the owner opens, uses and closes it from its threads.
 class HttpFile : public File {
 public:
-    // Stores the URL; nothing else happens until open().
-    explicit HttpFile(const std::string& url);
+    // Stores the URL and the request options (for every request the file
+    // makes); nothing else happens until open().
+    explicit HttpFile(const std::string& url, const HttpOptions& options = HttpOptions());
     // Closes the file when it is still open, so that nothing goes on
     // downloading for an owner that is gone.
     ~HttpFile() override;
@@ -62,6 +64,7 @@ public:
     int error() override;
 
 private:
+    HttpOptions options_;
     HttpTask* task_;  // null while the file is not open
 };
 

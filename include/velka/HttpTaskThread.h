@@ -12,6 +12,7 @@
 namespace velka {
 
 class HttpTask;
+class HttpWorkerClient;
 
 // The one worker of the HTTP source. It owns the libcurl multi handle and, in
 // one loop on the thread "HttpTaskThread", serves the queued reads of every
@@ -36,6 +37,8 @@ public:
 
 private:
     friend class HttpTask;
+    friend bool addHttpWorkerClient(HttpWorkerClient* client);
+    friend void wakeHttpWorker();
 
     HttpTaskThread();
     // At process exit: stops the loop and releases the multi handle.
@@ -50,10 +53,17 @@ private:
     // Takes `task` out of tasks_ (at `index`) and destroys it, its queued
     // requests completed as cancelled first. On the worker, tasksLock_ held.
     void dropTask(size_t index);
+    // Serves every HttpWorkerClient and deletes the released ones; on the
+    // worker, tasksLock_ held.
+    void serveClients();
+    // Hands a finished transfer to the client that added it; false when it is
+    // an HttpTask's. On the worker.
+    bool clientTransferDone(void* curl, int code);
 
     int pending_;          // accepted, not yet completed requests of all tasks
     Thread* thread_;       // runs run(); owned
     std::vector<HttpTask*> tasks_;  // live tasks in creation order
+    std::vector<HttpWorkerClient*> clients_;  // other sources on this worker (HlsFile); tasksLock_
     Mutex tasksLock_;      // guards tasks_; held while serving, walking and publishing
     Mutex pendingLock_;    // guards pending_
     Semaphore wakeup_;     // wakes the loop: new task, new request, release, exit

@@ -14,7 +14,8 @@ namespace {
 constexpr unsigned int kCloseRecheckMs = 100;
 }  // namespace
 
-HttpFile::HttpFile(const std::string& url) : File(url), task_(nullptr) {}
+HttpFile::HttpFile(const std::string& url, const HttpOptions& options)
+    : File(url), options_(options), task_(nullptr) {}
 
 HttpFile::~HttpFile() {
     logPuts("~HttpFile");
@@ -23,7 +24,7 @@ HttpFile::~HttpFile() {
 
 int HttpFile::open() {
     logPuts("HttpFile::open");
-    task_ = HttpTask::create(url_);
+    task_ = HttpTask::create(url_, options_);
     if (task_ != nullptr) return 0;
     logPuts("HttpFile::open fail 1");
     return -1;

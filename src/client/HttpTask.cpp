@@ -6,6 +6,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "HttpRequestOptions.h"
 #include "velka/Assert.h"
 #include "LogLine.h"
 
@@ -124,11 +125,12 @@ HttpTask::HttpTask(RingBuffer* ring, CURL* curl)
       lastProgressTime_(0),
       retries_(0),
       destroyed_(nullptr),
-      semaphore_(0) {
+      semaphore_(0),
+      headers_(nullptr) {
     worker_ = HttpTaskThread::instance();
 }
 
-HttpTask* HttpTask::create(const std::string& url) {
+HttpTask* HttpTask::create(const std::string& url, const HttpOptions& options) {
     RingBuffer* ring = new RingBuffer();
     bool allocated = false;
     for (unsigned int size : kRingBytes) {
@@ -145,6 +147,7 @@ HttpTask* HttpTask::create(const std::string& url) {
         return nullptr;
     }
     HttpTask* task = new HttpTask(ring, curl);
+    task->options_ = options;
     task->setCurlOptions(url);
 
     HttpTaskThread* worker = worker_;
@@ -188,6 +191,7 @@ void HttpTask::remove(HttpTask* task, Semaphore* destroyed) {
 HttpTask::~HttpTask() {
     logPrint("destroy task %p\n", static_cast<void*>(this));
     if (curl_ != nullptr) curl_easy_cleanup(curl_);
+    curl_slist_free_all(headers_);
     if (tailCache_ != nullptr) free(tailCache_);
     delete ring_;
     if (destroyed_ != nullptr) destroyed_->post();
@@ -212,6 +216,7 @@ void HttpTask::setCurlOptions(const std::string& url) {
     // transfer, so a resumed transfer's block always fits.
     curl_easy_setopt(curl_, CURLOPT_BUFFERSIZE, kReceiveBytes);
     setCommonOptions(curl_);
+    headers_ = applyHttpOptions(curl_, options_);
 }
 
 void HttpTask::waitForTaskInfoReady() {
@@ -245,8 +250,10 @@ int HttpTask::cacheTail(const std::string& url, int size) {
     curl_easy_setopt(curl, CURLOPT_TIMEOUT, kTailTimeoutSeconds);
     curl_easy_setopt(curl, CURLOPT_RANGE, range);
     setCommonOptions(curl);
+    curl_slist* headers = applyHttpOptions(curl, options_);
 
     const CURLcode ret = curl_easy_perform(curl);
+    curl_slist_free_all(headers);
     long status = 0;
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
     // All `size` bytes, from a 206: a 200 would have been the whole resource.

@@ -16,6 +16,7 @@
 #include <string>
 
 #include "velka/File.h"
+#include "velka/HttpOptions.h"
 #include "velka/HttpTaskThread.h"
 #include "velka/Mutex.h"
 #include "velka/RingBuffer.h"
@@ -63,7 +64,7 @@ class HttpTask {
 public:
     // Builds the task, has the worker start its download and waits for the
     // task info; fetches the tail cache of ".rmvb" URLs. Null on failure.
-    static HttpTask* create(const std::string& url);
+    static HttpTask* create(const std::string& url, const HttpOptions& options = HttpOptions());
     // Hands the task back to the worker, which completes its queued requests
     // as cancelled and destroys it at its next pass. With `destroyed`, posts
     // it once the task is gone.
@@ -136,6 +137,8 @@ private:
     Semaphore semaphore_;   // task info ready (or failed); a synchronous read done
     Mutex mutex_;           // guards requests_, readPos_ and everything dealAsyncs() does
     std::deque<AsyncRequest*> requests_;  // served strictly from the front
+    HttpOptions options_;   // the host's request options; set by create()
+    curl_slist* headers_;   // options_' extra headers for curl_; owned
 };
 
 }  // namespace velka

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "HttpTask.h"
+#include "HttpWorkerClient.h"
 #include "LibraryExit.h"
 #include "velka/HttpTaskThread.h"
 #include "LogLine.h"
@@ -37,6 +38,19 @@ void initCurl() {
 }
 
 bool onHttpWorker() { return onWorker_; }
+
+bool addHttpWorkerClient(HttpWorkerClient* client) {
+    HttpTaskThread* worker = HttpTaskThread::instance();
+    {
+        Mutex::Autolock lock(worker->tasksLock_);
+        if (!workerRunning_) return false;
+        worker->clients_.push_back(client);
+    }
+    worker->wake();
+    return true;
+}
+
+void wakeHttpWorker() { HttpTaskThread::instance()->wake(); }
 
 void HttpTaskThread::wake() {
     wakeup_.post();
@@ -137,6 +151,7 @@ void HttpTaskThread::run() {
                 }
                 ++i;
             }
+            serveClients();
         }
 
         performAndSelect(multiHandle_);
@@ -149,6 +164,7 @@ void HttpTaskThread::run() {
             const CURLcode code = message->data.result;
             char* privateData = nullptr;
             curl_easy_getinfo(curl, CURLINFO_PRIVATE, &privateData);
+            if (clientTransferDone(curl, code)) continue;
             HttpTask* task = reinterpret_cast<HttpTask*>(privateData);
             if (code == CURLE_WRITE_ERROR) {
                 task->error_ = CURLE_WRITE_ERROR;  // the task refused the response status
@@ -175,14 +191,25 @@ void HttpTaskThread::run() {
         }
 
         bool idle;
+        long clientMs = -1;
         {
             Mutex::Autolock lock(tasksLock_);
             for (HttpTask* task : tasks_) task->notifyTaskInfo();
+            for (HttpWorkerClient* client : clients_) {
+                const long ms = client->nextPassMs();
+                if (ms >= 0 && (clientMs < 0 || ms < clientMs)) clientMs = ms;
+            }
             Mutex::Autolock pendingLock(pendingLock_);
             // Nothing to serve and every transfer paused (or none running).
-            idle = pending_ == 0 && runningCount_ == pausedCount_;
+            idle = pending_ == 0 && runningCount_ == pausedCount_ && clientMs != 0;
         }
-        if (idle) wakeup_.wait();
+        if (idle) {
+            if (clientMs < 0) {
+                wakeup_.wait();
+            } else {
+                wakeup_.timedWait(static_cast<uint32_t>(clientMs));
+            }
+        }
     }
 
     // Leaving at process exit: tasks already released are still destroyed, so
@@ -197,6 +224,31 @@ void HttpTaskThread::run() {
         if (task->inMulti_) curl_multi_remove_handle(multiHandle_, task->curl_);
         dropTask(i);
     }
+    serveClients();
+}
+
+void HttpTaskThread::serveClients() {
+    // By index: a completion may add a client (recursive lock).
+    for (size_t i = 0; i < clients_.size();) {
+        HttpWorkerClient* client = clients_[i];
+        const bool released = client->released();
+        client->serve();  // a released client completes its queue as cancelled
+        if (released) {
+            clients_.erase(clients_.begin() + static_cast<std::ptrdiff_t>(i));
+            client->removeTransfers();
+            delete client;
+            continue;
+        }
+        ++i;
+    }
+}
+
+bool HttpTaskThread::clientTransferDone(void* curl, int code) {
+    Mutex::Autolock lock(tasksLock_);
+    for (HttpWorkerClient* client : clients_) {
+        if (client->transferDone(static_cast<CURL*>(curl), static_cast<CURLcode>(code))) return true;
+    }
+    return false;
 }
 
 void HttpTaskThread::dropTask(size_t index) {

@@ -44,6 +44,8 @@ public:
         std::string range;  // the Range header, "-" without one
         int status;
         int64_t bodyBytes;
+        std::string userAgent;  // "-" without one
+        std::string xVelka;     // the request's X-Velka header, "-" without one
     };
 
     NginxServer() {
@@ -118,6 +120,13 @@ public:
             std::istringstream fields(line);
             Request r;
             fields >> r.method >> r.path >> r.range >> r.status >> r.bodyBytes;
+            std::string rest;
+            std::getline(fields, rest);
+            const size_t a = rest.find('"'), b = rest.find('"', a + 1), c = rest.find('"', b + 1);
+            if (c != std::string::npos) {
+                r.userAgent = rest.substr(a + 1, b - a - 1);
+                r.xVelka = rest.substr(c + 1, rest.find('"', c + 1) - c - 1);
+            }
             if (r.range.size() >= 2 && r.range.front() == '"') {
                 r.range = r.range.substr(1, r.range.size() - 2);
             }
@@ -182,7 +191,7 @@ private:
              << "http {\n"
              << "  default_type application/octet-stream;\n"
              << "  log_format velka '$request_method $uri \"$http_range\" $status "
-                "$body_bytes_sent';\n"
+                "$body_bytes_sent \"$http_user_agent\" \"$http_x_velka\"';\n"
              << "  access_log " << d << "/logs/access.log velka;\n";
         for (const char* temp : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"}) {
             conf << "  " << temp << "_temp_path " << d << "/tmp/" << temp << ";\n";

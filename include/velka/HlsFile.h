@@ -1,0 +1,73 @@
+#ifndef VELKA_HLSFILE_H
+#define VELKA_HLSFILE_H
+
+#include <cstdint>
+#include <string>
+
+#include "velka/File.h"
+#include "velka/HttpOptions.h"
+
+namespace velka {
+
+class HlsSession;
+
+// The File for an HLS stream: given the URL of a master or media playlist, it
+// serves one continuous byte stream of the chosen variant's segments (MPEG-TS,
+// or fragmented MP4 with its initialisation section first), which the
+// playback engine demuxes as it demuxes a file. All its transfers and read
+// completions run on the one HTTP worker (HttpTaskThread), like HttpFile's.
+//
+// Video on demand has a known length() and byte seeks: every segment owns a
+// fixed span of the byte stream, sized before it is fetched, and the bytes of
+// a span past the segment's real end are filler the demuxer skips (MPEG-TS
+// null packets, an MP4 "free" box). A segment larger than its span keeps the
+// whole packets or boxes that fit and loses the rest (logged). A master
+// playlist's variants share those spans, so the file switches between them
+// at segment boundaries by measured throughput. A live playlist (no
+// EXT-X-ENDLIST) has length() -1, starts three target durations from its end
+// and follows the sliding window. AES-128 segments are decrypted as they
+// arrive.
+//
+// Reads complete on the worker, strictly in order, each exactly once,
+// possibly before readAsync() returns; complete() runs with the worker's
+// locks held (recursive), so it may queue the next read.
+//
+// No lock of its own: the owner opens, uses and closes it from its threads.
+class HlsFile : public File {
+public:
+    explicit HlsFile(const std::string& url, const HttpOptions& options = HttpOptions());
+    ~HlsFile() override;  // closes a file still open
+
+    // Blocks until the playlist(s), the keys and the initialisation sections
+    // are loaded and the byte stream's layout is known. -1 when the URL is not
+    // http(s), a playlist cannot be fetched or is not a playlist, a key cannot
+    // be fetched, or the stream uses a method other than AES-128; the reason
+    // is logged as "HlsFile::open fail: REASON".
+    int open() override;
+    // Releases the stream: queued reads complete with kStatusCancelled on the
+    // worker before close() returns (right after it when called from a
+    // completion). Transfers under way are abandoned.
+    int close() override;
+    int read(char* buffer, uint32_t length) override;
+    void* readAsync(char* buffer, uint32_t length, AsyncCallback& callback) override;
+    int cancel(void* request) override;
+    int64_t seek(int64_t offset, Whence whence) override;
+    int64_t tell() override;
+    // The byte stream's length for video on demand; -1 for a live stream.
+    int64_t length() override;
+    int64_t available() override;
+    // How much of the next 512 KiB of the stream is fetched, 0 to 100.
+    int cachePercent() override;
+    // -1 once the stream has failed for good (a segment, key or initialisation
+    // section that could not be loaded, a live playlist that stopped
+    // advancing); 0 while it has not.
+    int error() override;
+
+private:
+    HttpOptions options_;
+    HlsSession* session_;  // null while the file is not open
+};
+
+}  // namespace velka
+
+#endif  // VELKA_HLSFILE_H
