@@ -99,10 +99,25 @@ if [ ${#missing[@]} -gt 0 ]; then
     read -r src srcv <<< "$(awk -v p="$p" -v v="$want" '$1 == p && $3 == v {print $4, $5; exit}' <<< "$archive")"
     moved_source[$src]=$srcv
   done <<< "$both"
-  # An amd64 package built from the same source as a moved library (its
-  # development package, say) moves with it instead of being removed; other
-  # packages apt would remove are kept by naming them.
+  # Every installed amd64 package built from the same source as a moved
+  # library (its development package, its programs) moves with it: packages
+  # of one source depend on each other at exactly one version, and a family
+  # left half at the old version is a set apt cannot resolve.
+  pinned=$(awk '/^Package:/ {print $2}' "$pins")
   keep=()
+  for src in "${!moved_source[@]}"; do
+    for r in $(dpkg-query -W -f='${Package} ${Architecture} ${source:Package}\n' 2> /dev/null \
+                 | awk -v s="$src" '$2 == "amd64" && $3 == s {print $1}'); do
+      grep -qxF -- "$r" <<< "$pinned" && continue
+      v=$(records "$r:amd64" | awk -v s="$src" -v sv="${moved_source[$src]}" '$2 == "amd64" && $4 == s && $5 == sv {print $3; exit}')
+      [ -n "$v" ] || continue
+      echo "velka-armhf: $r (amd64) moves with $src to $v"
+      pin "$r" "$v"
+      keep+=("$r")
+    done
+  done
+  # Packages apt would still remove are kept by naming them (at the moved
+  # version when they come from a moved source, else at the one installed).
   for _ in 1 2 3 4 5 6; do
     removed=$(apt-get install -s --no-install-recommends -o Dir::Etc::Preferences="$pins" \
                 "${missing[@]}" "${keep[@]}" 2> /dev/null | awk '/^Remv /{print $2}' || true)
