@@ -922,7 +922,20 @@ TEST_F(MtkPbPresenting, SoundGivenToTheDeviceIsFfmpegsDecodeSampleForSample) {
     ASSERT_LT(referenceStart, reference.size());
     const size_t length = reference.size() - referenceStart;
     ASSERT_GE(ours.size(), ourStart + length);
-    EXPECT_TRUE(ours.compare(ourStart, length, reference, referenceStart, length) == 0);
+    // The reference is the host's FFmpeg: under emulation the engine runs the
+    // box's build of the same float decoder, whose last bit may round the
+    // other way; on the host both are the same code and agree exactly.
+    const int kToleranceLsb = testing_support::kEmulated ? 1 : 0;
+    const int16_t* a = reinterpret_cast<const int16_t*>(ours.data() + ourStart);
+    const int16_t* b = reinterpret_cast<const int16_t*>(reference.data() + referenceStart);
+    int maxDiff = 0;
+    size_t differing = 0;
+    for (size_t i = 0; i < length / 2; ++i) {
+        const int d = std::abs(int(a[i]) - int(b[i]));
+        maxDiff = std::max(maxDiff, d);
+        differing += d != 0;
+    }
+    EXPECT_LE(maxDiff, kToleranceLsb) << differing << " of " << length / 2 << " samples differ";
 }
 
 // On a clip with a white picture and a beep at each second, every picture is
