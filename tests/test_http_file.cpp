@@ -1,9 +1,10 @@
 // HttpFile and its worker against a real nginx on 127.0.0.1: chained reads
 // through a full ring in one request, a seeded run of seeks and reads checked
 // against a model of the ring and nginx's access log, waits for short gaps,
-// the end of the stream and the tail cache, queue order and cancel, several
-// files on the one worker and the precondition assertions (failing opens are
-// in the fault suite).
+// the end of the stream and the tail cache, the end after a far seek, a
+// cancel after a partial delivery, a flood of wakes, and the precondition
+// assertions (failing opens are in the fault suite; what every source
+// promises is in test_file_contract.cpp).
 
 #include <gtest/gtest.h>
 
@@ -334,49 +335,6 @@ TEST_F(HttpFileTest, UnknownLengthIsReadToItsEndAndRefusesSeeks) {
     ASSERT_TRUE(reader.run());
     EXPECT_TRUE(reader.data == bytes);
     EXPECT_EQ(velka::kStatusEndOfFile, reader.statuses.back());
-}
-
-// Requests wait for the slow location's bytes: a cancelled one completes
-// with kStatusCancelled when it reaches the front, in its place in the queue.
-// The two in front of it take a second to arrive, time enough for the cancel
-// also on a loaded machine under emulation.
-TEST_F(HttpFileTest, RequestsCompleteInQueueOrderAndCancelledOnesAsCancelled) {
-    const std::vector<char> bytes = patternBytes(kMiB, 13);
-    server_.serve("queue", bytes);
-    HttpFile& file = openFile("slow/queue", kMiB);
-    CompletionLog log;
-    std::vector<CompletionLog::Callback> callbacks;
-    for (int tag = 0; tag < 4; ++tag) callbacks.emplace_back(log, tag);
-    constexpr uint32_t kBlock = 128 * 1024;
-    std::vector<std::vector<char>> buffers(4, std::vector<char>(kBlock));
-    std::vector<void*> handles;
-    for (int tag = 0; tag < 4; ++tag) {
-        handles.push_back(file.readAsync(buffers[tag].data(), kBlock, callbacks[tag]));
-        ASSERT_NE(nullptr, handles.back());
-    }
-    EXPECT_EQ(0, file.cancel(handles[2]));
-    ASSERT_TRUE(log.waitFor(4));
-    const std::vector<Completion> all = log.all();
-    ASSERT_EQ(4u, all.size());
-    const VelkaStatus expected[] = {velka::kStatusOk, velka::kStatusOk, velka::kStatusCancelled,
-                                    velka::kStatusOk};
-    for (int i = 0; i < 4; ++i) {
-        EXPECT_EQ(i, all[i].tag);
-        EXPECT_EQ(expected[i], all[i].status) << i;
-        EXPECT_EQ(i == 2 ? 0u : kBlock, all[i].length) << i;
-    }
-    // The cancelled request took no bytes: the fourth continues the second.
-    EXPECT_TRUE(buffers[0] == slice(bytes, 0, kBlock));
-    EXPECT_TRUE(buffers[1] == slice(bytes, kBlock, kBlock));
-    EXPECT_TRUE(buffers[3] == slice(bytes, 2 * kBlock, kBlock));
-    // Completed requests are no longer there to cancel.
-    EXPECT_EQ(-1, file.cancel(handles[2]));
-    EXPECT_EQ(-1, file.cancel(handles[0]));
-    // The synchronous read returns what arrived.
-    std::vector<char> sync(1000);
-    EXPECT_EQ(1000, file.read(sync.data(), 1000));
-    EXPECT_TRUE(sync == slice(bytes, 3 * kBlock, 1000));
-    EXPECT_EQ(3 * kBlock + 1000, file.tell());
 }
 
 // A demuxer probing the end: a read standing at the end completes with
