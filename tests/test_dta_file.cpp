@@ -22,7 +22,6 @@
 #include <vector>
 
 #include "TestSupport.h"
-#include "support/RandomReadRun.h"
 #include "bctidta_control.h"
 #include "velka/DtaFile.h"
 
@@ -86,15 +85,7 @@ TEST_P(DtaFileDataTest, ChainedAsyncAndBlockingReadsDeliverTheFileByteExact) {
     EXPECT_EQ(data.size(), file.tell());
     EXPECT_EQ(0, file.available());
 
-    ASSERT_EQ(0, file.seek(0, File::kSeekSet));
-    std::vector<char> got, buffer(10000);
-    for (int n = 1, i = 0; n > 0 && i < 100000; ++i) {
-        n = file.read(buffer.data(), buffer.size());
-        ASSERT_GE(n, 0);
-        got.insert(got.end(), buffer.begin(), buffer.begin() + n);
-        ASSERT_EQ(static_cast<int64_t>(got.size()), file.tell());
-    }
-    EXPECT_EQ(data.bytes(), got);
+    std::vector<char> buffer(100);
 
     // Reads at the end stay off the engine.
     const control::Calls before = control::calls();
@@ -411,42 +402,6 @@ TEST_F(DtaFileTest, ReadsFollowTheSeeksAndAFailedReadKeepsThePosition) {
     ASSERT_TRUE(log.waitFor(3));
     EXPECT_EQ(velka::kStatusOk, log.all()[2].status);
     EXPECT_EQ(data.slice(423, 300), buffer);
-}
-
-// The seek table's positions, all within [0, length]; a read at the end gives
-// kStatusEndOfFile and 0 bytes, a short one at the end kStatusOk.
-TEST_F(DtaFileTest, SeededRandomRunAgreesWithTheModel) {
-    TempDataFile data(3 * 1024 * 1024 + 12345, 64);
-    const int64_t length = data.size();
-    testing_support::SourceModel model;
-    model.seek = [length](int64_t position, int64_t offset, int whence) -> int64_t {
-        if (whence == File::kSeekSet) return offset <= 0 ? 0 : std::min(offset, length - 1);
-        if (whence == File::kSeekCurrent) {
-            if (offset <= 0) return std::max<int64_t>(0, position + offset);
-            return position + offset <= length ? position + offset : length - 1;
-        }
-        if (offset > 0) return length - 1;
-        return offset < -length ? 0 : length + offset;
-    };
-    model.read = [length](int64_t position, uint32_t count) {
-        if (position >= length) return std::make_pair(velka::kStatusEndOfFile, uint32_t{0});
-        return std::make_pair(velka::kStatusOk,
-                              static_cast<uint32_t>(std::min<int64_t>(count, length - position)));
-    };
-    model.positionWithinLength = true;
-    testing_support::RandomReadRun run(
-        data, model,
-        [&data]() -> File* {
-            DtaFile* file = new DtaFile(data.dtaUrl());
-            if (file->open() == 0) return file;
-            file->close();
-            delete file;
-            return nullptr;
-        },
-        1302);
-    EXPECT_TRUE(run.run(testing_support::kRandomRunOperations)) << run.error();
-    EXPECT_GT(run.counts.cancels, 0u);
-    EXPECT_GT(run.counts.closes, 0u);
 }
 
 TEST_F(DtaFileTest, ErrorAndCachePercentComeFromTheEngineOnlyWithAHandleAboveZero) {

@@ -1,22 +1,27 @@
 // HttpFile and its worker against a real nginx on 127.0.0.1: chained reads
 // through a full ring in one request, a seeded run of seeks and reads checked
 // against a model of the ring and nginx's access log, waits for short gaps,
-// the end of the stream and the tail cache, queue order and cancel, several
-// files on the one worker and the precondition assertions (failing opens are
-// in the fault suite).
+// the end of the stream and the tail cache, the end after a far seek, a
+// cancel after a partial delivery, a flood of wakes, and the precondition
+// assertions (failing opens are in the fault suite; what every source
+// promises is in test_file_contract.cpp).
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "TestSupport.h"
 #include "support/NginxServer.h"
 #include "velka/HttpFile.h"
+#include "velka/HttpTaskThread.h"
 
 namespace {
 
@@ -332,47 +337,101 @@ TEST_F(HttpFileTest, UnknownLengthIsReadToItsEndAndRefusesSeeks) {
     EXPECT_EQ(velka::kStatusEndOfFile, reader.statuses.back());
 }
 
-// Requests wait for the slow location's bytes: a cancelled one completes
-// with kStatusCancelled when it reaches the front, in its place in the queue.
-// The two in front of it take a second to arrive, time enough for the cancel
-// also on a loaded machine under emulation.
-TEST_F(HttpFileTest, RequestsCompleteInQueueOrderAndCancelledOnesAsCancelled) {
-    const std::vector<char> bytes = patternBytes(kMiB, 13);
-    server_.serve("queue", bytes);
-    HttpFile& file = openFile("slow/queue", kMiB);
+// A demuxer probing the end: a read standing at the end completes with
+// kStatusEndOfFile and 0 bytes without asking the server for "LENGTH-" (which
+// a correct server answers 416), and the file stays usable everywhere else.
+TEST_F(HttpFileTest, AReadStandingAtTheEndEndsWithoutARequestAndTheFileGoesOn) {
+    const std::vector<char> bytes = patternBytes(4 * kMiB, 16);
+    const int64_t size = static_cast<int64_t>(bytes.size());
+    server_.serve("probe", bytes);
+    HttpFile& file = openFile("slow/probe", size);
+    for (const int64_t at : {size, size - 1, size, int64_t(1000)}) {
+        ASSERT_EQ(at, file.seek(at, File::kSeekSet));
+        Got read;
+        ASSERT_TRUE(readOnce(file, 4096, &read)) << at;
+        const int64_t expected = std::min<int64_t>(4096, size - at);
+        EXPECT_EQ(expected == 4096 ? velka::kStatusOk : velka::kStatusEndOfFile, read.status) << at;
+        ASSERT_EQ(expected, read.count) << at;
+        EXPECT_TRUE(read.data == slice(bytes, at, expected)) << at;
+        if (at == size) {
+            char byte;
+            EXPECT_EQ(0, file.read(&byte, 1));
+        }
+    }
+    files_.clear();
+    for (const auto& r : server_.waitForRequests(3)) {
+        EXPECT_NE("bytes=" + std::to_string(size) + "-", r.range);
+        EXPECT_NE(416, r.status);
+    }
+}
+
+// A cancel that comes after part of the read was delivered (the download ran
+// dry in the middle of it) gives every byte back: a cancelled read leaves the
+// position where it began, a read that is no longer cancellable completes
+// with its bytes; either way the next read continues after what the caller got.
+TEST_F(HttpFileTest, ACancelAfterAPartialDeliveryLosesNoBytes) {
+    const std::vector<char> bytes = patternBytes(4 * kMiB, 17);
+    server_.serve("dry", bytes);
+    HttpFile& file = openFile("slow/dry", static_cast<int64_t>(bytes.size()));
+    const int64_t start = 2 * kMiB;
+    ASSERT_EQ(start, file.seek(start, File::kSeekSet));
     CompletionLog log;
-    std::vector<CompletionLog::Callback> callbacks;
-    for (int tag = 0; tag < 4; ++tag) callbacks.emplace_back(log, tag);
-    constexpr uint32_t kBlock = 128 * 1024;
-    std::vector<std::vector<char>> buffers(4, std::vector<char>(kBlock));
-    std::vector<void*> handles;
-    for (int tag = 0; tag < 4; ++tag) {
-        handles.push_back(file.readAsync(buffers[tag].data(), kBlock, callbacks[tag]));
-        ASSERT_NE(nullptr, handles.back());
+    CompletionLog::Callback callback(log, 0);
+    std::vector<char> buffer(kMiB);
+    void* handle = file.readAsync(buffer.data(), kMiB, callback);
+    ASSERT_NE(nullptr, handle);
+    // Partly filled: the slow location needs four seconds for the whole.
+    ASSERT_TRUE(testing_support::waitUntil([&] { return file.tell() > start; }));
+    const int answer = file.cancel(handle);
+    ASSERT_TRUE(log.waitFor(1));
+    const Completion c = log.all()[0];
+    EXPECT_EQ(answer == 0 ? velka::kStatusCancelled : velka::kStatusOk, c.status);
+    EXPECT_EQ(answer == 0 ? 0u : kMiB, c.length);
+    EXPECT_EQ(start + c.length, file.tell());
+    Got next;
+    ASSERT_TRUE(readOnce(file, 1000, &next));
+    EXPECT_TRUE(next.data == slice(bytes, start + c.length, 1000));
+}
+
+// A flood of wakes from several threads (each readAsync wakes the worker)
+// must not leave the worker deaf: a read issued afterwards still ends the
+// worker's wait in select() by its wake, not by the wait's time-out.
+TEST_F(HttpFileTest, AFloodOfWakesFromSeveralThreadsLosesNoWake) {
+    const std::vector<char> bytes = patternBytes(kRingBytes + kMiB, 18);
+    server_.serve("flood", bytes);
+    HttpFile& file = openFile("flood", static_cast<int64_t>(bytes.size()));
+    // The transfer fills the ring and stays paused in the multi handle, so
+    // every pass of the worker ends in select().
+    int64_t pos = 0;
+    ASSERT_FALSE(waitQuiet(file, bytes, &pos, 0));
+    // Each thread waits for its read before the next, so that the worker
+    // makes a pass, and a wait in select(), for nearly every read. A worker
+    // that went deaf serves one read per time-out: the flood then ends early.
+    constexpr int kThreads = 4, kReadsPerThread = 25000;
+    const auto end = std::chrono::steady_clock::now() + testing_support::kWait;
+    std::atomic<int> done{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&] {
+            char byte;
+            for (int i = 0; i < kReadsPerThread && std::chrono::steady_clock::now() < end; ++i) {
+                CompletionLog log;
+                CompletionLog::Callback callback(log, 0);
+                if (file.readAsync(&byte, 1, callback) == nullptr || !log.waitFor(1)) return;
+                ++done;
+            }
+        });
     }
-    EXPECT_EQ(0, file.cancel(handles[2]));
-    ASSERT_TRUE(log.waitFor(4));
-    const std::vector<Completion> all = log.all();
-    ASSERT_EQ(4u, all.size());
-    const VelkaStatus expected[] = {velka::kStatusOk, velka::kStatusOk, velka::kStatusCancelled,
-                                    velka::kStatusOk};
-    for (int i = 0; i < 4; ++i) {
-        EXPECT_EQ(i, all[i].tag);
-        EXPECT_EQ(expected[i], all[i].status) << i;
-        EXPECT_EQ(i == 2 ? 0u : kBlock, all[i].length) << i;
+    for (std::thread& t : threads) t.join();
+    for (int round = 0; round < 3; ++round) {
+        const uint64_t woken = velka::HttpTaskThread::passCounts().woken;
+        Got read;
+        ASSERT_TRUE(readOnce(file, 1, &read));
+        ASSERT_TRUE(testing_support::waitUntil(
+            [&] { return velka::HttpTaskThread::passCounts().woken > woken; }))
+            << "round " << round << ": passes ended by the time-out "
+            << velka::HttpTaskThread::passCounts().timedOut;
     }
-    // The cancelled request took no bytes: the fourth continues the second.
-    EXPECT_TRUE(buffers[0] == slice(bytes, 0, kBlock));
-    EXPECT_TRUE(buffers[1] == slice(bytes, kBlock, kBlock));
-    EXPECT_TRUE(buffers[3] == slice(bytes, 2 * kBlock, kBlock));
-    // Completed requests are no longer there to cancel.
-    EXPECT_EQ(-1, file.cancel(handles[2]));
-    EXPECT_EQ(-1, file.cancel(handles[0]));
-    // The synchronous read returns what arrived.
-    std::vector<char> sync(1000);
-    EXPECT_EQ(1000, file.read(sync.data(), 1000));
-    EXPECT_TRUE(sync == slice(bytes, 3 * kBlock, 1000));
-    EXPECT_EQ(3 * kBlock + 1000, file.tell());
 }
 
 TEST(HttpFileDeathTest, OperationsOnAFileThatIsNotOpenStopAtTheAssertion) {

@@ -1,5 +1,6 @@
 // LocalFile against real files in a temporary directory, real POSIX
-// asynchronous I/O and its notification threads.
+// asynchronous I/O and its notification threads: what only this source does
+// (what every source promises is in test_file_contract.cpp).
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -16,12 +17,10 @@
 #include <vector>
 
 #include "TestSupport.h"
-#include "support/RandomReadRun.h"
 #include "velka/LocalFile.h"
 
 namespace {
 
-using testing_support::ChainedReader;
 using testing_support::CompletionLog;
 using testing_support::patternBytes;
 using velka::File;
@@ -55,106 +54,11 @@ protected:
     testing_support::TempDir dir_;
 };
 
-struct ChainCase {
-    uint32_t block;
-    size_t fileSize;
-    int64_t start;  // position sought before the first request
-};
-
-void PrintTo(const ChainCase& c, std::ostream* os) {
-    *os << "block " << c.block << " from " << c.start;
-}
-
-class ChainedReadTest : public LocalFileTest, public ::testing::WithParamInterface<ChainCase> {};
-
-TEST_P(ChainedReadTest, ReadsTheFileToTheEndByteForByte) {
-    const ChainCase c = GetParam();
-    std::vector<char> bytes;
-    LocalFile file(makeFile("chain", c.fileSize, &bytes));
+// Offsets reach the system as their low 32 bits; positions past 2 GiB cannot
+// be told and read as failures.
+TEST_F(LocalFileTest, PositionsAreThirtyTwoBitValues) {
+    LocalFile file(makeFile("wide", 1000));
     ASSERT_EQ(0, file.open());
-    ASSERT_EQ(c.start, file.seek(c.start, File::kSeekSet));
-
-    // Full blocks until the end, then one short (possibly empty) block.
-    const size_t wanted = c.fileSize - static_cast<size_t>(c.start);
-    const size_t reads = wanted / c.block + 1;
-    ChainedReader reader(file, c.block, reads + 2);
-    ASSERT_TRUE(reader.run());
-    ASSERT_EQ(reads, reader.statuses.size());
-    EXPECT_EQ(reads - 1,
-              size_t(std::count(reader.statuses.begin(), reader.statuses.end(), velka::kStatusOk)));
-    EXPECT_EQ(velka::kStatusEndOfFile, reader.statuses.back());
-    EXPECT_TRUE(std::vector<char>(bytes.begin() + c.start, bytes.end()) == reader.data);
-    EXPECT_EQ(static_cast<int64_t>(c.fileSize), file.tell());
-    EXPECT_EQ(0, file.available());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    OddBlocks, ChainedReadTest,
-    ::testing::Values(ChainCase{1, 5000, 0},                    // one byte at a time
-                      ChainCase{4093, 5 * kMiB + 17, 0},        // a prime below the page
-                      ChainCase{65536, 4 * kMiB, 0},            // the end falls on a block
-                      ChainCase{65537, 3 * kMiB + 5, 123457}),  // after a seek
-    [](const ::testing::TestParamInfo<ChainCase>& info) {
-        return "Block" + std::to_string(info.param.block) + "From" +
-               std::to_string(info.param.start);
-    });
-
-TEST_F(LocalFileTest, TenByteFileReadsFourFourTwoThenEmptyAtTheEnd) {
-    std::vector<char> bytes;
-    LocalFile file(makeFile("ten", 10, &bytes));
-    ASSERT_EQ(0, file.open());
-    EXPECT_EQ(10, file.length());
-    struct Expected {
-        velka::VelkaStatus status;
-        uint32_t length;
-    } const expected[] = {{velka::kStatusOk, 4}, {velka::kStatusOk, 4},
-                          {velka::kStatusEndOfFile, 2}, {velka::kStatusEndOfFile, 0}};
-    CompletionLog log;
-    size_t offset = 0;
-    for (int i = 0; i < 4; ++i) {
-        char buffer[4] = {};
-        CompletionLog::Callback callback(log, i);
-        ASSERT_NE(nullptr, file.readAsync(buffer, sizeof buffer, callback));
-        ASSERT_TRUE(log.waitFor(i + 1));
-        const testing_support::Completion got = log.all()[i];
-        EXPECT_EQ(expected[i].status, got.status) << "read " << i;
-        ASSERT_EQ(expected[i].length, got.length) << "read " << i;
-        EXPECT_EQ(0, memcmp(bytes.data() + offset, buffer, got.length));
-        offset += got.length;
-        EXPECT_EQ(static_cast<int64_t>(offset), file.tell());
-        EXPECT_EQ(static_cast<int64_t>(10 - offset), file.available());
-    }
-    EXPECT_EQ(4u, log.all().size());
-}
-
-TEST_F(LocalFileTest, BlockingAndAsynchronousReadsShareOneThirtyTwoBitPositionThatSeekMoves) {
-    std::vector<char> bytes;
-    LocalFile file(makeFile("sync", 1000, &bytes));
-    ASSERT_EQ(0, file.open());
-    char buffer[600];
-    ASSERT_EQ(100, file.read(buffer, 100));
-    EXPECT_EQ(0, memcmp(bytes.data(), buffer, 100));
-    EXPECT_EQ(900, file.available());
-
-    EXPECT_EQ(150, file.seek(50, File::kSeekCurrent));
-    CompletionLog log;
-    CompletionLog::Callback callback(log, 0);
-    ASSERT_NE(nullptr, file.readAsync(buffer, 16, callback));
-    ASSERT_TRUE(log.waitFor(1));
-    ASSERT_EQ(16u, log.all()[0].length);
-    EXPECT_EQ(0, memcmp(bytes.data() + 150, buffer, 16));
-    ASSERT_EQ(4, file.read(buffer, 4));
-    EXPECT_EQ(0, memcmp(bytes.data() + 166, buffer, 4));
-
-    EXPECT_EQ(997, file.seek(-3, File::kSeekEnd));
-    ASSERT_EQ(3, file.read(buffer, sizeof buffer));  // short at the end
-    EXPECT_EQ(0, memcmp(bytes.data() + 997, buffer, 3));
-    EXPECT_EQ(0, file.read(buffer, sizeof buffer));
-    // A position before the start is refused and the position stays.
-    EXPECT_EQ(-1, file.seek(-1, File::kSeekSet));
-    EXPECT_EQ(1000, file.tell());
-    // Offsets reach the system as their low 32 bits; positions past 2 GiB
-    // cannot be told and read as failures.
     EXPECT_EQ(5, file.seek((int64_t{1} << 32) + 5, File::kSeekSet));
     EXPECT_EQ(INT32_MAX, file.seek(INT32_MAX, File::kSeekSet));
     EXPECT_EQ(-1, file.seek(1, File::kSeekCurrent));
@@ -259,39 +163,6 @@ TEST_F(LocalFileTest, CloseWithAReadInFlightCompletesItAndLeavesTheNextFileAlone
         EXPECT_EQ(0, next.tell()) << "a read of the closed file moved the next file";
         EXPECT_EQ(1u, log.all().size());
     }
-}
-
-// POSIX positions: a seek may go past the end (reads there give the end), one
-// before the start fails.
-TEST_F(LocalFileTest, SeededRandomRunAgreesWithTheModel) {
-    testing_support::TempDataFile data(3 * kMiB + 12345, 13);
-    const int64_t length = data.size();
-    testing_support::SourceModel model;
-    model.seek = [length](int64_t position, int64_t offset, int whence) -> int64_t {
-        const int64_t base = whence == File::kSeekSet ? 0 : whence == File::kSeekCurrent ? position
-                                                                                           : length;
-        const int64_t target = base + offset;
-        return target < 0 || target > INT32_MAX ? -1 : target;
-    };
-    model.read = [length](int64_t position, uint32_t count) {
-        const uint32_t n = position >= length
-                               ? 0
-                               : static_cast<uint32_t>(std::min<int64_t>(count, length - position));
-        return std::make_pair(n == count ? velka::kStatusOk : velka::kStatusEndOfFile, n);
-    };
-    model.positionWithinLength = false;
-    testing_support::RandomReadRun run(
-        data, model,
-        [&data]() -> File* {
-            LocalFile* file = new LocalFile("file://" + data.path());
-            if (file->open() == 0) return file;
-            delete file;
-            return nullptr;
-        },
-        1301);
-    EXPECT_TRUE(run.run(testing_support::kRandomRunOperations)) << run.error();
-    EXPECT_GT(run.counts.cancels, 0u);
-    EXPECT_GT(run.counts.closes, 0u);
 }
 
 class OpenFailureTest : public LocalFileTest, public ::testing::WithParamInterface<const char*> {};

@@ -25,6 +25,13 @@ namespace velka {
 // A completed read advances the position by its length, so consecutive
 // asynchronous reads continue one another.
 //
+// Cancelling never loses bytes. A read that cancel() answered 0 for completes
+// with kStatusCancelled and 0 bytes and leaves the position where the read
+// began, even when the source had already filled part of its buffer: the
+// next read delivers those bytes again. A read the source can no longer
+// abandon makes cancel() answer -1 and completes normally with its bytes.
+// A read standing at the end completes with kStatusEndOfFile and 0 bytes.
+//
 // The position-based operations require a successful open(); misuse (an
 // operation on a file that is not open, a null request to cancel()) is a
 // broken precondition, asserted by the sources. Failures are results only.
@@ -58,7 +65,7 @@ public:
     virtual void* readAsync(char* buffer, uint32_t count, AsyncCallback& callback) = 0;
     // Asks the source to abandon an accepted request (never null). 0 when it
     // was cancelled (it still completes once, with kStatusCancelled and 0
-    // bytes), -1 otherwise.
+    // bytes, and takes no bytes from the stream), -1 otherwise.
     virtual int cancel(void* request) = 0;
     // The new position, or -1.
     virtual int64_t seek(int64_t offset, Whence whence) = 0;

@@ -2,6 +2,7 @@
 #define VELKA_HTTPTASKTHREAD_H
 
 #include <atomic>
+#include <cstdint>
 #include <vector>
 
 #include "velka/Mutex.h"
@@ -34,6 +35,14 @@ public:
 
     // The worker loop; runs on "HttpTaskThread".
     void run() override;
+
+    // How the worker's waits in select() ended so far: cut short by a wake()
+    // or run to their time-out. For tests and diagnostics.
+    struct PassCounts {
+        uint64_t woken;
+        uint64_t timedOut;
+    };
+    static PassCounts passCounts();
 
 private:
     friend class HttpTask;
@@ -69,6 +78,8 @@ private:
     Semaphore wakeup_;     // wakes the loop: new task, new request, release, exit
     int wakePipe_[2];      // read end in every select(); written by wake()
     std::atomic<bool> wakeQueued_;  // a byte is in the pipe: no need to write another
+    std::atomic<uint64_t> wokenPasses_;     // selects a wake() ended
+    std::atomic<uint64_t> timedOutPasses_;  // selects that ran to their time-out
 };
 
 }  // namespace velka

@@ -478,6 +478,10 @@ void HttpTask::dealAsyncs() {
         // callback aborts it): its requests are cancelled, not failed.
         if (request->cancelled || removed_) {
             logPuts("cancel request");
+            // A cancelled read gives back what it had received (the download
+            // may have run dry in the middle of it): the next read starts
+            // where this one began, and the ring steps back to it.
+            readPos_ -= request->length - request->remaining;
             notifyComplete(request, kStatusCancelled, 0);
             continue;
         }
@@ -490,6 +494,12 @@ void HttpTask::dealAsyncs() {
         const int64_t left = length - readPos_;
         if (tailCache_ != nullptr && left >= 0 && left < tailSize_) {
             getDataFromTailCache(request, left);
+            continue;
+        }
+        if (length > 0 && left <= 0) {
+            // Standing at the end: there is nothing to fetch, and a range
+            // from the length would be answered 416.
+            notifyComplete(request, kStatusEndOfFile, request->length - request->remaining);
             continue;
         }
         const uint32_t n = ring_->length();

@@ -74,7 +74,13 @@ HttpTaskThread* HttpTaskThread::instance() {
 }
 
 HttpTaskThread::HttpTaskThread()
-    : pending_(0), thread_(nullptr), wakeup_(0), wakePipe_{-1, -1}, wakeQueued_(false) {
+    : pending_(0),
+      thread_(nullptr),
+      wakeup_(0),
+      wakePipe_{-1, -1},
+      wakeQueued_(false),
+      wokenPasses_(0),
+      timedOutPasses_(0) {
     logPuts("---HttpTaskThread ----");
     // Without the pipe the worker still runs; waits just end at their time-out.
     if (pipe2(wakePipe_, O_NONBLOCK | O_CLOEXEC) != 0) wakePipe_[0] = wakePipe_[1] = -1;
@@ -86,6 +92,11 @@ HttpTaskThread::HttpTaskThread()
     // tear-down that comes before the new thread first runs must still end it.
     workerRunning_ = true;
     thread_->start();
+}
+
+HttpTaskThread::PassCounts HttpTaskThread::passCounts() {
+    HttpTaskThread* worker = instance();
+    return {worker->wokenPasses_.load(), worker->timedOutPasses_.load()};
 }
 
 // At process exit, after Playback. Tasks still owned by an open HttpFile stay
@@ -294,12 +305,18 @@ int HttpTaskThread::performAndSelect(void* multiArg) {
     limit.tv_usec = (timeoutMs % 1000) * 1000;
     const int ret = select(maxFd + 1, &readSet, &writeSet, &exceptSet, &limit);
     if (ret > 0 && FD_ISSET(wakePipe_[0], &readSet)) {
-        // Cleared first: a wake() after this writes again, and anything it
-        // announces is served by the pass that follows anyway.
-        wakeQueued_ = false;
+        // Drained first, cleared after: a wake() that finds the flag set
+        // before the clear is served by the pass that follows anyway, and one
+        // after it writes a byte the drain can no longer eat. Cleared first,
+        // a byte written between the clear and the drain would be eaten and
+        // leave the flag set over an empty pipe, and no wake() would write again.
         char drain[64];
         while (read(wakePipe_[0], drain, sizeof drain) > 0) {
         }
+        wakeQueued_ = false;
+        wokenPasses_ += 1;
+    } else if (ret == 0) {
+        timedOutPasses_ += 1;
     }
     if (ret < 0) logPrint("Select multiple IO failed %d\n", ret);
     return runningCount_;
