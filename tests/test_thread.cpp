@@ -224,18 +224,6 @@ TEST(ThreadTest, SleepRefusesNegativeAndSleepsTheFullTime) {
     EXPECT_EQ(velka::kStatusOk, Thread::yield());
 }
 
-TEST(ThreadTest, NeverStartedThreadWaitsAtOnceAndRefusesPriority) {
-    GatedRunnable runnable;
-    {
-        Thread thread(runnable, false, "idle", kPriority, kStackSize);
-        EXPECT_EQ(Thread::INIT, thread.state());
-        EXPECT_EQ(velka::kStatusError, thread.setPriority(kPriority));
-        EXPECT_EQ(velka::kStatusOk, thread.wait(0));
-        EXPECT_EQ(velka::kStatusOk, thread.wait(100));
-    }  // the destructor's wait must not block either
-    EXPECT_EQ(0, runnable.runs);
-}
-
 // While run() lasts, timed waits time out and leave it running; when it ends,
 // every waiter returns (the end is broadcast) and one of them joins. The
 // waiters' limits keep a missed wake-up from hanging the test.
@@ -297,10 +285,17 @@ TEST(ThreadTest, WaitFromInsideRunIsADeadlockAndDoesNotJoin) {
     EXPECT_EQ(Thread::TERMINATED, thread.state());
 }
 
-// Restarts after a join, and once straight from FINISHED without a wait.
-TEST(ThreadTest, StartAfterJoinOrFromFinishedRunsRunAgain) {
+// Never started, a thread waits at once (its destructor too) and refuses a
+// priority; it restarts after a join, and once straight from FINISHED.
+TEST(ThreadTest, NeverStartedWaitsAtOnceAndStartAfterJoinOrFromFinishedRunsRunAgain) {
     GatedRunnable runnable;
+    { Thread idle(runnable, false, "idle", kPriority, kStackSize); }
     Thread thread(runnable, false, "again", kPriority, kStackSize);
+    EXPECT_EQ(Thread::INIT, thread.state());
+    EXPECT_EQ(velka::kStatusError, thread.setPriority(kPriority));
+    EXPECT_EQ(velka::kStatusOk, thread.wait(0));
+    EXPECT_EQ(velka::kStatusOk, thread.wait(100));
+    EXPECT_EQ(0, runnable.runs);
     for (int round = 1; round <= 3; ++round) {
         thread.start();
         ASSERT_TRUE(runnable.waitStarted()) << "round " << round;
