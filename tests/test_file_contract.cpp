@@ -23,6 +23,7 @@
 #include "ems_control.h"
 #include "support/NginxServer.h"
 #include "velka/DtaFile.h"
+#include "velka/HlsFile.h"
 #include "velka/HttpFile.h"
 #include "velka/LocalFile.h"
 #include "velka/PpsFile.h"
@@ -120,6 +121,25 @@ std::string newUrl(const std::vector<char>& bytes) {
     return server().url(name);
 }
 
+// An HLS video on demand whose segments are byte ranges of the medium, three
+// of them: the spans are exact, so the stream is the medium's bytes.
+std::string newPlaylist(const std::vector<char>& bytes) {
+    static int count = 0;
+    const std::string name = "hls" + std::to_string(++count);
+    server().serve(name + ".bin", bytes);
+    const size_t third = bytes.size() / 3;
+    std::string m3u8 = "#EXTM3U\n#EXT-X-VERSION:4\n#EXT-X-TARGETDURATION:4\n";
+    for (size_t start = 0, i = 0; i < 3; ++i) {
+        const size_t size = i < 2 ? third : bytes.size() - start;
+        m3u8 += "#EXTINF:4.0,\n#EXT-X-BYTERANGE:" + std::to_string(size) + "@" + std::to_string(start) + "\n" +
+                name + ".bin\n";
+        start += size;
+    }
+    m3u8 += "#EXT-X-ENDLIST\n";
+    server().serve(name + ".m3u8", std::vector<char>(m3u8.begin(), m3u8.end()));
+    return server().url(name + ".m3u8");
+}
+
 const Source kSources[] = {
     {"LocalFile", [](const std::vector<char>& b) { return new velka::LocalFile("file://" + newFile(b)); },
      Clamp::kPosix, velka::kStatusEndOfFile, false, true},
@@ -128,6 +148,8 @@ const Source kSources[] = {
     {"DtaFileNginx", [](const std::vector<char>& b) { return new velka::DtaFile(newUrl(b)); },
      Clamp::kBelowLength, velka::kStatusOk, true, true},
     {"HttpFile", [](const std::vector<char>& b) { return new velka::HttpFile(newUrl(b)); },
+     Clamp::kToLength, velka::kStatusEndOfFile, false, true},
+    {"HlsFile", [](const std::vector<char>& b) { return new velka::HlsFile(newPlaylist(b)); },
      Clamp::kToLength, velka::kStatusEndOfFile, false, true},
     {"PpsFile", [](const std::vector<char>& b) { return new velka::PpsFile("pps-test://" + newFile(b)); },
      Clamp::kToLength, velka::kStatusOk, true, false},

@@ -617,7 +617,10 @@ void HlsSession::layOut() {
                    kSpanSlackBytes;
         }
         int64_t span = prefix_[i] + body;
-        if (ts) span = (span + kTsPacketBytes - 1) / kTsPacketBytes * kTsPacketBytes;
+        // Filler in an MPEG-TS span is whole null packets. A plain byte range
+        // fills its span exactly and needs none, so its span stays its size.
+        const bool exact = segment.rangeLength > 0 && segment.keyIndex < 0;
+        if (ts && !exact) span = (span + kTsPacketBytes - 1) / kTsPacketBytes * kTsPacketBytes;
         base_.push_back(position);
         span_.push_back(span);
         position += span;
