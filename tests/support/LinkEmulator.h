@@ -45,7 +45,10 @@ public:
     struct Options {
         double megabitsPerSecond = 20;  // server to client, shared by all connections
         int roundTripMs = 40;
-        uint32_t windowBytes = 256 * 1024;  // per connection, taken from the server and not yet delivered
+        // Per connection, bytes taken from the server and not yet delivered;
+        // 0: the link's bandwidth-delay product (at least 64 KiB), what a TCP
+        // window settles at on a link with a short queue.
+        uint32_t windowBytes = 0;
         double lossShare = 0;  // share of server-to-client segments that come a retransmit time late
         uint32_t seed = 1;
     };
@@ -59,6 +62,10 @@ public:
     // False with the reason in *why.
     bool start(int serverPort, const Options& options, std::string* why) {
         options_ = options;
+        if (options_.windowBytes == 0) {
+            const double bdp = options_.megabitsPerSecond * 1e6 / 8 * options_.roundTripMs / 1000.0;
+            options_.windowBytes = static_cast<uint32_t>(std::max(64.0 * 1024, bdp));
+        }
         serverPort_ = serverPort;
         listen_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
         sockaddr_in addr = loopback(0);
