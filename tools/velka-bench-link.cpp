@@ -13,7 +13,8 @@
 // all in this process on the same link in the same run, beside the link's
 // limit: the distinct bytes the work reads at the link's rate plus a round
 // trip for the connection, one for the first request and one for each jump
-// to bytes not read yet (or the gap's bytes, when that is cheaper). The read
+// to bytes not read yet (or the gap's bytes, when that is cheaper), or, when
+// less, everything from the first byte read to the last in one request. The read
 // pattern is taken from the same work on the local file. Also the bytes that
 // crossed the link and the requests nginx answered. Nothing is judged.
 
@@ -220,6 +221,16 @@ Need need(const std::vector<std::pair<int64_t, int64_t>>& reads, double mbps, do
     }
     for (const auto& h : have) n.distinctBytes += static_cast<double>(h.second - h.first);
     n.seconds = extra + n.distinctBytes * secondsPerByte;
+    // Or everything from the first byte read to the last in one request,
+    // when that is less.
+    if (!have.empty()) {
+        const double span = static_cast<double>(std::prev(have.end())->second - have.begin()->first);
+        if (2 * rttSeconds + span * secondsPerByte < n.seconds) {
+            n.seconds = 2 * rttSeconds + span * secondsPerByte;
+            n.distinctBytes = span;
+            n.jumps = 0;
+        }
+    }
     return n;
 }
 

@@ -150,6 +150,10 @@ void HttpTaskThread::run() {
             char* privateData = nullptr;
             curl_easy_getinfo(curl, CURLINFO_PRIVATE, &privateData);
             HttpTask* task = reinterpret_cast<HttpTask*>(privateData);
+            if (curl != task->curl_) {
+                task->tailFetchDone(curl, code);  // the task's second transfer
+                continue;
+            }
             if (code == CURLE_WRITE_ERROR) {
                 task->error_ = CURLE_WRITE_ERROR;  // the task refused the response status
             } else if (code != CURLE_OK) {
