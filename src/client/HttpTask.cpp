@@ -591,24 +591,27 @@ void HttpTask::ajustReadPosition(int64_t ringStart) {
     }
     // Not downloaded yet. The gap counts from the ring start: its bytes must
     // all pass through the ring.
-    // Waiting needs the running transfer and room for the gap, whose bytes
-    // all pass through the ring.
-    const bool running = inMulti_ && !paused_;
-    const int64_t length = length_;
-    const bool wholeInRing = length > 0 && length <= static_cast<int64_t>(ring_->size()) &&
-                             ringOrigin_ == 0;
-    const int waitRoundTrips = wholeInRing ? kWholeStreamRoundTrips : kRestartRoundTrips;
-    if (distance <= static_cast<int64_t>(ring_->space()) &&
-        (distance <= kMaxWaitGapBytes ||
-         (running && (!link_.known() ||
-                      link_.reachesSooner(readPos_ - downloadPos_, waitRoundTrips))))) {
-        // Without figures yet (a transfer's first tens of milliseconds) the
-        // choice waits for them; a later pass makes it.
+    const bool room = distance <= static_cast<int64_t>(ring_->space());
+    if (room && distance <= kMaxWaitGapBytes) {
         logPrint("seek forward %lld, pos %lld wait gap %lld\n", static_cast<long long>(readPos_),
                static_cast<long long>(downloadPos_), static_cast<long long>(distance));
         return;
     }
     if (startTailFetch()) return;
+    // The running transfer brings a farther gap when it comes sooner than a
+    // restart's answer. Without figures yet (a transfer's first tens of
+    // milliseconds) the choice waits for them; a later pass makes it.
+    const bool running = inMulti_ && !paused_;
+    const int64_t length = length_;
+    const bool wholeInRing =
+        length > 0 && length <= static_cast<int64_t>(ring_->size()) && ringOrigin_ == 0;
+    const int waitRoundTrips = wholeInRing ? kWholeStreamRoundTrips : kRestartRoundTrips;
+    if (room && running &&
+        (!link_.known() || link_.reachesSooner(readPos_ - downloadPos_, waitRoundTrips))) {
+        logPrint("seek forward %lld, pos %lld wait gap %lld\n", static_cast<long long>(readPos_),
+               static_cast<long long>(downloadPos_), static_cast<long long>(distance));
+        return;
+    }
     logPrint("reseek forward %lld, pos %lld\n", static_cast<long long>(readPos_),
            static_cast<long long>(downloadPos_));
     resetRange();
