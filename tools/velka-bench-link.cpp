@@ -64,7 +64,7 @@ constexpr double kPlayingSeekShare = 0.65;
 
 struct Settings {
     int runs = 3;
-    int clipSeconds = 30;
+    int clipSeconds = 20;
     bool slowLink = true;  // also the 8 Mbit/s link
     std::string logPath;
     std::string only;  // zap, trace or seek; empty: all
@@ -74,7 +74,7 @@ const char kUsage[] =
     "Usage: velka-bench-link [--quick] [--runs N] [--only zap|trace|seek] [--log FILE]\n"
     "\n"
     "Starts nginx on 127.0.0.1 behind an emulated home link (20 Mbit/s with a\n"
-    "40 ms round trip, 8 Mbit/s with 100 ms), generates three 30 s 2 Mbit/s clips\n"
+    "40 ms round trip, 8 Mbit/s with 100 ms), generates three 20 s 2 Mbit/s clips\n"
     "(ffmpeg) and prints zap time, a 20-seek trace and a seek while playing\n"
     "through HttpFile, the download engine (zap) and libavformat's own HTTP\n"
     "reader, each beside the link's limit, with the bytes that crossed the link\n"
