@@ -227,8 +227,8 @@ void HttpTask::setCurlOptions(const std::string& url) {
     curl_easy_setopt(curl_, CURLOPT_PRIVATE, this);
     curl_easy_setopt(curl_, CURLOPT_NOPROGRESS, 0L);
     curl_easy_setopt(curl_, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
-    // A connection whose transfer ended cleanly serves the next range
-    // request: one round trip less on a real link.
+    // No fresh connection per request: one whose transfer ended cleanly
+    // serves the next range request, a round trip less on a real link.
     curl_easy_setopt(curl_, CURLOPT_DNS_CACHE_TIMEOUT, kDnsCacheSeconds);
     // Blocks of up to kReceiveBytes: half the receive calls of libcurl's
     // default, and still no larger than the free space that resumes a paused
@@ -622,8 +622,8 @@ bool HttpTask::startTailFetch() {
     // Only while the main transfer runs: it keeps the start the reader
     // comes back to. A paused or ended one has nothing more to bring.
     const int64_t left = length - readPos_;
-    if (length <= 0 || left > kTailFetchMaxBytes || left > length / kTailFetchShare || !inMulti_ || paused_ ||
-        tailCache_ != nullptr || tailFetchFailed_) {
+    if (length <= 0 || left > kTailFetchMaxBytes || left > length / kTailFetchShare ||
+        !inMulti_ || paused_ || tailCache_ != nullptr || tailFetchFailed_) {
         return false;
     }
     char* url = nullptr;
