@@ -53,11 +53,11 @@ const LinkCase kCases[] = {
      {{0, 64 * 1024}, {-32 * kKiB, 32 * 1024}, {64 * kKiB, 64 * 1024}},
      {"-", rangeFrom(kFileBytes - 32 * kKiB)},
      "fetch tail "},
-    // A skip of 300 KiB ahead of the download (more than the 128 KiB that
+    // A skip of 200 KiB ahead of the download (more than the 128 KiB that
     // are always waited for) comes sooner than a new request would answer;
     // one of 5 MiB does not.
     {"NearSkipWaitsFarSkipRestarts",
-     {{0, 64 * 1024}, {64 * kKiB + 300 * kKiB, 64 * 1024}, {5 * kMiB, 64 * 1024}},
+     {{0, 64 * 1024}, {64 * kKiB + 200 * kKiB, 64 * 1024}, {5 * kMiB, 64 * 1024}},
      {"-", rangeFrom(5 * kMiB)},
      "wait gap "},
 };

@@ -71,7 +71,8 @@ struct Settings {
 };
 
 const char kUsage[] =
-    "Usage: velka-bench-link [--quick] [--runs N] [--only zap|trace|seek] [--log FILE]\n"
+    "Usage: velka-bench-link [--quick] [--runs N] [--seconds S] [--only zap|trace|seek]\n"
+    "                        [--log FILE]\n"
     "\n"
     "Starts nginx on 127.0.0.1 behind an emulated home link (20 Mbit/s with a\n"
     "40 ms round trip, 8 Mbit/s with 100 ms), generates three 20 s 2 Mbit/s clips\n"
@@ -80,7 +81,7 @@ const char kUsage[] =
     "reader, each beside the link's limit, with the bytes that crossed the link\n"
     "and the requests. Medians of N interleaved runs (default 3) [min .. max].\n"
     "--quick: 12 s clips, one run, the 20 Mbit/s link only (a smoke run, not for\n"
-    "figures).\n";
+    "figures). --seconds sets the clips' length (after --quick, overrides it).\n";
 
 FILE* const gOut = stdout;
 
@@ -493,6 +494,8 @@ int main(int argc, char** argv) {
             s.runs = 1;
             s.clipSeconds = 12;
             s.slowLink = false;
+        } else if (arg == "--seconds" && i + 1 < argc) {
+            s.clipSeconds = std::max(4, atoi(argv[++i]));
         } else if (arg == "--runs" && i + 1 < argc) {
             s.runs = std::max(1, atoi(argv[++i]));
         } else if (arg == "--only" && i + 1 < argc) {

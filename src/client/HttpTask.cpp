@@ -37,10 +37,6 @@ constexpr int64_t kTailFetchShare = 8;
 // costs (the new connection's handshake, its request, and the old
 // connection's bytes still on their way).
 constexpr int kRestartRoundTrips = 3;
-// A stream that fits in the ring whole, downloaded from its start, stays in
-// the ring for every later seek as long as no restart empties it: a forward
-// seek then waits while the gap comes within this many round trips.
-constexpr int kWholeStreamRoundTrips = 8;
 // cachePercent() counts up to this much of the stream ahead of the reader.
 constexpr int64_t kCacheThresholdBytes = 512 * 1024;
 // libcurl's receive buffer, the largest block it hands to write_cb. Must stay
@@ -140,7 +136,6 @@ HttpTask::HttpTask(RingBuffer* ring, CURL* curl)
       infoOk_(false),
       lastProgressTime_(0),
       retries_(0),
-      ringOrigin_(0),
       answered_(false),
       tailFetch_(nullptr),
       tailFetchFailed_(false),
@@ -374,7 +369,6 @@ void HttpTask::notifyTaskInfo() {
 
 void HttpTask::resetRange() {
     downloadPos_ = readPos_;
-    ringOrigin_ = readPos_;
     ring_->reset();
     continueDownload();
 }
@@ -602,12 +596,8 @@ void HttpTask::ajustReadPosition(int64_t ringStart) {
     // restart's answer. Without figures yet (a transfer's first tens of
     // milliseconds) the choice waits for them; a later pass makes it.
     const bool running = inMulti_ && !paused_;
-    const int64_t length = length_;
-    const bool wholeInRing =
-        length > 0 && length <= static_cast<int64_t>(ring_->size()) && ringOrigin_ == 0;
-    const int waitRoundTrips = wholeInRing ? kWholeStreamRoundTrips : kRestartRoundTrips;
     if (room && running &&
-        (!link_.known() || link_.reachesSooner(readPos_ - downloadPos_, waitRoundTrips))) {
+        (!link_.known() || link_.reachesSooner(readPos_ - downloadPos_, kRestartRoundTrips))) {
         logPrint("seek forward %lld, pos %lld wait gap %lld\n", static_cast<long long>(readPos_),
                static_cast<long long>(downloadPos_), static_cast<long long>(distance));
         return;

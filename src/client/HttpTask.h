@@ -142,7 +142,6 @@ private:
     uint32_t lastProgressTime_;  // monotonic seconds of the last progress change; 0 = not armed
     uint32_t retries_;      // restarts since data was last accepted; worker
     LinkEstimate link_;     // round trip and rate seen by the main transfer; worker
-    int64_t ringOrigin_;    // stream offset where the ring was last emptied; worker
     bool answered_;         // the current transfer delivered its first block; worker
     TailFetch* tailFetch_;  // owned, or null; worker
     bool tailFetchFailed_;  // one failed: the main transfer serves the end from now on; worker
