@@ -16,8 +16,11 @@ class HttpTask;
 // downloads the resource into a 16 MiB ring on the one HttpTaskThread and
 // answers reads out of that ring: reads that follow the download come from
 // memory, a seek back that the ring still covers or a short seek forward costs
-// no new request, any other seek restarts the download with an open-ended
-// byte range. URLs containing ".rmvb" also get a cache of their last 32 KiB.
+// no new request, nor does one the running download reaches sooner than a new
+// request would answer on this link; a jump to the stream's end region while
+// the download runs fetches the end over a second connection and keeps the
+// ring; any other seek restarts the download with an open-ended byte range.
+// URLs containing ".rmvb" also get a cache of their last 32 KiB.
 //
 // Asynchronous reads complete on the worker thread, strictly in the order they
 // were issued, each exactly once, possibly before readAsync() has returned.

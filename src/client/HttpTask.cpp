@@ -9,6 +9,7 @@
 #include "HttpRequestOptions.h"
 #include "velka/Assert.h"
 #include "LogLine.h"
+#include "TailFetch.h"
 
 namespace velka {
 
@@ -25,6 +26,18 @@ constexpr uint32_t kStallSeconds = 14;
 // A forward seek into bytes not yet downloaded waits for them when the gap is
 // at most this big: cheaper than a new request.
 constexpr int64_t kMaxWaitGapBytes = 128 * 1024;
+// A reader that jumps to within this much of the end, and into the stream's
+// last 1/kTailFetchShare, while the main transfer runs gets the end over a
+// second transfer (TailFetch.h). An MP4 index stored last is a few hundred
+// KiB for an hour of video; a jump to the middle of a short stream is an
+// ordinary seek.
+constexpr int64_t kTailFetchMaxBytes = 4 * 1024 * 1024;
+constexpr int64_t kTailFetchShare = 8;
+// A forward seek further than kMaxWaitGapBytes also waits while the running
+// transfer brings the gap sooner than this many round trips: what a restart
+// costs (the new connection's handshake, its request, and the old
+// connection's bytes still on their way).
+constexpr int kRestartRoundTrips = 3;
 // cachePercent() counts up to this much of the stream ahead of the reader.
 constexpr int64_t kCacheThresholdBytes = 512 * 1024;
 // libcurl's receive buffer, the largest block it hands to write_cb. Must stay
@@ -124,6 +137,9 @@ HttpTask::HttpTask(RingBuffer* ring, CURL* curl)
       infoOk_(false),
       lastProgressTime_(0),
       retries_(0),
+      answered_(false),
+      tailFetch_(nullptr),
+      tailFetchFailed_(false),
       destroyed_(nullptr),
       semaphore_(0),
       headers_(nullptr) {
@@ -190,6 +206,7 @@ void HttpTask::remove(HttpTask* task, Semaphore* destroyed) {
 
 HttpTask::~HttpTask() {
     logPrint("destroy task %p\n", static_cast<void*>(this));
+    delete tailFetch_;
     if (curl_ != nullptr) curl_easy_cleanup(curl_);
     curl_slist_free_all(headers_);
     if (tailCache_ != nullptr) free(tailCache_);
@@ -209,7 +226,8 @@ void HttpTask::setCurlOptions(const std::string& url) {
     curl_easy_setopt(curl_, CURLOPT_PRIVATE, this);
     curl_easy_setopt(curl_, CURLOPT_NOPROGRESS, 0L);
     curl_easy_setopt(curl_, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
-    curl_easy_setopt(curl_, CURLOPT_FRESH_CONNECT, 1L);
+    // No fresh connection per request: one whose transfer ended cleanly
+    // serves the next range request, a round trip less on a real link.
     curl_easy_setopt(curl_, CURLOPT_DNS_CACHE_TIMEOUT, kDnsCacheSeconds);
     // Blocks of up to kReceiveBytes: half the receive calls of libcurl's
     // default, and still no larger than the free space that resumes a paused
@@ -285,7 +303,15 @@ uint32_t HttpTask::feedBuffer(char* data, uint32_t size) {
     // page) is refused; libcurl ends the transfer with CURLE_WRITE_ERROR.
     if (status != (rangeRequest_ ? 206 : 200)) return size + 1;
     retries_ = 0;
+    if (!answered_) {
+        answered_ = true;
+        curl_off_t requested = 0, answered = 0;
+        curl_easy_getinfo(curl_, CURLINFO_PRETRANSFER_TIME_T, &requested);
+        curl_easy_getinfo(curl_, CURLINFO_STARTTRANSFER_TIME_T, &answered);
+        link_.roundTrip(static_cast<int64_t>(answered - requested));
+    }
     if (size > ring_->space()) {
+        link_.restart();
         // libcurl keeps the block and offers it again once resumed: the ring
         // is never written in part.
         paused_ = true;
@@ -295,6 +321,7 @@ uint32_t HttpTask::feedBuffer(char* data, uint32_t size) {
     }
     ring_->write(data, size);
     downloadPos_ += size;
+    link_.arrived(size);
     return size;
 }
 
@@ -367,6 +394,8 @@ void HttpTask::continueDownload() {
     clearTimeoutCheck();
     inMulti_ = true;
     ended_ = false;
+    answered_ = false;
+    link_.restart();
     if (paused_) {
         paused_ = false;
         pausedCount_ -= 1;
@@ -502,6 +531,11 @@ void HttpTask::dealAsyncs() {
             notifyComplete(request, kStatusEndOfFile, request->length - request->remaining);
             continue;
         }
+        if (tailFetch_ != nullptr && readPos_ >= tailFetch_->from()) {
+            const TailServe served = serveFromTailFetch(request);
+            if (served == kTailServed) continue;
+            if (served == kTailWait) return;
+        }
         const uint32_t n = ring_->length();
         const int64_t ringStart = downloadPos_ - n;
         if (ringStart != readPos_) {
@@ -568,7 +602,19 @@ void HttpTask::ajustReadPosition(int64_t ringStart) {
     }
     // Not downloaded yet. The gap counts from the ring start: its bytes must
     // all pass through the ring.
-    if (distance <= kMaxWaitGapBytes && distance <= static_cast<int64_t>(ring_->space())) {
+    const bool room = distance <= static_cast<int64_t>(ring_->space());
+    if (room && distance <= kMaxWaitGapBytes) {
+        logPrint("seek forward %lld, pos %lld wait gap %lld\n", static_cast<long long>(readPos_),
+               static_cast<long long>(downloadPos_), static_cast<long long>(distance));
+        return;
+    }
+    if (startTailFetch()) return;
+    // The running transfer brings a farther gap when it comes sooner than a
+    // restart's answer. Without figures yet (a transfer's first tens of
+    // milliseconds) the choice waits for them; a later pass makes it.
+    const bool running = inMulti_ && !paused_;
+    if (room && running &&
+        (!link_.known() || link_.reachesSooner(readPos_ - downloadPos_, kRestartRoundTrips))) {
         logPrint("seek forward %lld, pos %lld wait gap %lld\n", static_cast<long long>(readPos_),
                static_cast<long long>(downloadPos_), static_cast<long long>(distance));
         return;
@@ -576,6 +622,65 @@ void HttpTask::ajustReadPosition(int64_t ringStart) {
     logPrint("reseek forward %lld, pos %lld\n", static_cast<long long>(readPos_),
            static_cast<long long>(downloadPos_));
     resetRange();
+}
+
+bool HttpTask::startTailFetch() {
+    const int64_t length = length_;
+    // Only while the main transfer runs: it keeps the start the reader
+    // comes back to. A paused or ended one has nothing more to bring.
+    const int64_t left = length - readPos_;
+    if (length <= 0 || left > kTailFetchMaxBytes || left > length / kTailFetchShare ||
+        !inMulti_ || paused_ || tailCache_ != nullptr || tailFetchFailed_) {
+        return false;
+    }
+    char* url = nullptr;
+    curl_easy_getinfo(curl_, CURLINFO_EFFECTIVE_URL, &url);
+    if (url == nullptr) return false;
+    delete tailFetch_;  // one that began after readPos_
+    tailFetch_ = new TailFetch(multiHandle_, url, readPos_, length, this, options_);
+    if (tailFetch_->failed()) {
+        delete tailFetch_;
+        tailFetch_ = nullptr;
+        return false;
+    }
+    // The worker goes on passing until libcurl counts the new transfer.
+    runningCount_ += 1;
+    logPrint("fetch tail %lld, pos %lld\n", static_cast<long long>(readPos_),
+             static_cast<long long>(downloadPos_));
+    return true;
+}
+
+HttpTask::TailServe HttpTask::serveFromTailFetch(AsyncRequest* request) {
+    const int64_t here = tailFetch_->arrived() - readPos_;
+    if (here > 0) {
+        const uint32_t count = here < static_cast<int64_t>(request->remaining)
+                                   ? static_cast<uint32_t>(here)
+                                   : request->remaining;
+        tailFetch_->copy(readPos_, request->buffer, count);
+        request->buffer += count;
+        request->remaining -= count;
+        readPos_ += count;
+    }
+    if (request->remaining == 0) {
+        logPrint("async read to %lld\n", static_cast<long long>(readPos_));
+        notifyComplete(request, kStatusOk, request->length);
+        return kTailServed;
+    }
+    if (readPos_ >= length_) {
+        notifyComplete(request, kStatusEndOfFile, request->length - request->remaining);
+        return kTailServed;
+    }
+    if (!tailFetch_->failed()) return kTailWait;
+    // The rest comes through the main transfer.
+    logPrint("tail fetch failed at %lld\n", static_cast<long long>(readPos_));
+    delete tailFetch_;
+    tailFetch_ = nullptr;
+    tailFetchFailed_ = true;
+    return kTailGone;
+}
+
+void HttpTask::tailFetchDone(CURL* curl, CURLcode code) {
+    if (tailFetch_ != nullptr && tailFetch_->curl() == curl) tailFetch_->finished(code);
 }
 
 void HttpTask::feedAsync(AsyncRequest* request, uint32_t count) {

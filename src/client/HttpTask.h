@@ -15,6 +15,7 @@
 #include <deque>
 #include <string>
 
+#include "LinkEstimate.h"
 #include "velka/File.h"
 #include "velka/HttpOptions.h"
 #include "velka/HttpTaskThread.h"
@@ -25,6 +26,7 @@
 namespace velka {
 
 class HttpTask;
+class TailFetch;
 
 // One pending readAsync. Its address is the request handle; notifyComplete()
 // frees it right after its callback ran.
@@ -109,6 +111,13 @@ private:
     void getDataFromTailCache(AsyncRequest* request, int64_t left);
     // Completes every queued request as cancelled; for a task being dropped.
     void cancelAll();
+    // The end of the stream over a second transfer (TailFetch.h), for a
+    // reader that jumps there while the main transfer brings the start.
+    bool startTailFetch();
+    enum TailServe { kTailServed, kTailWait, kTailGone };
+    TailServe serveFromTailFetch(AsyncRequest* request);
+    // The worker saw the tail fetch's transfer `curl` end with `code`.
+    void tailFetchDone(CURL* curl, CURLcode code);
 
     // 0 until the task info is known; then the first response's content
     // length, -1 when it gave none. Written by the worker, read by callers.
@@ -133,6 +142,10 @@ private:
     bool infoOk_;
     uint32_t lastProgressTime_;  // monotonic seconds of the last progress change; 0 = not armed
     uint32_t retries_;      // restarts since data was last accepted; worker
+    LinkEstimate link_;     // round trip and rate seen by the main transfer; worker
+    bool answered_;         // the current transfer delivered its first block; worker
+    TailFetch* tailFetch_;  // owned, or null; worker
+    bool tailFetchFailed_;  // one failed: the main transfer serves the end from now on; worker
     Semaphore* destroyed_;  // posted by the destructor when the owner waits for it
     Semaphore semaphore_;   // task info ready (or failed); a synchronous read done
     Mutex mutex_;           // guards requests_, readPos_ and everything dealAsyncs() does

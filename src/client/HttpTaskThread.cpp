@@ -177,6 +177,10 @@ void HttpTaskThread::run() {
             curl_easy_getinfo(curl, CURLINFO_PRIVATE, &privateData);
             if (clientTransferDone(curl, code)) continue;
             HttpTask* task = reinterpret_cast<HttpTask*>(privateData);
+            if (curl != task->curl_) {
+                task->tailFetchDone(curl, code);  // the task's second transfer
+                continue;
+            }
             if (code == CURLE_WRITE_ERROR) {
                 task->error_ = CURLE_WRITE_ERROR;  // the task refused the response status
             } else if (code != CURLE_OK) {
