@@ -949,6 +949,7 @@ uint32_t HlsSession::copyOut(int index, int64_t offset, char* out, uint32_t coun
     const int64_t size = static_cast<int64_t>(buffer->data.size());
     const int64_t limit = ts ? std::min(size, span) : std::min(size, buffer->validEnd);
     uint32_t done = 0;
+    if (count == 0) return 0;  // an empty read may come with no buffer at all
     if (offset < limit) {
         const uint32_t n = static_cast<uint32_t>(std::min<int64_t>(count, limit - offset));
         memcpy(out, buffer->data.data() + offset, n);
