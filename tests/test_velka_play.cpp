@@ -324,12 +324,6 @@ protected:
         std::vector<char*> argv, envp;
         for (std::string& w : words) argv.push_back(&w[0]);
         argv.push_back(nullptr);
-        // The terminal's keys and lines are under test here, not the
-        // engine's pictures (its own suite checks those): the long clip has
-        // pictures only, so the engine paces it, decoding nothing. First, so
-        // that it wins over the same name further on.
-        static char noPictures[] = "MTKPB_VIDEO=off";
-        envp.push_back(noPictures);
         for (char** e = environ; *e != nullptr; ++e) envp.push_back(*e);
         envp.push_back(nullptr);
         struct winsize size = {24, 100, 0, 0};

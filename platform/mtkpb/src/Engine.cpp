@@ -374,10 +374,15 @@ void Engine::run() {
             if (landed >= 0) {
                 positionMs_ = static_cast<uint32_t>(landed);
                 if (packetPos_ >= 0) bytePos_ = static_cast<uint64_t>(packetPos_);
-                lastReportedMs_ = -1;
                 mediaBaseMs_ = positionMs_;
                 wallBase_ = Clock::now();
                 if (state_ == State::kEnded) state_ = State::kReady;
+                // The new position is reported before the seek is done: a
+                // listener that keeps the last report (and holds it back
+                // while paused) must not be left with one from before the
+                // seek, which a paused engine would not replace until play.
+                lastReportedMs_ = positionMs_;
+                notifier_.post(IMTK_PB_CTRL_EVENT_CUR_TIME_UPDATE, static_cast<intptr_t>(positionMs_));
             }
             for (uint32_t i = 0; i < replies; ++i) {
                 notifier_.post(IMTK_PB_CTRL_EVENT_TIMESEEK_DONE, static_cast<intptr_t>(landed));
