@@ -37,19 +37,25 @@ class EngineTaskThread;
 class DtaFile : public File {
 public:
     explicit DtaFile(const std::string& url);
+    ~DtaFile() override;
 
+    // Opens and starts the engine's task; length() is what the engine then
+    // reports (-1 when it cannot tell yet).
     int open() override;
     int close() override;
+    // Waits for the engine: a read stalls while the download does.
     int read(char* buffer, uint32_t length) override;
     void* readAsync(char* buffer, uint32_t length, AsyncCallback& callback) override;
     int cancel(void* request) override;
+    // Clamped as above, and the engine is told where the next read starts.
     int64_t seek(int64_t offset, Whence whence) override;
     int64_t tell() override;
     int64_t length() override;
     int64_t available() override;
+    // The engine's buffering percentage for this task; 0 once closed.
     int cachePercent() override;
+    // 5 and 6 for the engine's failed states 3 and 4 of this task, else 0.
     int error() override;
-    ~DtaFile() override;
 
 private:
     friend class DtaTaskThread;

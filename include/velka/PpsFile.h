@@ -37,12 +37,18 @@ class EngineTaskThread;
 class PpsFile : public File {
 public:
     explicit PpsFile(const std::string& url);
+    ~PpsFile() override;
 
+    // Adds and starts an engine task for the URL; a task that does not start
+    // is removed again and open() fails.
     int open() override;
     int close() override;
+    // Never waits: 0 bytes while the part at the position is not downloaded.
     int read(char* buffer, uint32_t length) override;
     void* readAsync(char* buffer, uint32_t length, AsyncCallback& callback) override;
     int cancel(void* request) override;
+    // Within [0, length()], the end itself included; the engine is not told,
+    // since every read carries its position.
     int64_t seek(int64_t offset, Whence whence) override;
     int64_t tell() override;
     int64_t length() override;
@@ -53,7 +59,6 @@ public:
     // The last error code the engine's events set (for any file): 2 when the
     // server or an update failed, 4 when data did not come in time; 0 before.
     int error() override;
-    ~PpsFile() override;
 
 private:
     friend class PpsTaskThread;
