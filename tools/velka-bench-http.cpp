@@ -49,6 +49,7 @@ extern "C" {
 #include <vector>
 
 #include "../tests/support/NginxServer.h"
+#include "BenchFigures.h"
 #include "LibraryLog.h"
 #include "velka/HlsFile.h"
 #include "velka/HttpFile.h"
@@ -59,11 +60,14 @@ using velka::File;
 using velka::HttpFile;
 using velka::VelkaStatus;
 using Clock = std::chrono::steady_clock;
+using velka::tools::figure;
+using velka::tools::kReadAfterSeekSeconds;
+using velka::tools::kSeekTargets;
+using velka::tools::say;
+using velka::tools::seconds;
+using velka::tools::stats;
 
 constexpr uint32_t kBlock = 256 * 1024;
-constexpr int kSeekTargets = 20;
-constexpr double kReadAfterSeekSeconds = 2.0;
-constexpr uint32_t kTraceSeed = 20261123;
 
 struct Settings {
     int runs = 5;
@@ -87,22 +91,6 @@ const char kUsage[] =
     "one part: throughput, seeks, scale, idle or hls. The library's diagnostic\n"
     "lines go to FILE (default: discarded).\n";
 
-// The figures go to the original standard output; descriptor 1, where the
-// library prints, goes to the log.
-FILE* const gOut = stdout;
-
-void say(const char* format, ...) __attribute__((format(printf, 1, 2)));
-void say(const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    vfprintf(gOut, format, args);
-    va_end(args);
-    fputc('\n', gOut);
-    fflush(gOut);
-}
-
-double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
-
 double cpuSecondsOfProcess() {
     struct rusage usage;
     getrusage(RUSAGE_SELF, &usage);
@@ -122,23 +110,6 @@ int64_t statusBytes(const char* key) {
     return -1;
 }
 
-struct Stats {
-    double median, min, max;
-};
-
-Stats stats(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return {v[v.size() / 2], v.front(), v.back()};
-}
-
-// "median [min .. max]", each `width` wide with `decimals` decimals.
-std::string figure(const std::vector<double>& values, int width, int decimals) {
-    const Stats s = stats(values);
-    char text[160];
-    snprintf(text, sizeof text, "%*.*f [%.*f .. %.*f]", width, decimals, s.median, decimals, s.min,
-             decimals, s.max);
-    return text;
-}
 
 // --- Reading through HttpFile ---------------------------------------------------------
 
@@ -268,27 +239,6 @@ bool throughput(const testing_support::NginxServer& server, const Settings& s) {
 
 // --- 2. A player's seeks -------------------------------------------------------------------
 
-int io_read(void* opaque, uint8_t* buffer, int size) {
-    const int n = static_cast<File*>(opaque)->read(reinterpret_cast<char*>(buffer),
-                                                   static_cast<uint32_t>(size));
-    return n > 0 ? n : AVERROR_EOF;
-}
-
-int64_t io_seek(void* opaque, int64_t offset, int whence) {
-    File* file = static_cast<File*>(opaque);
-    if (whence & AVSEEK_SIZE) return file->length();
-    switch (whence & ~AVSEEK_FORCE) {
-        case SEEK_SET:
-            return file->seek(offset, File::kSeekSet);
-        case SEEK_CUR:
-            return file->seek(offset, File::kSeekCurrent);
-        case SEEK_END:
-            return file->seek(offset, File::kSeekEnd);
-        default:
-            return -1;
-    }
-}
-
 // Opens `url` (through HttpFile when `viaHttpFile`, else libavformat's own
 // reader), seeks to kSeekTargets stratified times in shuffled order and
 // reads kReadAfterSeekSeconds of packets after each. False on failure.
@@ -301,20 +251,13 @@ bool seekTrace(const std::string& url, bool viaHttpFile) {
         if (file->open() != 0) return false;
         const int ioSize = 32 * 1024;
         unsigned char* ioBuffer = static_cast<unsigned char*>(av_malloc(ioSize));
-        io = avio_alloc_context(ioBuffer, ioSize, 0, file.get(), &io_read, nullptr, &io_seek);
+        io = avio_alloc_context(ioBuffer, ioSize, 0, file.get(), &velka::tools::readFile, nullptr, &velka::tools::seekFile);
         ctx->pb = io;
     }
     bool ok = avformat_open_input(&ctx, viaHttpFile ? nullptr : url.c_str(), nullptr, nullptr) == 0 &&
               avformat_find_stream_info(ctx, nullptr) >= 0 && ctx->duration > 0;
     if (ok) {
-        const int64_t span = ctx->duration - static_cast<int64_t>(kReadAfterSeekSeconds * AV_TIME_BASE);
-        std::mt19937 rng(kTraceSeed);
-        std::vector<int64_t> targets;
-        for (int i = 0; i < kSeekTargets; ++i) {
-            const double u = std::uniform_real_distribution<double>(0, 1)(rng);
-            targets.push_back(static_cast<int64_t>((i + u) / kSeekTargets * static_cast<double>(span)));
-        }
-        std::shuffle(targets.begin(), targets.end(), rng);
+        const std::vector<int64_t> targets = velka::tools::traceTargets(ctx->duration);
         AVPacket* packet = av_packet_alloc();
         for (int64_t target : targets) {
             if (av_seek_frame(ctx, -1, target, AVSEEK_FLAG_BACKWARD) < 0) {
@@ -406,7 +349,7 @@ bool hlsFirstPacket(const std::string& url, bool viaHlsFile) {
         if (file->open() != 0) return false;
         const int ioSize = 32 * 1024;
         unsigned char* ioBuffer = static_cast<unsigned char*>(av_malloc(ioSize));
-        io = avio_alloc_context(ioBuffer, ioSize, 0, file.get(), &io_read, nullptr, &io_seek);
+        io = avio_alloc_context(ioBuffer, ioSize, 0, file.get(), &velka::tools::readFile, nullptr, &velka::tools::seekFile);
         ctx->pb = io;
     }
     AVPacket* packet = av_packet_alloc();
@@ -602,7 +545,7 @@ int main(int argc, char** argv) {
         fprintf(stderr, "velka-bench-http: %s\n", why.c_str());
         return 1;
     }
-    say("velka-bench-http: nginx on 127.0.0.1:%d, medians of %d interleaved runs [min .. max]",
+    say("velka-bench-http: nginx on 127.0.0.1:%d, medians of %d interleaved runs [min..max]",
         server.port(), s.runs);
     const std::pair<const char*, std::function<bool()>> parts[] = {
         {"throughput", [&] { return throughput(server, s); }},

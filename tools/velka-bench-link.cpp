@@ -8,7 +8,7 @@
 //   trace  open, 20 stratified seeks in shuffled order, 2 s of packets after each;
 //   seek   one seek while playing at real-time pace, to the first packet at
 //          the new place.
-// Each figure is the median of interleaved runs [min .. max], for HttpFile,
+// Each figure is the median of interleaved runs [min..max], for HttpFile,
 // for the download engine (zap only) and for libavformat's own HTTP reader,
 // all in this process on the same link in the same run, beside the link's
 // limit: the distinct bytes the work reads at the link's rate plus a round
@@ -41,6 +41,7 @@ extern "C" {
 
 #include "../tests/support/LinkEmulator.h"
 #include "../tests/support/NginxServer.h"
+#include "BenchFigures.h"
 #include "LibraryLog.h"
 #include "velka/DtaFile.h"
 #include "velka/HttpFile.h"
@@ -51,10 +52,13 @@ using testing_support::LinkEmulator;
 using testing_support::NginxServer;
 using velka::File;
 using Clock = std::chrono::steady_clock;
+using velka::tools::figure;
+using velka::tools::kReadAfterSeekSeconds;
+using velka::tools::say;
+using velka::tools::seconds;
+using velka::tools::stats;
+using velka::tools::traceTargets;
 
-constexpr int kSeekTargets = 20;
-constexpr double kReadAfterSeekSeconds = 2.0;
-constexpr uint32_t kTraceSeed = 20261123;
 // The demuxer's I/O buffer, as the software engine's reads come.
 constexpr int kIoBytes = 32 * 1024;
 // Playing before the seek while playing, at real-time pace.
@@ -79,41 +83,9 @@ const char kUsage[] =
     "(ffmpeg) and prints zap time, a 20-seek trace and a seek while playing\n"
     "through HttpFile, the download engine (zap) and libavformat's own HTTP\n"
     "reader, each beside the link's limit, with the bytes that crossed the link\n"
-    "and the requests. Medians of N interleaved runs (default 3) [min .. max].\n"
+    "and the requests. Medians of N interleaved runs (default 3) [min..max].\n"
     "--quick: 12 s clips, one run, the 20 Mbit/s link only (a smoke run, not for\n"
     "figures). --seconds sets the clips' length (after --quick, overrides it).\n";
-
-FILE* const gOut = stdout;
-
-void say(const char* format, ...) __attribute__((format(printf, 1, 2)));
-void say(const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    vfprintf(gOut, format, args);
-    va_end(args);
-    fputc('\n', gOut);
-    fflush(gOut);
-}
-
-double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
-
-double median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v.empty() ? 0 : v[v.size() / 2];
-}
-
-std::string figure(const std::vector<double>& v, int decimals) {
-    std::vector<double> s = v;
-    std::sort(s.begin(), s.end());
-    char text[128];
-    if (s.size() == 1) {
-        snprintf(text, sizeof text, "%.*f", decimals, s[0]);
-    } else {
-        snprintf(text, sizeof text, "%.*f [%.*f..%.*f]", decimals, median(s), decimals, s.front(),
-                 decimals, s.back());
-    }
-    return text;
-}
 
 // --- Where the demuxer reads -------------------------------------------------------------
 
@@ -135,8 +107,7 @@ int io_read(void* opaque, uint8_t* buffer, int size) {
         if (s->recording && n > 0) s->reads.emplace_back(at, static_cast<int64_t>(n));
         return n > 0 ? static_cast<int>(n) : AVERROR_EOF;
     }
-    const int n = s->file->read(reinterpret_cast<char*>(buffer), static_cast<uint32_t>(size));
-    return n > 0 ? n : AVERROR_EOF;
+    return velka::tools::readFile(s->file, buffer, size);
 }
 
 int64_t io_seek(void* opaque, int64_t offset, int whence) {
@@ -149,18 +120,7 @@ int64_t io_seek(void* opaque, int64_t offset, int whence) {
         }
         return ftello(s->local);
     }
-    File* file = s->file;
-    if (whence & AVSEEK_SIZE) return file->length();
-    switch (whence & ~AVSEEK_FORCE) {
-        case SEEK_SET:
-            return file->seek(offset, File::kSeekSet);
-        case SEEK_CUR:
-            return file->seek(offset, File::kSeekCurrent);
-        case SEEK_END:
-            return file->seek(offset, File::kSeekEnd);
-        default:
-            return -1;
-    }
+    return velka::tools::seekFile(s->file, offset, whence);
 }
 
 // The least a link of `mbps` and `rttSeconds` needs for reads in this order:
@@ -328,17 +288,6 @@ private:
     Source source_;
 };
 
-std::vector<int64_t> traceTargets(int64_t duration) {
-    const int64_t span = duration - static_cast<int64_t>(kReadAfterSeekSeconds * AV_TIME_BASE);
-    std::mt19937 rng(kTraceSeed);
-    std::vector<int64_t> targets;
-    for (int i = 0; i < kSeekTargets; ++i) {
-        const double u = std::uniform_real_distribution<double>(0, 1)(rng);
-        targets.push_back(static_cast<int64_t>((i + u) / kSeekTargets * static_cast<double>(span)));
-    }
-    std::shuffle(targets.begin(), targets.end(), rng);
-    return targets;
-}
 
 enum class Work { kZap, kTrace, kSeek };
 
@@ -470,11 +419,11 @@ bool runLink(const NginxServer& server, const Link& link, const Settings& s) {
                 n.distinctBytes / 1e6, n.jumps);
             for (size_t i = 0; i < readers.size(); ++i) {
                 say("        %-22s %-24s s %-22s MB %-14s req", readerName(readers[i]),
-                    figure(f[i].time, 3).c_str(), figure(f[i].megabytes, 2).c_str(),
-                    figure(f[i].requests, 0).c_str());
+                    figure(f[i].time, 0, 3).c_str(), figure(f[i].megabytes, 0, 2).c_str(),
+                    figure(f[i].requests, 0, 0).c_str());
             }
-            const double ours = median(f[0].time);
-            const double theirs = median(f.back().time);
+            const double ours = stats(f[0].time).median;
+            const double theirs = stats(f.back().time).median;
             say("        HttpFile/libavformat %.2f   HttpFile/limit %.2f   HttpFile - limit %+.1f round trips",
                 ours / theirs, ours / n.seconds, (ours - n.seconds) / rtt);
         }
