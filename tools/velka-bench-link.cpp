@@ -44,6 +44,7 @@ extern "C" {
 #include "BenchFigures.h"
 #include "LibraryLog.h"
 #include "velka/DtaFile.h"
+#include "velka/HlsFile.h"
 #include "velka/HttpFile.h"
 
 namespace {
@@ -197,11 +198,12 @@ Need need(const std::vector<std::pair<int64_t, int64_t>>& reads, double mbps, do
 
 // --- The work -----------------------------------------------------------------------------
 
-enum class Reader { kHttpFile, kDownloadEngine, kLibavformat, kLocal };
+enum class Reader { kHttpFile, kDownloadEngine, kHlsFile, kLibavformat, kLocal };
 const char* readerName(Reader r) {
     switch (r) {
         case Reader::kHttpFile: return "HttpFile";
         case Reader::kDownloadEngine: return "download engine";
+        case Reader::kHlsFile: return "HlsFile";
         case Reader::kLibavformat: return "libavformat's reader";
         default: return "local";
     }
@@ -227,6 +229,7 @@ public:
             source_.recording = true;
         } else {
             if (reader == Reader::kHttpFile) file_.reset(new velka::HttpFile(url));
+            else if (reader == Reader::kHlsFile) file_.reset(new velka::HlsFile(url));
             else file_.reset(new velka::DtaFile(url));
             if (file_->open() != 0) return false;
             source_.file = file_.get();
@@ -348,7 +351,12 @@ bool makeClips(const std::string& dir, int clipSeconds) {
     const std::string front = base + "-i '" + dir + "/index-at-end.mp4' -c copy -movflags +faststart '" +
                               dir + "/index-at-front.mp4'";
     const std::string ts = base + "-i '" + dir + "/index-at-end.mp4' -c copy -f mpegts '" + dir + "/clip.ts'";
-    return system(encode.c_str()) == 0 && system(front.c_str()) == 0 && system(ts.c_str()) == 0;
+    // The MPEG-TS in 2 s segments with a video-on-demand playlist.
+    const std::string hls = "mkdir -p '" + dir + "/hls' && " + base + "-i '" + dir +
+                            "/clip.ts' -c copy -f hls -hls_time 2 -hls_playlist_type vod '" + dir +
+                            "/hls/clip.m3u8'";
+    return system(encode.c_str()) == 0 && system(front.c_str()) == 0 && system(ts.c_str()) == 0 &&
+           system(hls.c_str()) == 0;
 }
 
 struct Link {
@@ -371,6 +379,53 @@ size_t requestsSince(const NginxServer& server, size_t before) {
         count = now;
     }
     return count - before;
+}
+
+// Zap on the MPEG-TS clip served as HLS: HlsFile beside FFmpeg's own HLS
+// demuxer. The limit: the bytes the same zap reads from the start of the
+// single file (its jump to the end for the duration left out: the playlist
+// tells it), after a round trip for the connection and one each for the
+// playlist and the first segment, with the playlist's bytes.
+bool zapHls(const NginxServer& server, LinkEmulator& emulator, const Link& link, const Settings& s) {
+    const double rtt = link.rttMs / 1000.0;
+    double unused = 0;
+    std::vector<std::pair<int64_t, int64_t>> reads, prefix;
+    if (!doWork(Work::kZap, Reader::kLocal, "", server.rootFile("clip.ts"), &unused, &reads)) return false;
+    for (const auto& r : reads) {
+        if (!prefix.empty() && r.first != prefix.back().first + prefix.back().second) break;
+        prefix.push_back(r);
+    }
+    std::ifstream playlist(server.rootFile("hls/clip.m3u8"), std::ios::binary | std::ios::ate);
+    const double playlistBytes = static_cast<double>(playlist.tellg());
+    const Need n = need(prefix, link.mbps, rtt);
+    const double limit = n.seconds + rtt + playlistBytes * 8 / (link.mbps * 1e6);
+    const Reader readers[] = {Reader::kHlsFile, Reader::kLibavformat};
+    Figures f[2];
+    for (int run = 0; run < s.runs; ++run) {
+        for (int i = 0; i < 2; ++i) {
+            const size_t before = server.requests().size();
+            const uint64_t bytesBefore = emulator.bytesToClients();
+            double took = 0;
+            if (!doWork(Work::kZap, readers[i], emulator.url("hls/clip.m3u8"), "", &took, nullptr)) {
+                fprintf(stderr, "velka-bench-link: zap of hls/clip.m3u8 through %s failed\n",
+                        readerName(readers[i]));
+                return false;
+            }
+            f[i].time.push_back(took);
+            f[i].requests.push_back(static_cast<double>(requestsSince(server, before)));
+            f[i].megabytes.push_back(static_cast<double>(emulator.bytesToClients() - bytesBefore) / 1e6);
+        }
+    }
+    say("  %-5s %-18s limit %6.3f s (%.2f MB distinct, 3 requests)", "zap", "hls/clip.m3u8", limit,
+        (n.distinctBytes + playlistBytes) / 1e6);
+    for (int i = 0; i < 2; ++i) {
+        say("        %-22s %-24s s %-22s MB %-14s req", readerName(readers[i]), figure(f[i].time, 0, 3).c_str(),
+            figure(f[i].megabytes, 0, 2).c_str(), figure(f[i].requests, 0, 0).c_str());
+    }
+    const double ours = stats(f[0].time).median;
+    say("        HlsFile/libavformat %.2f   HlsFile/limit %.2f   HlsFile - limit %+.1f round trips",
+        ours / stats(f[1].time).median, ours / limit, (ours - limit) / rtt);
+    return true;
 }
 
 bool runLink(const NginxServer& server, const Link& link, const Settings& s) {
@@ -427,6 +482,7 @@ bool runLink(const NginxServer& server, const Link& link, const Settings& s) {
             say("        HttpFile/libavformat %.2f   HttpFile/limit %.2f   HttpFile - limit %+.1f round trips",
                 ours / theirs, ours / n.seconds, (ours - n.seconds) / rtt);
         }
+        if (w.first == Work::kZap && !zapHls(server, emulator, link, s)) return false;
     }
     return true;
 }
