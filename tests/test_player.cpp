@@ -640,33 +640,22 @@ void readPpsThenExit() {
     exit(reading ? 0 : 5);
 }
 
-struct ExitCase {
-    const char* name;
-    void (*run)();
-};
-
-void PrintTo(const ExitCase& c, std::ostream* os) { *os << c.name; }
-
-class PlayerExitDeathTest : public ::testing::TestWithParam<ExitCase> {};
-
-TEST_P(PlayerExitDeathTest, ProcessExitWhileANetworkMediumIsInUseEndsCleanly) {
+TEST(PlayerExitDeathTest, ProcessExitWhileANetworkMediumIsInUseEndsCleanly) {
     testing_support::useThreadsafeDeathTests();
     ASSERT_FALSE(media().dir.empty()) << "ffmpeg could not make the test media";
-    EXPECT_EXIT(
-        {
-            alarm(60);
-            GetParam().run();
-        },
-        ::testing::ExitedWithCode(0), "");
+    const std::pair<const char*, void (*)()> workers[] = {
+        {"download engine", playDownloadThenExit}, {"http", readHttpThenExit},
+        {"peer-to-peer", readPpsThenExit}};
+    for (const auto& worker : workers) {
+        SCOPED_TRACE(worker.first);
+        EXPECT_EXIT(
+            {
+                alarm(60);
+                worker.second();
+            },
+            ::testing::ExitedWithCode(0), "");
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Workers, PlayerExitDeathTest,
-                         ::testing::Values(ExitCase{"DownloadEngine", playDownloadThenExit},
-                                           ExitCase{"Http", readHttpThenExit},
-                                           ExitCase{"PeerToPeer", readPpsThenExit}),
-                         [](const ::testing::TestParamInfo<ExitCase>& info) {
-                             return info.param.name;
-                         });
 
 // ---------------------------------------------------------------------------
 // End to end, through LocalFile, the pull source and the engine's demuxer.
