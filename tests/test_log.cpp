@@ -21,8 +21,6 @@
 #include <fstream>
 #include <map>
 #include <mutex>
-#include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>

@@ -6,10 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdio>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -103,7 +100,6 @@ INSTANTIATE_TEST_SUITE_P(
         DigestCase{"SeveralMiBOddBlock", kSeveralMiB, "@", "--block 4093"},
         DigestCase{"SeveralMiBFileUrl", kSeveralMiB, "file://@", ""},
         DigestCase{"SeveralMiBEngine", kSeveralMiB, "dta-test://@", ""},
-        DigestCase{"SeveralMiBEngineOddBlock", kSeveralMiB, "dta-test://@", "--block 4093"},
         DigestCase{"SeveralMiBEngineLargeBlock", kSeveralMiB, "dta-test://@", "--block 1m"}),
     [](const ::testing::TestParamInfo<DigestCase>& info) { return info.param.name; });
 
@@ -134,32 +130,23 @@ TEST_F(VelkaCatTest, PeerToPeerUrlAtALimitedRateIsReadByteExact) {
     EXPECT_EQ(md5sum(path), result(run.out, "md5"));
     EXPECT_EQ(std::to_string(kSeveralMiB / 3), result(run.out, "bytes"));
     EXPECT_NE(std::string::npos, run.err.find("velka-cat: buffering ")) << run.err;
-
-    const ToolRun missing = velkaCat("--quiet 'pps-test://" + dir_.file("missing.bin") + "'");
-    EXPECT_EQ(1, missing.exitCode);
 }
 
-// Through HttpFile from a real web server: a file larger than the HTTP
-// source's ring, whole and in seek segments that step back past the ring.
-TEST_F(VelkaCatTest, HttpUrlIsReadByteExactThroughTheHttpSource) {
+// http:// goes through HttpFile (its own suites test the ring); seek
+// segments too.
+TEST_F(VelkaCatTest, HttpUrlIsReadThroughTheHttpSource) {
     testing_support::NginxServer server;
     std::string why;
     ASSERT_TRUE(server.start(&why)) << why;
-    const std::vector<char> bytes = patternBytes(20 * 1024 * 1024 + 3, 0x477b);
+    const std::vector<char> bytes = patternBytes(300000, 0x477b);
     server.serve("big.bin", bytes);
-    const std::string path = dir_.write("big.bin", bytes);
-    const ToolRun whole = velkaCat("--quiet --log library.log " + server.url("big.bin"));
-    ASSERT_EQ(0, whole.exitCode) << whole.err;
-    EXPECT_EQ(md5sum(path), result(whole.out, "md5"));
-    EXPECT_EQ(std::to_string(bytes.size()), result(whole.out, "bytes"));
+    std::vector<char> joined(bytes.end() - 5, bytes.end());           // --seek -5
+    joined.insert(joined.end(), bytes.begin() + 1000, bytes.end());  // --seek 1000
+    const ToolRun run = velkaCat("--quiet --log library.log --block 4093 --seek -5 --seek 1000 " +
+                                 server.url("big.bin"));
+    ASSERT_EQ(0, run.exitCode) << run.err;
+    EXPECT_EQ(md5sum(dir_.write("joined.bin", joined)), result(run.out, "md5"));
     EXPECT_NE(std::string::npos, readAll(dir_.file("library.log")).find("HttpFile::open"));
-
-    std::vector<char> joined(bytes.end() - 5, bytes.end());                  // --seek -5
-    joined.insert(joined.end(), bytes.begin() + 1000, bytes.end());         // --seek 1000
-    const ToolRun segments =
-        velkaCat("--quiet --block 4093 --seek -5 --seek 1000 " + server.url("big.bin"));
-    ASSERT_EQ(0, segments.exitCode) << segments.err;
-    EXPECT_EQ(md5sum(dir_.write("joined.bin", joined)), result(segments.out, "md5"));
 }
 
 TEST_F(VelkaCatTest, LogOptionReceivesTheLibraryLines) {
@@ -168,16 +155,11 @@ TEST_F(VelkaCatTest, LogOptionReceivesTheLibraryLines) {
     ASSERT_EQ(0, run.exitCode) << run.err;
     EXPECT_EQ(md5sum(path), result(run.out, "md5"));
     EXPECT_EQ(std::string::npos, run.out.find("local file")) << "library lines reached stdout";
-    // First the line of the playback adaptor's start-up when the library was
-    // loaded, then the factory's choice, then the source's own lines.
-    std::vector<std::string> logged = lines(readAll(dir_.file("library.log")));
-    ASSERT_FALSE(logged.empty());
-    EXPECT_EQ("Rpc init OK", logged[0]);
-    logged.erase(logged.begin());
-    ASSERT_GE(logged.size(), 3u);
-    EXPECT_EQ("file path is file://" + path, logged[0]);
-    EXPECT_EQ("local file ", logged[1]);
-    EXPECT_EQ(0u, logged[2].find("local file open " + path + " fd ")) << logged[2];
+    // From the line printed while the library loaded on; the factory's and
+    // the source's lines are their suites' matter.
+    const std::string logged = readAll(dir_.file("library.log"));
+    EXPECT_EQ(0u, logged.find("Rpc init OK\n")) << logged;
+    EXPECT_NE(std::string::npos, logged.find("\nlocal file open " + path)) << logged;
 
     // "-" keeps them on standard output, beside the results.
     const ToolRun mixed = velkaCat("--quiet --log - '" + path + "'");
@@ -187,7 +169,7 @@ TEST_F(VelkaCatTest, LogOptionReceivesTheLibraryLines) {
 
 TEST_F(VelkaCatTest, UnopenableSourceGivesOneErrorLineAndFailure) {
     const std::string missing = dir_.file("missing.bin");
-    for (const std::string& url : {missing, "file://" + missing, dir_.path()}) {
+    for (const std::string& url : {missing, "file://" + missing, dir_.path(), "pps-test://" + missing}) {
         SCOPED_TRACE(url);
         const ToolRun run = velkaCat("--quiet '" + url + "'");
         EXPECT_NE(0, run.exitCode);

@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -106,26 +107,17 @@ public:
 
     // Waits until the engine reported a playing position.
     bool waitForTimeUpdate(int timeoutMs = kEventWaitMs) {
-        return waitFor(
-            [](const Events& all) {
-                for (const Event& e : all) {
-                    if (e.id == MediaPlayer::kEventTimeUpdate) return true;
-                }
-                return false;
-            },
-            timeoutMs);
+        return waitFor([](const Events& all) {
+            return std::any_of(all.begin(), all.end(),
+                               [](const Event& e) { return e.id == MediaPlayer::kEventTimeUpdate; });
+        }, timeoutMs);
     }
 
     // Waits until an event equal to `event` arrived.
     bool waitForEvent(const Event& event, int timeoutMs = kEventWaitMs) {
-        return waitFor(
-            [event](const Events& all) {
-                for (const Event& e : all) {
-                    if (e == event) return true;
-                }
-                return false;
-            },
-            timeoutMs);
+        return waitFor([event](const Events& all) {
+            return std::find(all.begin(), all.end(), event) != all.end();
+        }, timeoutMs);
     }
 
 private:
