@@ -387,20 +387,40 @@ TEST(HlsOpenTest, RequestOptionsGoWithEveryRequest) {
 }
 
 // Once a host chose the library's network stack (HlsPlayerTest did, for this
-// process), http(s) playlists go to HlsFile, other http(s) URLs to HttpFile,
-// and the rest as before.
+// process), http(s) playlists go to HlsFile: by ".m3u8" in the path, or else
+// by an HLS Content-Type, at the cost of no request for other media.
 TEST(HlsOpenTest, TheFactoryRoutesNetworkUrlsToTheLibrarysSources) {
+    ASSERT_TRUE(why_.empty()) << why_;
     velka::FileFactory::useLibraryNetworkStack();
     struct Row {
-        const char* url;
-        bool hls, http;
+        const char* url;  // or a Content-Type for the playlist below
+        bool hls;
     };
-    for (const Row& row : {Row{"http://h/a/live.m3u8", true, false}, Row{"https://h/b.M3U8?t=1", true, false},
-                           Row{"http://h/clip.ts", false, true}, Row{"http://h/x?u=a.m3u8", false, true},
-                           Row{"file:///tmp/a.m3u8", false, false}, Row{"dta-test://h/a.m3u8", false, false}}) {
+    for (const Row& row : {Row{"http://h/a/live.m3u8", true}, Row{"https://h/b.M3U8?t=1", true},
+                           Row{"file:///tmp/a.m3u8", false}, Row{"dta-test://h/a.m3u8", false}}) {
         std::unique_ptr<velka::File> file(velka::FileFactory::createFile(row.url));
         EXPECT_EQ(row.hls, dynamic_cast<HlsFile*>(file.get()) != nullptr) << row.url;
-        EXPECT_EQ(row.http, dynamic_cast<velka::HttpFile*>(file.get()) != nullptr) << row.url;
+    }
+    const std::string text = "#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXTINF:2,\n" + server_->url("ts/v0_000.ts") +
+                             "\n#EXT-X-ENDLIST\n";
+    testing_support::FaultServer faults(std::vector<char>(text.begin(), text.end()));
+    std::string why;
+    ASSERT_TRUE(faults.start(&why)) << why;
+    for (const Row& row : {Row{"application/vnd.apple.mpegurl", true}, Row{"Application/X-MpegURL; charset=UTF-8", true},
+                           Row{"audio/mpegurl", true}, Row{"audio/x-mpegurl ", true},
+                           Row{"application/octet-stream", false}, Row{"text/plain", false}}) {
+        testing_support::FaultServer::Reply reply;
+        reply.contentType = row.url;
+        faults.script("/list", {reply});
+        const size_t before = faults.requests().size();
+        std::unique_ptr<velka::File> file(velka::FileFactory::createFile(faults.url("/list")));
+        ASSERT_EQ(0, file->open()) << row.url;
+        // The playlist's stream, or its text.
+        EXPECT_EQ(row.hls, file->length() > static_cast<int64_t>(text.size())) << row.url;
+        file->close();
+        const size_t requests = before + (row.hls ? 2 : 1);
+        EXPECT_TRUE(testing_support::waitUntil([&] { return faults.requests().size() >= requests; })) << row.url;
+        EXPECT_EQ(requests, faults.requests().size()) << row.url;
     }
 }
 
