@@ -126,6 +126,11 @@ public:
             playlist.replace(playlist.find("seg" + name), 3, "seq");
         }
         writeText(dir + "seq.m3u8", playlist);
+        // The clip twice, each part starting at time 0.
+        const std::string clip = fileBytes(server_->rootFile("ts/v0.m3u8"));
+        const std::string body = clip.substr(clip.find("#EXTINF"), clip.find("#EXT-X-ENDLIST") - clip.find("#EXTINF"));
+        writeText(server_->rootFile("ts/joined.m3u8"), "#EXTM3U\n#EXT-X-TARGETDURATION:" + std::to_string(kTargetSeconds) +
+                                                           "\n" + body + "#EXT-X-DISCONTINUITY\n" + body + "#EXT-X-ENDLIST\n");
         // The HTTP worker's own descriptors, made once per process, before
         // the tests that count them.
         HlsFile warmUp(server_->url("ts/v0.m3u8"));
@@ -313,13 +318,16 @@ INSTANTIATE_TEST_SUITE_P(Streams, HlsPlaysTest,
                          });
 
 TEST_F(HlsPlayerTest, TimeSeeksLandWithinOneTargetDuration) {
-    for (const char* playlist : {"ts/v2.m3u8", "fmp4/index.m3u8", "aes/index.m3u8"}) {
+    for (const char* playlist : {"ts/v2.m3u8", "fmp4/index.m3u8", "aes/index.m3u8", "ts/joined.m3u8"}) {
         SCOPED_TRACE(playlist);
         log_.clear();
         ASSERT_EQ(kStatusOk, player_->open(server_->url(playlist)));
         ASSERT_EQ(kStatusOk, player_->play(0));
         ASSERT_TRUE(log_.waitForEvent(kPlaying));
-        for (int32_t target : {6000, 1000, 4000}) {
+        // ts/joined.m3u8 is the clip twice: its targets reach into the second part.
+        const int32_t parts = strstr(playlist, "joined") != nullptr ? 2 : 1;
+        EXPECT_NEAR(parts * kClipSeconds * 1000, player_->duration(), 1000);
+        for (int32_t target : {6000 * parts, 1000, 4000 * parts}) {
             ASSERT_EQ(kStatusOk, player_->timeSeek(target));
             const int32_t pts = player_->currentPts();
             EXPECT_LE(std::abs(pts - target), kTargetSeconds * 1000) << "asked " << target << ", at " << pts;
@@ -328,6 +336,37 @@ TEST_F(HlsPlayerTest, TimeSeeksLandWithinOneTargetDuration) {
         player_->close();
     }
     EXPECT_EQ(0u, mtkpb::control::counters().readsFailed);
+}
+
+// The clip twice with EXT-X-DISCONTINUITY between, demuxed by FFmpeg: no
+// packet corrupt (continuity counters continue), timestamps growing through
+// both parts.
+TEST(HlsTimestampsTest, KeepGrowingAcrossADiscontinuity) {
+    ASSERT_TRUE(why_.empty()) << why_;
+    HlsFile file(server_->url("ts/joined.m3u8"));
+    ASSERT_EQ(0, file.open());
+    writeText(server_->rootFile("ts/joined.bin"), readWhole(file));
+    AVFormatContext* format = nullptr;
+    ASSERT_EQ(0, avformat_open_input(&format, server_->rootFile("ts/joined.bin").c_str(), nullptr, nullptr));
+    ASSERT_GE(avformat_find_stream_info(format, nullptr), 0);
+    AVPacket* packet = av_packet_alloc();
+    std::vector<int64_t> last(format->nb_streams, AV_NOPTS_VALUE);
+    int corrupt = 0, backwards = 0;
+    while (av_read_frame(format, packet) >= 0) {
+        corrupt += (packet->flags & AV_PKT_FLAG_CORRUPT) != 0;
+        int64_t& previous = last[static_cast<size_t>(packet->stream_index)];
+        backwards += previous != AV_NOPTS_VALUE && packet->dts <= previous;
+        previous = packet->dts;
+        av_packet_unref(packet);
+    }
+    EXPECT_EQ(0, corrupt);
+    EXPECT_EQ(0, backwards);
+    for (unsigned i = 0; i < format->nb_streams; ++i) {
+        const AVStream* stream = format->streams[i];
+        EXPECT_NEAR(2 * kClipSeconds, (last[i] - stream->start_time) * av_q2d(stream->time_base), 0.5) << i;
+    }
+    av_packet_free(&packet);
+    avformat_close_input(&format);
 }
 
 TEST_F(HlsPlayerTest, SegmentsOutgrowingTheirSpansLoseTheirTailsAndPlayOn) {
@@ -648,9 +687,14 @@ TEST_F(HlsFaultTest, ASegmentDroppedMidBodyResumesWhereItStopped) {
     faults_.script("/resume1.ts", {cut, Reply()});
     HlsFile file(playlist("resume", 3));
     ASSERT_EQ(0, file.open());
-    const std::string stream = readWhole(file);
+    // Continuity counters cleared: the file renumbers them from segment to segment.
+    const auto withoutCounters = [](std::string ts) {
+        for (size_t i = 3; i < ts.size(); i += 188) ts[i] = static_cast<char>(ts[i] & 0xF0);
+        return ts;
+    };
+    const std::string stream = withoutCounters(readWhole(file));
     EXPECT_EQ(file.length(), static_cast<int64_t>(stream.size()));
-    const std::string segment(faults_.file().begin(), faults_.file().end());
+    const std::string segment = withoutCounters(std::string(faults_.file().begin(), faults_.file().end()));
     for (int64_t i = 0, at = 0; i < 3; ++i, at = stream.find(segment.substr(0, 188), at + segment.size())) {
         ASSERT_NE(std::string::npos, static_cast<size_t>(at));
         EXPECT_TRUE(stream.compare(static_cast<size_t>(at), segment.size(), segment) == 0) << "segment " << i;

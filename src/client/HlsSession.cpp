@@ -116,6 +116,8 @@ HlsSession::HlsSession(const std::string& url, const HttpOptions& options)
       nextSequence_(0),
       lastListed_(-1),
       liveOffset_(0),
+      livePart_(0),
+      liveSeconds_(0),
       nextReloadMs_(0),
       lastAdvanceMs_(0),
       useClock_(0),
@@ -300,6 +302,7 @@ size_t HlsSession::accept(HlsFetch* fetch, const char* data, size_t size) {
 void HlsSession::appendSegmentBytes(HlsSegmentBuffer* buffer, const char* data, size_t size) {
     if (buffer->cipher == nullptr) {
         buffer->data.append(data, size);
+        timeline_.rewrite(&buffer->data, &buffer->ts, false);
         return;
     }
     const size_t before = buffer->data.size();
@@ -311,6 +314,7 @@ void HlsSession::appendSegmentBytes(HlsSegmentBuffer* buffer, const char* data, 
         out = 0;
     }
     buffer->data.resize(before + static_cast<size_t>(out));
+    timeline_.rewrite(&buffer->data, &buffer->ts, false);
 }
 
 // Lets through the whole top-level boxes that fit the segment's span with
@@ -705,6 +709,8 @@ void HlsSession::finishSegment(HlsSegmentBuffer* buffer, int64_t index) {
         buffer->cipher = nullptr;
         if (!live_) scanBoxes(static_cast<int>(index), buffer);
     }
+    timeline_.rewrite(&buffer->data, &buffer->ts, true);
+    if (live_) liveCc_ = buffer->ts.lastCc;
     buffer->complete = true;
     const int64_t span = span_.empty() || live_ ? 0 : span_[static_cast<size_t>(index)];
     logPrint("HlsFile: segment %" PRId64 ": %zu bytes, span %" PRId64 "\n", index,
@@ -820,6 +826,9 @@ void HlsSession::scheduleLive() {
         }
     }
     liveQueue_.emplace_back(nextSequence_, newBuffer(media_, segment, map != lastMapKey_));
+    livePart_ += segment.discontinuity ? 1 : 0;
+    if (segment.mapIndex < 0) HlsTimeline::begin(&liveQueue_.back().second->ts, livePart_, liveSeconds_, liveCc_);
+    liveSeconds_ += segment.durationSeconds;
     lastMapKey_ = map;
     start(&segment_, HlsFetch::kSegment, nextSequence_, segment.uri, segment.rangeOffset,
           segment.rangeLength);
@@ -840,7 +849,7 @@ void HlsSession::serveLive() {
         if (phase_ != kReady) return;
         while (request->remaining > 0 && !liveQueue_.empty()) {
             HlsSegmentBuffer* front = liveQueue_.front().second.get();
-            const int64_t size = static_cast<int64_t>(front->data.size());
+            const int64_t size = HlsTimeline::readable(front->data, front->ts);
             const uint32_t n = static_cast<uint32_t>(
                 std::min<int64_t>(request->remaining, size - liveOffset_));
             memcpy(request->buffer, front->data.data() + liveOffset_, n);
@@ -947,7 +956,8 @@ uint32_t HlsSession::copyOut(int index, int64_t offset, char* out, uint32_t coun
     const int64_t span = span_[static_cast<size_t>(index)];
     const bool ts = media_.segments[static_cast<size_t>(index)].mapIndex < 0;
     const int64_t size = static_cast<int64_t>(buffer->data.size());
-    const int64_t limit = ts ? std::min(size, span) : std::min(size, buffer->validEnd);
+    const int64_t limit = ts ? std::min(HlsTimeline::readable(buffer->data, buffer->ts), span)
+                             : std::min(size, buffer->validEnd);
     uint32_t done = 0;
     if (count == 0) return 0;  // an empty read may come with no buffer at all
     if (offset < limit) {
@@ -1029,6 +1039,20 @@ void HlsSession::startSegment(int index) {
     if (old != buffers_.end() && old->second->cipher != nullptr) EVP_CIPHER_CTX_free(old->second->cipher);
     buffers_[index] = newBuffer(playlist, segment,
                                 segment.mapIndex >= 0 && (index == 0 || prefix_[static_cast<size_t>(index)] > 0));
+    if (segment.mapIndex < 0) {
+        int part = 0;
+        double startSeconds = 0;
+        for (int i = 0; i < index; ++i) {
+            part += playlist.segments[static_cast<size_t>(i)].discontinuity ? 1 : 0;
+            startSeconds += playlist.segments[static_cast<size_t>(i)].durationSeconds;
+        }
+        part += segment.discontinuity ? 1 : 0;
+        // Counters continue from the segment before it when that one is here.
+        const auto previous = buffers_.find(index - 1);
+        HlsTimeline::begin(&buffers_[index]->ts, part, startSeconds,
+                           previous != buffers_.end() && previous->second->complete ? previous->second->ts.lastCc
+                                                                                      : std::map<int, int>());
+    }
     scanBoxes(index, buffers_[index].get());
     start(&segment_, HlsFetch::kSegment, index, segment.uri, segment.rangeOffset, segment.rangeLength);
 }

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "HlsPlaylist.h"
+#include "HlsTimestamps.h"
 #include "HttpWorkerClient.h"
 #include "velka/File.h"
 #include "velka/HttpOptions.h"
@@ -73,6 +74,7 @@ struct HlsSegmentBuffer {
     int64_t boxScan = 0;         // fragmented MP4: the next top-level box to check
     EVP_CIPHER_CTX* cipher = nullptr;
     uint64_t lastUse = 0;
+    HlsTsRewrite ts;             // MPEG-TS: counters and timestamps rewritten on arrival
 };
 
 class HlsSession : public HttpWorkerClient {
@@ -182,6 +184,10 @@ private:
     std::deque<std::pair<int64_t, std::unique_ptr<HlsSegmentBuffer>>> liveQueue_;
     int64_t liveOffset_;         // live: bytes of the front segment already read
     std::string lastMapKey_;     // live: the initialisation section last put in the stream
+    int livePart_;               // live: EXT-X-DISCONTINUITY tags met so far
+    double liveSeconds_;         // live: playlist time of the segments queued so far
+    std::map<int, int> liveCc_;  // live: the continuity counters the last segment ended with
+    HlsTimeline timeline_;
     uint64_t nextReloadMs_;      // live: when the playlist is fetched again (monotonic)
     uint64_t lastAdvanceMs_;     // live: when a reload last brought a new segment
     std::map<int, std::unique_ptr<HlsSegmentBuffer>> buffers_;
