@@ -827,7 +827,8 @@ void HlsSession::scheduleLive() {
     }
     liveQueue_.emplace_back(nextSequence_, newBuffer(media_, segment, map != lastMapKey_));
     livePart_ += segment.discontinuity ? 1 : 0;
-    if (segment.mapIndex < 0) HlsTimeline::begin(&liveQueue_.back().second->ts, livePart_, liveSeconds_, liveCc_);
+    if (segment.mapIndex >= 0) timeline_.learnTracks(maps_[map]);
+    HlsTimeline::begin(&liveQueue_.back().second->ts, segment.mapIndex >= 0, livePart_, liveSeconds_, liveCc_);
     liveSeconds_ += segment.durationSeconds;
     lastMapKey_ = map;
     start(&segment_, HlsFetch::kSegment, nextSequence_, segment.uri, segment.rangeOffset,
@@ -957,7 +958,7 @@ uint32_t HlsSession::copyOut(int index, int64_t offset, char* out, uint32_t coun
     const bool ts = media_.segments[static_cast<size_t>(index)].mapIndex < 0;
     const int64_t size = static_cast<int64_t>(buffer->data.size());
     const int64_t limit = ts ? std::min(HlsTimeline::readable(buffer->data, buffer->ts), span)
-                             : std::min(size, buffer->validEnd);
+                             : std::min({size, buffer->validEnd, HlsTimeline::readable(buffer->data, buffer->ts)});
     uint32_t done = 0;
     if (count == 0) return 0;  // an empty read may come with no buffer at all
     if (offset < limit) {
@@ -1039,7 +1040,7 @@ void HlsSession::startSegment(int index) {
     if (old != buffers_.end() && old->second->cipher != nullptr) EVP_CIPHER_CTX_free(old->second->cipher);
     buffers_[index] = newBuffer(playlist, segment,
                                 segment.mapIndex >= 0 && (index == 0 || prefix_[static_cast<size_t>(index)] > 0));
-    if (segment.mapIndex < 0) {
+    {
         int part = 0;
         double startSeconds = 0;
         for (int i = 0; i < index; ++i) {
@@ -1049,7 +1050,10 @@ void HlsSession::startSegment(int index) {
         part += segment.discontinuity ? 1 : 0;
         // Counters continue from the segment before it when that one is here.
         const auto previous = buffers_.find(index - 1);
-        HlsTimeline::begin(&buffers_[index]->ts, part, startSeconds,
+        if (segment.mapIndex >= 0) {
+            timeline_.learnTracks(maps_[mapKey(playlist.maps[static_cast<size_t>(segment.mapIndex)])]);
+        }
+        HlsTimeline::begin(&buffers_[index]->ts, segment.mapIndex >= 0, part, startSeconds,
                            previous != buffers_.end() && previous->second->complete ? previous->second->ts.lastCc
                                                                                       : std::map<int, int>());
     }

@@ -1,5 +1,9 @@
 #include "HlsTimestamps.h"
 
+#include <cstring>
+
+#include <functional>
+
 #include "LogLine.h"
 
 namespace velka {
@@ -58,12 +62,47 @@ int64_t ptsAt(const unsigned char* packet, int64_t payload, bool* hasDts) {
     return payload + 9;
 }
 
+uint32_t be32(const unsigned char* p) {
+    return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
+}
+
+void putBe32(unsigned char* p, uint64_t v) {
+    for (int i = 0; i < 4; ++i) p[i] = static_cast<unsigned char>(v >> (24 - 8 * i));
+}
+
+// The size of the box at `p` with `left` bytes from there (its header
+// included); 0 when it is malformed, -1 when its size header is not all there.
+int64_t boxSize(const unsigned char* p, int64_t left) {
+    if (left < 8) return -1;
+    uint64_t size = be32(p);
+    if (size == 1) {
+        if (left < 16) return -1;
+        size = (uint64_t(be32(p + 8)) << 32) | be32(p + 12);
+    }
+    return size < 8 || size >= (uint64_t(1) << 62) ? 0 : static_cast<int64_t>(size);
+}
+
+// Calls `each` with the type and payload of every whole box in `p`.
+void forEachBox(unsigned char* p, int64_t length,
+                const std::function<void(const char* type, unsigned char* payload, int64_t size)>& each) {
+    for (int64_t at = 0; at < length;) {
+        const int64_t size = boxSize(p + at, length - at);
+        if (size <= 0 || at + size > length) return;
+        const int64_t header = be32(p + at) == 1 ? 16 : 8;
+        each(reinterpret_cast<const char*>(p + at + 4), p + at + header, size - header);
+        at += size;
+    }
+}
+
+bool isType(const char* type, const char* name) { return memcmp(type, name, 4) == 0; }
+
 }  // namespace
 
-void HlsTimeline::begin(HlsTsRewrite* rewrite, int part, double startSeconds,
+void HlsTimeline::begin(HlsTsRewrite* rewrite, bool mp4, int part, double startSeconds,
                         const std::map<int, int>& previousCc) {
     *rewrite = HlsTsRewrite();
     rewrite->active = true;
+    rewrite->mp4 = mp4;
     rewrite->part = part;
     rewrite->startSeconds = startSeconds;
     rewrite->lastCc = previousCc;
@@ -71,6 +110,10 @@ void HlsTimeline::begin(HlsTsRewrite* rewrite, int part, double startSeconds,
 
 void HlsTimeline::rewrite(std::string* data, HlsTsRewrite* rewrite, bool complete) {
     if (!rewrite->active) return;
+    if (rewrite->mp4) {
+        rewriteBoxes(data, rewrite, complete);
+        return;
+    }
     const int64_t size = static_cast<int64_t>(data->size());
     unsigned char* bytes = reinterpret_cast<unsigned char*>(&(*data)[0]);
     while (rewrite->done + kPacketBytes <= size) {
@@ -143,6 +186,76 @@ void HlsTimeline::rewritePacket(unsigned char* packet, HlsTsRewrite* rewrite) {
     if (offset == 0) return;
     writeTimestamp(packet + at, shifted(readTimestamp(packet + at), offset));
     if (hasDts) writeTimestamp(packet + at + 5, shifted(readTimestamp(packet + at + 5), offset));
+}
+
+void HlsTimeline::learnTracks(const std::string& init) {
+    std::string copy = init;
+    forEachBox(reinterpret_cast<unsigned char*>(&copy[0]), static_cast<int64_t>(copy.size()),
+               [this](const char* type, unsigned char* moov, int64_t moovSize) {
+        if (!isType(type, "moov")) return;
+        forEachBox(moov, moovSize, [this](const char* type, unsigned char* trak, int64_t trakSize) {
+            if (!isType(type, "trak")) return;
+            uint32_t id = 0, timescale = 0;
+            forEachBox(trak, trakSize, [&](const char* type, unsigned char* p, int64_t size) {
+                // Full boxes: version 1 has 64-bit times before the field.
+                const int64_t at = p[0] == 1 ? 20 : 12;
+                if (isType(type, "tkhd") && size >= at + 4) id = be32(p + at);
+                if (!isType(type, "mdia")) return;
+                forEachBox(p, size, [&](const char* type, unsigned char* mdhd, int64_t mdhdSize) {
+                    const int64_t field = mdhd[0] == 1 ? 20 : 12;
+                    if (isType(type, "mdhd") && mdhdSize >= field + 4) timescale = be32(mdhd + field);
+                });
+            });
+            if (id != 0 && timescale != 0) timescales_[id] = timescale;
+        });
+    });
+}
+
+void HlsTimeline::rewriteBoxes(std::string* data, HlsTsRewrite* rewrite, bool complete) {
+    const int64_t size = static_cast<int64_t>(data->size());
+    unsigned char* bytes = reinterpret_cast<unsigned char*>(&(*data)[0]);
+    while (rewrite->done < size) {
+        const int64_t box = boxSize(bytes + rewrite->done, size - rewrite->done);
+        if (box == 0) {
+            logPrint("HlsFile: no MP4 box at %lld of a segment: left as it is\n",
+                     static_cast<long long>(rewrite->done));
+            rewrite->active = false;
+            return;
+        }
+        if (box < 0 || rewrite->done + box > size) break;
+        const char* type = reinterpret_cast<const char*>(bytes + rewrite->done + 4);
+        const int64_t header = be32(bytes + rewrite->done) == 1 ? 16 : 8;
+        if (isType(type, "moov")) learnTracks(data->substr(static_cast<size_t>(rewrite->done), static_cast<size_t>(box)));
+        if (isType(type, "moof")) rewriteFragment(bytes + rewrite->done + header, box - header, rewrite);
+        rewrite->done += box;
+    }
+    if (complete) rewrite->done = size;
+}
+
+// Each track fragment's tfdt (baseMediaDecodeTime), in its track's timescale.
+void HlsTimeline::rewriteFragment(unsigned char* moof, int64_t length, HlsTsRewrite* rewrite) {
+    forEachBox(moof, length, [this, rewrite](const char* type, unsigned char* traf, int64_t trafSize) {
+        if (!isType(type, "traf")) return;
+        uint32_t id = 0;
+        forEachBox(traf, trafSize, [&](const char* type, unsigned char* p, int64_t size) {
+            if (isType(type, "tfhd") && size >= 8) id = be32(p + 4);
+            const bool wide = p[0] == 1;
+            if (!isType(type, "tfdt") || size < (wide ? 12 : 8)) return;
+            const auto known = timescales_.find(id);
+            const int64_t timescale = known == timescales_.end() ? kTicksPerSecond : known->second;
+            const int64_t t = wide ? static_cast<int64_t>((uint64_t(be32(p + 4)) << 32) | be32(p + 8))
+                                   : static_cast<int64_t>(be32(p + 4));
+            const int64_t offset = offsetFor(rewrite, t * kTicksPerSecond / timescale) * timescale / kTicksPerSecond;
+            const int64_t moved = t + offset;
+            if (offset == 0 || moved < 0 || (!wide && moved > 0xFFFFFFFFll)) return;
+            if (wide) {
+                putBe32(p + 4, static_cast<uint64_t>(moved) >> 32);
+                putBe32(p + 8, static_cast<uint64_t>(moved));
+            } else {
+                putBe32(p + 4, static_cast<uint64_t>(moved));
+            }
+        });
+    });
 }
 
 }  // namespace velka
