@@ -117,6 +117,7 @@ HlsSession::HlsSession(const std::string& url, const HttpOptions& options)
       lastListed_(-1),
       liveOffset_(0),
       livePart_(0),
+      liveChosenFor_(-1),
       liveSeconds_(0),
       nextReloadMs_(0),
       lastAdvanceMs_(0),
@@ -758,7 +759,9 @@ void HlsSession::handleControlWhileReady() {
         } else if (kind == HlsFetch::kPlaylist) {
             HlsPlaylist playlist;
             std::string why;
-            if (!ok || !parseHlsPlaylist(body, url, &playlist, &why) || playlist.master ||
+            if (url != mediaUrl_) {
+                // A reload of the variant the stream switched away from.
+            } else if (!ok || !parseHlsPlaylist(body, url, &playlist, &why) || playlist.master ||
                 playlist.segments.empty()) {
                 // Tried again at the next reload; the stall limit bounds the wait.
                 logPrint("HlsFile: reload of %s failed %s\n", url.c_str(), why.c_str());
@@ -802,6 +805,13 @@ void HlsSession::scheduleLive() {
         nextSequence_ = first;
     }
     if (nextSequence_ > last) return;  // the next reload brings it
+    if (!variants_.empty() && liveChosenFor_ != nextSequence_) {
+        // A variant for each segment, at its boundary, by media sequence number.
+        liveChosenFor_ = nextSequence_;
+        chooseVariant();
+        scheduleLive();
+        return;
+    }
     const HlsSegment& segment = media_.segments[static_cast<size_t>(nextSequence_ - first)];
     if (segment.keyIndex >= 0) {
         const HlsKey& key = media_.keys[static_cast<size_t>(segment.keyIndex)];
@@ -1126,6 +1136,15 @@ int HlsSession::chooseVariant() {
         logPrint("HlsFile: variant %d -> %d (estimate %.0f bit/s)\n", variant_, target, estimate);
         variant_ = target;
         upVotes_ = 0;
+        if (live_) {
+            // From here on the stream and the reloads follow the new variant's
+            // playlist, reloaded at once when it was loaded too long ago to
+            // list the next segment.
+            media_ = *variantMedia_[static_cast<size_t>(target)];
+            mediaUrl_ = variants_[static_cast<size_t>(target)].uri;
+            lastListed_ = std::max(lastListed_, media_.segments.back().sequence);
+            if (media_.segments.back().sequence < nextSequence_) nextReloadMs_ = 0;
+        }
     }
     return variant_;
 }
@@ -1157,8 +1176,9 @@ bool HlsSession::variantReady(int v) {
             return false;
         }
         // Fragmented MP4 switches only where the initialisation sections agree.
-        const HlsMap& ours = media_.maps[static_cast<size_t>(media_.segments[s].mapIndex)];
-        if (maps_[mapKey(own)] != maps_[mapKey(ours)]) {
+        const std::string ours =
+            live_ ? lastMapKey_ : mapKey(media_.maps[static_cast<size_t>(media_.segments[s].mapIndex)]);
+        if (maps_[mapKey(own)] != maps_[ours]) {
             logPrint("HlsFile: variant %d has other initialisation sections: not used\n", v);
             variantState_[i] = kVariantUnusable;
             return false;
@@ -1170,9 +1190,15 @@ bool HlsSession::variantReady(int v) {
 void HlsSession::takeVariantPlaylist(int v, const std::string& body, const std::string& url) {
     HlsPlaylist playlist;
     std::string why;
-    bool usable = parseHlsPlaylist(body, url, &playlist, &why) && !playlist.master && playlist.endList &&
-                  playlist.segments.size() == media_.segments.size();
-    for (size_t s = 0; usable && s < playlist.segments.size(); ++s) {
+    bool usable = parseHlsPlaylist(body, url, &playlist, &why) && !playlist.master && !playlist.segments.empty();
+    if (usable && live_) {
+        // Live lines up by media sequence number: the same kind of segments.
+        usable = (playlist.segments[0].mapIndex < 0) == (media_.segments[0].mapIndex < 0);
+        for (const HlsKey& key : playlist.keys) usable &= key.method == HlsKey::kAes128;
+    } else {
+        usable &= playlist.endList && playlist.segments.size() == media_.segments.size();
+    }
+    for (size_t s = 0; usable && !live_ && s < playlist.segments.size(); ++s) {
         const HlsSegment& own = playlist.segments[s];
         const HlsSegment& ours = media_.segments[s];
         // The same spans: the same durations and kinds, no byte-range sizes.

@@ -134,7 +134,7 @@ private:
     HlsSegmentBuffer* bufferFor(const HlsFetch& fetch);
     std::unique_ptr<HlsSegmentBuffer> newBuffer(const HlsPlaylist& playlist, const HlsSegment& segment,
                                                 bool withInit);
-    // Adaptation (video on demand): the variant the next segment comes from.
+    // Adaptation: the variant the next segment comes from.
     int chooseVariant();
     // True when variant `v` can be switched to now; else starts loading what
     // it lacks (its playlist, a key, its initialisation section).
@@ -165,9 +165,10 @@ private:
     std::vector<int64_t> base_;                // per segment: start of its span
     std::vector<int64_t> span_;                // per segment
     bool fmp4_;
-    // Adaptation between the variants of a master playlist, video on demand
-    // only: every variant is laid out in the same spans (sized from the
-    // highest BANDWIDTH), so a switch at a segment boundary keeps the layout.
+    // Adaptation between the variants of a master playlist. Video on demand:
+    // every variant is laid out in the same spans (sized from the highest
+    // BANDWIDTH), so a switch at a segment boundary keeps the layout. Live: a
+    // switch goes on at the same media sequence number in the new variant.
     std::vector<HlsVariant> variants_;
     std::vector<std::unique_ptr<HlsPlaylist>> variantMedia_;  // loaded; null until then
     std::vector<int> variantState_;  // kVariant* below
@@ -185,6 +186,7 @@ private:
     int64_t liveOffset_;         // live: bytes of the front segment already read
     std::string lastMapKey_;     // live: the initialisation section last put in the stream
     int livePart_;               // live: EXT-X-DISCONTINUITY tags met so far
+    int64_t liveChosenFor_;      // live: the segment a variant was last chosen for
     double liveSeconds_;         // live: playlist time of the segments queued so far
     std::map<int, int> liveCc_;  // live: the continuity counters the last segment ended with
     HlsTimeline timeline_;
