@@ -685,13 +685,14 @@ void HlsSession::serve() {
             }
         }
     }
-    if (live_) {
-        if (phase_ == kReady) scheduleLive();
-        serveLive();
-    } else {
-        if (phase_ == kReady) scheduleSegments();
-        serveRequests();
+    if (phase_ == kReady) {
+        if (live_) {
+            scheduleLive();
+        } else {
+            scheduleSegments();
+        }
     }
+    serveRequests();
     updateCachePercent();
 }
 
@@ -846,54 +847,33 @@ void HlsSession::scheduleLive() {
     nextSequence_ += 1;
 }
 
-void HlsSession::serveLive() {
-    while (!requests_.empty()) {
-        HlsRequest* request = requests_.front();
-        if (request->cancelled || released_) {
-            complete(request, kStatusCancelled, 0);
-            continue;
-        }
-        if (phase_ == kFailed) {
-            complete(request, kStatusError, 0);
-            continue;
-        }
-        if (phase_ != kReady) return;
-        while (request->remaining > 0 && !liveQueue_.empty()) {
-            HlsSegmentBuffer* front = liveQueue_.front().second.get();
-            const int64_t size = HlsTimeline::readable(front->data, front->ts);
-            const uint32_t n = static_cast<uint32_t>(
-                std::min<int64_t>(request->remaining, size - liveOffset_));
-            memcpy(request->buffer, front->data.data() + liveOffset_, n);
-            request->buffer += n;
-            request->remaining -= n;
-            readPos_ += n;
-            liveOffset_ += n;
-            if (!front->complete || liveOffset_ < size) break;
-            liveQueue_.pop_front();
-            liveOffset_ = 0;
-            scheduleLive();
-        }
-        if (request->remaining == 0) {
-            complete(request, kStatusOk, request->length);
-            continue;
-        }
-        const bool ended = media_.endList && liveQueue_.empty() && segment_.kind == HlsFetch::kIdle &&
-                           nextSequence_ > media_.mediaSequence + static_cast<int64_t>(media_.segments.size()) - 1;
-        if (ended) {
-            complete(request, kStatusEndOfFile, request->length - request->remaining);
-            continue;
-        }
-        // Waiting for the playlist to move; not for ever.
-        const uint64_t limit = std::max<uint64_t>(
-            kMinLiveStallMs,
-            static_cast<uint64_t>(kLiveStallTargetDurations * media_.targetDurationSeconds * 1000));
-        if (liveQueue_.empty() && segment_.kind == HlsFetch::kIdle &&
-            monotonicMs() - lastAdvanceMs_ > limit) {
-            fail(-1, "the live playlist brought no new segment for " + std::to_string(limit / 1000) + " s");
-            continue;
-        }
-        return;
+HlsSession::Fill HlsSession::fillLive(HlsRequest* request) {
+    while (request->remaining > 0 && !liveQueue_.empty()) {
+        HlsSegmentBuffer* front = liveQueue_.front().second.get();
+        const int64_t size = HlsTimeline::readable(front->data, front->ts);
+        const uint32_t n = static_cast<uint32_t>(std::min<int64_t>(request->remaining, size - liveOffset_));
+        memcpy(request->buffer, front->data.data() + liveOffset_, n);
+        request->buffer += n;
+        request->remaining -= n;
+        readPos_ += n;
+        liveOffset_ += n;
+        if (!front->complete || liveOffset_ < size) break;
+        liveQueue_.pop_front();
+        liveOffset_ = 0;
+        scheduleLive();
     }
+    if (request->remaining == 0) return kFillAgain;
+    const bool ended = media_.endList && liveQueue_.empty() && segment_.kind == HlsFetch::kIdle &&
+                       nextSequence_ > media_.mediaSequence + static_cast<int64_t>(media_.segments.size()) - 1;
+    if (ended) return kFillEnded;
+    // Waiting for the playlist to move; not for ever.
+    const uint64_t limit = std::max<uint64_t>(
+        kMinLiveStallMs, static_cast<uint64_t>(kLiveStallTargetDurations * media_.targetDurationSeconds * 1000));
+    if (liveQueue_.empty() && segment_.kind == HlsFetch::kIdle && monotonicMs() - lastAdvanceMs_ > limit) {
+        fail(-1, "the live playlist brought no new segment for " + std::to_string(limit / 1000) + " s");
+        return kFillAgain;
+    }
+    return kFillWait;
 }
 
 void HlsSession::fail(int code, const std::string& why) {
@@ -921,6 +901,7 @@ int HlsSession::segmentAt(int64_t position) const {
     return static_cast<int>(it - base_.begin()) - 1;
 }
 
+// Reads are served strictly from the front of the queue.
 void HlsSession::serveRequests() {
     while (!requests_.empty()) {
         HlsRequest* request = requests_.front();
@@ -933,30 +914,33 @@ void HlsSession::serveRequests() {
             continue;
         }
         if (phase_ != kReady) return;
-        if (readPos_ >= length_) {
+        const Fill fill = live_ ? fillLive(request) : fillVod(request);
+        if (fill == kFillEnded) {
             complete(request, kStatusEndOfFile, request->length - request->remaining);
-            continue;
-        }
-        const int index = segmentAt(readPos_);
-        if (failedSegments_.count(index) != 0) {
-            fail(-1, "the reader reached segment " + std::to_string(index) + ", which failed");
-            continue;
-        }
-        if (index != current_) {
-            current_ = index;
-            scheduleSegments();
-        }
-        const uint32_t n = copyOut(index, readPos_ - base_[static_cast<size_t>(index)],
-                                   request->buffer, request->remaining);
-        request->buffer += n;
-        request->remaining -= n;
-        readPos_ += n;
-        if (request->remaining == 0) {
+        } else if (request->remaining == 0) {
             complete(request, kStatusOk, request->length);
-            continue;
+        } else if (fill == kFillWait) {
+            return;
         }
-        if (n == 0) return;  // wait for the segment's bytes
     }
+}
+
+HlsSession::Fill HlsSession::fillVod(HlsRequest* request) {
+    if (readPos_ >= length_) return kFillEnded;
+    const int index = segmentAt(readPos_);
+    if (failedSegments_.count(index) != 0) {
+        fail(-1, "the reader reached segment " + std::to_string(index) + ", which failed");
+        return kFillAgain;
+    }
+    if (index != current_) {
+        current_ = index;
+        scheduleSegments();
+    }
+    const uint32_t n = copyOut(index, readPos_ - base_[static_cast<size_t>(index)], request->buffer, request->remaining);
+    request->buffer += n;
+    request->remaining -= n;
+    readPos_ += n;
+    return n == 0 ? kFillWait : kFillAgain;  // waiting for the segment's bytes
 }
 
 uint32_t HlsSession::copyOut(int index, int64_t offset, char* out, uint32_t count) {

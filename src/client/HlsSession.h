@@ -126,6 +126,12 @@ private:
 
     // Serving.
     void serveRequests();
+    // Fills the front request from the stream: kFillAgain when it took bytes
+    // (or the stream failed) and serving goes on, kFillWait when it waits for
+    // bytes, kFillEnded at the stream's end.
+    enum Fill { kFillAgain, kFillWait, kFillEnded };
+    Fill fillVod(HlsRequest* request);
+    Fill fillLive(HlsRequest* request);
     int segmentAt(int64_t position) const;
     // Bytes of segment `index` from `offset` within its span into `out`; how
     // many were available now.
@@ -142,7 +148,6 @@ private:
     void takeVariantPlaylist(int v, const std::string& body, const std::string& url);
     void finishSegment(HlsSegmentBuffer* buffer, int64_t index);
     void handleControlWhileReady();
-    void serveLive();
     void scheduleLive();
     void startSegment(int index);
     void complete(HlsRequest* request, VelkaStatus status, uint32_t length);
