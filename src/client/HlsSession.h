@@ -3,7 +3,10 @@
 
 // The worker's half of HlsFile: playlists, keys, initialisation sections and
 // segments fetched on the HTTP worker, the byte stream laid out over them and
-// the FIFO of reads served from it. Private to the library.
+// the FIFO of reads served from it. Private to the library. Its definitions
+// are in three files: HlsSession.cpp (the caller's side, transfers, the
+// serve pass), HlsSessionPlaylists.cpp (opening, reloads, adaptation) and
+// HlsSessionSegments.cpp (segments and the reads served from them).
 
 #define CURL_DISABLE_DEPRECATION 1
 #include <curl/curl.h>
