@@ -484,6 +484,18 @@ TEST(HlsOpenTest, FailsClearlyOnWhatItCannotPlay) {
     }
     HlsFile notHttp("ftp://127.0.0.1/a.m3u8");
     EXPECT_EQ(-1, notHttp.open());
+    // A server that accepts and never answers: the open's own time limit.
+    testing_support::FaultServer silent(std::vector<char>(1, '#'));
+    testing_support::FaultServer::Reply never;
+    never.headerDelayMs = 60000;
+    silent.script("/never.m3u8", {never});
+    std::string why;
+    ASSERT_TRUE(silent.start(&why)) << why;
+    HlsFile file(silent.url("/never.m3u8"));
+    file.setOpenTimeLimit(300);
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(-1, file.open());
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(5));
 }
 
 }  // namespace

@@ -86,7 +86,7 @@ HlsSession::~HlsSession() {
 
 // --- The caller's side ---------------------------------------------------------------------
 
-bool HlsSession::open(std::string* why, bool* withWorker) {
+bool HlsSession::open(uint32_t limitMs, std::string* why, bool* withWorker) {
     *withWorker = false;
     if (control_.curl == nullptr || segment_.curl == nullptr) {
         *why = "no libcurl handle";
@@ -104,7 +104,11 @@ bool HlsSession::open(std::string* why, bool* withWorker) {
         return false;
     }
     *withWorker = true;
-    opened_.wait();
+    if (!opened_.timedWait(limitMs)) {
+        // The worker goes on until the owner releases the session.
+        *why = "not open after " + std::to_string(limitMs) + " ms";
+        return false;
+    }
     if (!openOk_) *why = openWhy_;
     return openOk_;
 }

@@ -85,10 +85,10 @@ public:
     HlsSession(const std::string& url, const HttpOptions& options);
 
     // Caller's side.
-    // Hands the session to the worker and waits until the open is decided.
-    // False with the reason; then, with *withWorker, the owner must still
-    // release() it, else it is already freed.
-    bool open(std::string* why, bool* withWorker);
+    // Hands the session to the worker and waits until the open is decided,
+    // at most `limitMs`. False with the reason; then, with *withWorker, the
+    // owner must still release() it, else it is already freed.
+    bool open(uint32_t limitMs, std::string* why, bool* withWorker);
     // The owner lets go; with `destroyed`, posted once the session is gone.
     void release(Semaphore* destroyed);
     HlsRequest* readAsync(char* buffer, uint32_t length, File::AsyncCallback& callback);
