@@ -666,8 +666,13 @@ TEST_P(HlsAdaptTest, ASlowLinkSwitchesDownAndARecoveredOneBackUp) {
     ASSERT_EQ(0, file.open());
     EXPECT_EQ(live, file.length() < 0);
     for (const char* name : {"lo", "hi"}) playlist(name, kSegments);
-    EXPECT_GE(readWhole(file).size(), kSegments * faults_.file().size());
+    const std::string stream = readWhole(file);
+    EXPECT_GE(stream.size(), kSegments * faults_.file().size());
     EXPECT_EQ(0, file.error());
+    writeText(server_->rootFile("bad/adapt.bin"), stream);
+    Demuxed ours;
+    ASSERT_TRUE(demux(server_->rootFile("bad/adapt.bin"), &ours));
+    EXPECT_EQ(0, ours.corrupt) << "continuity counters jump between segments and variants";
     // Which variant each segment came from, in the order they were fetched.
     std::string variants;
     std::vector<int> indexes;
