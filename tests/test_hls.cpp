@@ -645,16 +645,21 @@ TEST_F(HlsFaultTest, ASegmentDroppedMidBodyResumesAndOneThatFailsForGoodFailsThe
 }
 
 // Two variants whose segments come from the fault server; the higher one's
-// segments kSlowFrom to kSlowTo drip, as a link that slows, then recovers.
-// Video on demand, and live (whose playlists end once it plays).
+// segments kSlowFrom to kSlowTo drip, as a link that slows, then recovers;
+// the others come at 1 MB/s, so that a variant's playlist arrives within a
+// segment on a loaded machine. VOD, and live (its playlists end once it plays).
 class HlsAdaptTest : public HlsFaultTest, public ::testing::WithParamInterface<bool> {};
 
 TEST_P(HlsAdaptTest, ASlowLinkSwitchesDownAndARecoveredOneBackUp) {
     const bool live = GetParam();
     constexpr int kSegments = 16, kSlowFrom = 5, kSlowTo = 8;
-    Reply drip;
+    Reply drip, link;
     drip.bytesPerSecond = 40000;
-    for (int i = kSlowFrom; i < kSlowTo; ++i) faults_.script("/hi" + std::to_string(i) + ".ts", {drip});
+    link.bytesPerSecond = 1000000;
+    for (int i = 0; i < kSegments; ++i) {
+        faults_.script("/lo" + std::to_string(i) + ".ts", {link});
+        faults_.script("/hi" + std::to_string(i) + ".ts", {i >= kSlowFrom && i < kSlowTo ? drip : link});
+    }
     std::string master = "#EXTM3U\n";
     for (const char* name : {"lo", "hi"}) {
         playlist(name, kSegments, live);
