@@ -1,7 +1,6 @@
 #include "HlsTimestamps.h"
 
 #include <cstring>
-
 #include <functional>
 
 #include "LogLine.h"
@@ -173,7 +172,7 @@ void HlsTimeline::rewritePacket(unsigned char* packet, HlsTsRewrite* rewrite) {
     int64_t payload = 4;
     if ((control & 2) != 0) {
         const int length = packet[4];
-        if (length > 0 && length >= 7 && (packet[5] & 0x10) != 0) {
+        if (length >= 7 && (packet[5] & 0x10) != 0) {  // PCR_flag, and room for the PCR
             writePcr(packet + 6, shifted(readPcr(packet + 6), offsetFor(rewrite, readPcr(packet + 6))));
         }
         payload = 5 + length;
