@@ -24,9 +24,13 @@ class HlsSession;
 // whole packets or boxes that fit and loses the rest (logged). A master
 // playlist's variants share those spans, so the file switches between them
 // at segment boundaries by measured throughput. A live playlist (no
-// EXT-X-ENDLIST) has length() -1, starts three target durations from its end
-// and follows the sliding window. AES-128 segments are decrypted as they
-// arrive.
+// EXT-X-ENDLIST) has length() -1, starts three target durations from its end,
+// follows the sliding window and, under a master playlist, switches variants
+// at segment boundaries by media sequence number. AES-128 segments are
+// decrypted as they arrive. MPEG-TS continuity counters continue across
+// segments and variants, and timestamps keep growing across
+// EXT-X-DISCONTINUITY (MPEG-TS PCR/PTS/DTS, fragmented MP4's tfdt), so the
+// engine's time seeks land in every part.
 //
 // Reads complete on the worker, strictly in order, each exactly once,
 // possibly before readAsync() returns; complete() runs with the worker's
