@@ -10,8 +10,9 @@ namespace velka {
 // Chooses the source for a URL: "file://" followed by a path is a LocalFile,
 // every other URL goes to the download engine through a DtaFile. A host may
 // choose, once for the whole process, that http:// and https:// URLs go to
-// the library's own network stack instead: a playlist (".m3u8" in the path)
-// to an HlsFile, anything else to an HttpFile.
+// the library's own network stack instead: a playlist (".m3u8" in the path,
+// or a server that answers with an HLS Content-Type) to an HlsFile, anything
+// else to an HttpFile.
 class FileFactory {
 public:
     // From now on, for the rest of the process, http(s) URLs go to the

@@ -24,9 +24,13 @@ class HlsSession;
 // whole packets or boxes that fit and loses the rest (logged). A master
 // playlist's variants share those spans, so the file switches between them
 // at segment boundaries by measured throughput. A live playlist (no
-// EXT-X-ENDLIST) has length() -1, starts three target durations from its end
-// and follows the sliding window. AES-128 segments are decrypted as they
-// arrive.
+// EXT-X-ENDLIST) has length() -1, starts three target durations from its end,
+// follows the sliding window and, under a master playlist, switches variants
+// at segment boundaries by media sequence number. AES-128 segments are
+// decrypted as they arrive. MPEG-TS continuity counters continue across
+// segments and variants, and timestamps keep growing across
+// EXT-X-DISCONTINUITY (MPEG-TS PCR/PTS/DTS, fragmented MP4's tfdt), so the
+// engine's time seeks land in every part.
 //
 // Reads complete on the worker, strictly in order, each exactly once,
 // possibly before readAsync() returns; complete() runs with the worker's
@@ -39,11 +43,15 @@ public:
     ~HlsFile() override;  // closes a file still open
 
     // Blocks until the playlist(s), the keys and the initialisation sections
-    // are loaded and the byte stream's layout is known. -1 when the URL is not
-    // http(s), a playlist cannot be fetched or is not a playlist, a key cannot
-    // be fetched, or the stream uses a method other than AES-128; the reason
-    // is logged as "HlsFile::open fail: REASON".
+    // are loaded and the byte stream's layout is known, at most the open time
+    // limit. -1 when the URL is not http(s), a playlist cannot be fetched or
+    // is not a playlist, a key cannot be fetched, the stream uses a method
+    // other than AES-128, or the limit passed first; the reason is logged as
+    // "HlsFile::open fail: REASON".
     int open() override;
+    // How long open() may take; kDefaultOpenTimeLimitMs unless set before it.
+    static constexpr uint32_t kDefaultOpenTimeLimitMs = 20000;
+    void setOpenTimeLimit(uint32_t ms) { openTimeLimitMs_ = ms; }
     // Releases the stream: queued reads complete with kStatusCancelled on the
     // worker before close() returns (right after it when called from a
     // completion). Transfers under way are abandoned.
@@ -65,6 +73,7 @@ public:
 
 private:
     HttpOptions options_;
+    uint32_t openTimeLimitMs_;
     HlsSession* session_;  // null while the file is not open
 };
 

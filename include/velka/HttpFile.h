@@ -65,6 +65,9 @@ public:
     int cachePercent() override;
     // Always 0: failures show in the results of the reads.
     int error() override;
+    // The Content-Type of the first response, "" without one (or while the
+    // file is not open).
+    std::string contentType() const;
 
 private:
     HttpOptions options_;

@@ -6,8 +6,8 @@
 
 #include "velka/DtaFile.h"
 #include "velka/HlsFile.h"
-#include "velka/HttpFile.h"
 #include "velka/LocalFile.h"
+#include "HlsRoutingFile.h"
 #include "LogLine.h"
 
 namespace velka {
@@ -42,8 +42,9 @@ File* FileFactory::createFile(const std::string& url) {
             logPuts("hls file");
             return new HlsFile(url);
         }
+        // An HttpFile, or an HlsFile once the server names a playlist.
         logPuts("http file");
-        return new HttpFile(url);
+        return new HlsRoutingFile(url);
     }
     logPrint("--------DTA set------- %p\n", static_cast<const void*>("true"));
     logPuts("dta file");

@@ -28,7 +28,7 @@ void releaseSession(HlsSession* session) {
 }  // namespace
 
 HlsFile::HlsFile(const std::string& url, const HttpOptions& options)
-    : File(url), options_(options), session_(nullptr) {}
+    : File(url), options_(options), openTimeLimitMs_(kDefaultOpenTimeLimitMs), session_(nullptr) {}
 
 HlsFile::~HlsFile() {
     logPuts("~HlsFile");
@@ -40,7 +40,7 @@ int HlsFile::open() {
     HlsSession* session = new HlsSession(url_, options_);
     std::string why;
     bool withWorker = false;
-    if (!session->open(&why, &withWorker)) {
+    if (!session->open(openTimeLimitMs_, &why, &withWorker)) {
         if (withWorker) releaseSession(session);
         logPrint("HlsFile::open fail: %s\n", why.c_str());
         return -1;

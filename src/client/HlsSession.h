@@ -3,7 +3,10 @@
 
 // The worker's half of HlsFile: playlists, keys, initialisation sections and
 // segments fetched on the HTTP worker, the byte stream laid out over them and
-// the FIFO of reads served from it. Private to the library.
+// the FIFO of reads served from it. Private to the library. Its definitions
+// are in three files: HlsSession.cpp (the caller's side, transfers, the
+// serve pass), HlsSessionPlaylists.cpp (opening, reloads, adaptation) and
+// HlsSessionSegments.cpp (segments and the reads served from them).
 
 #define CURL_DISABLE_DEPRECATION 1
 #include <curl/curl.h>
@@ -18,6 +21,7 @@
 #include <vector>
 
 #include "HlsPlaylist.h"
+#include "HlsTimestamps.h"
 #include "HttpWorkerClient.h"
 #include "velka/File.h"
 #include "velka/HttpOptions.h"
@@ -73,6 +77,7 @@ struct HlsSegmentBuffer {
     int64_t boxScan = 0;         // fragmented MP4: the next top-level box to check
     EVP_CIPHER_CTX* cipher = nullptr;
     uint64_t lastUse = 0;
+    HlsTsRewrite ts;             // MPEG-TS: counters and timestamps rewritten on arrival
 };
 
 class HlsSession : public HttpWorkerClient {
@@ -80,10 +85,10 @@ public:
     HlsSession(const std::string& url, const HttpOptions& options);
 
     // Caller's side.
-    // Hands the session to the worker and waits until the open is decided.
-    // False with the reason; then, with *withWorker, the owner must still
-    // release() it, else it is already freed.
-    bool open(std::string* why, bool* withWorker);
+    // Hands the session to the worker and waits until the open is decided,
+    // at most `limitMs`. False with the reason; then, with *withWorker, the
+    // owner must still release() it, else it is already freed.
+    bool open(uint32_t limitMs, std::string* why, bool* withWorker);
     // The owner lets go; with `destroyed`, posted once the session is gone.
     void release(Semaphore* destroyed);
     HlsRequest* readAsync(char* buffer, uint32_t length, File::AsyncCallback& callback);
@@ -124,6 +129,12 @@ private:
 
     // Serving.
     void serveRequests();
+    // Fills the front request from the stream: kFillAgain when it took bytes
+    // (or the stream failed) and serving goes on, kFillWait when it waits for
+    // bytes, kFillEnded at the stream's end.
+    enum Fill { kFillAgain, kFillWait, kFillEnded };
+    Fill fillVod(HlsRequest* request);
+    Fill fillLive(HlsRequest* request);
     int segmentAt(int64_t position) const;
     // Bytes of segment `index` from `offset` within its span into `out`; how
     // many were available now.
@@ -132,7 +143,7 @@ private:
     HlsSegmentBuffer* bufferFor(const HlsFetch& fetch);
     std::unique_ptr<HlsSegmentBuffer> newBuffer(const HlsPlaylist& playlist, const HlsSegment& segment,
                                                 bool withInit);
-    // Adaptation (video on demand): the variant the next segment comes from.
+    // Adaptation: the variant the next segment comes from.
     int chooseVariant();
     // True when variant `v` can be switched to now; else starts loading what
     // it lacks (its playlist, a key, its initialisation section).
@@ -140,7 +151,6 @@ private:
     void takeVariantPlaylist(int v, const std::string& body, const std::string& url);
     void finishSegment(HlsSegmentBuffer* buffer, int64_t index);
     void handleControlWhileReady();
-    void serveLive();
     void scheduleLive();
     void startSegment(int index);
     void complete(HlsRequest* request, VelkaStatus status, uint32_t length);
@@ -163,9 +173,10 @@ private:
     std::vector<int64_t> base_;                // per segment: start of its span
     std::vector<int64_t> span_;                // per segment
     bool fmp4_;
-    // Adaptation between the variants of a master playlist, video on demand
-    // only: every variant is laid out in the same spans (sized from the
-    // highest BANDWIDTH), so a switch at a segment boundary keeps the layout.
+    // Adaptation between the variants of a master playlist. Video on demand:
+    // every variant is laid out in the same spans (sized from the highest
+    // BANDWIDTH), so a switch at a segment boundary keeps the layout. Live: a
+    // switch goes on at the same media sequence number in the new variant.
     std::vector<HlsVariant> variants_;
     std::vector<std::unique_ptr<HlsPlaylist>> variantMedia_;  // loaded; null until then
     std::vector<int> variantState_;  // kVariant* below
@@ -182,6 +193,11 @@ private:
     std::deque<std::pair<int64_t, std::unique_ptr<HlsSegmentBuffer>>> liveQueue_;
     int64_t liveOffset_;         // live: bytes of the front segment already read
     std::string lastMapKey_;     // live: the initialisation section last put in the stream
+    int livePart_;               // live: EXT-X-DISCONTINUITY tags met so far
+    int64_t liveChosenFor_;      // live: the segment a variant was last chosen for
+    double liveSeconds_;         // live: playlist time of the segments queued so far
+    std::map<int, int> liveCc_;  // live: the continuity counters the last segment ended with
+    HlsTimeline timeline_;
     uint64_t nextReloadMs_;      // live: when the playlist is fetched again (monotonic)
     uint64_t lastAdvanceMs_;     // live: when a reload last brought a new segment
     std::map<int, std::unique_ptr<HlsSegmentBuffer>> buffers_;

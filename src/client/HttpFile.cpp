@@ -101,4 +101,6 @@ int HttpFile::cachePercent() {
 
 int HttpFile::error() { return 0; }
 
+std::string HttpFile::contentType() const { return task_ == nullptr ? std::string() : task_->contentType(); }
+
 }  // namespace velka

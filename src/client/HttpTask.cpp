@@ -360,6 +360,9 @@ void HttpTask::notifyTaskInfo() {
         curl_easy_getinfo(curl_, CURLINFO_CONTENT_LENGTH_DOWNLOAD, &contentLength);
         // The first transfer has no range: this is the whole resource's length.
         length_ = static_cast<int64_t>(contentLength);
+        const char* type = nullptr;
+        curl_easy_getinfo(curl_, CURLINFO_CONTENT_TYPE, &type);
+        if (type != nullptr) contentType_ = type;
         logPrint("notify task info ready %lld\n", static_cast<long long>(length_));
         infoOk_ = length_ != 0;
     } else {

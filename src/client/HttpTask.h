@@ -79,6 +79,8 @@ public:
     int64_t seek(int64_t offset, File::Whence whence);
     int64_t tell();
     int64_t length() const { return length_; }
+    // The first response's Content-Type ("" without one); set before create() returns.
+    const std::string& contentType() const { return contentType_; }
     int cachePercent();
     int error() { return 0; }
 
@@ -151,6 +153,7 @@ private:
     Mutex mutex_;           // guards requests_, readPos_ and everything dealAsyncs() does
     std::deque<AsyncRequest*> requests_;  // served strictly from the front
     HttpOptions options_;   // the host's request options; set by create()
+    std::string contentType_;  // written once before semaphore_ is posted for the task info
     curl_slist* headers_;   // options_' extra headers for curl_; owned
 };
 

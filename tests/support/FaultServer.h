@@ -62,6 +62,7 @@ public:
         int64_t cutAt = -1;         // file offset where the body stops; -1 never
         int holdMs = 0;             // after a cut: the socket stays open this long
         Close close = kFin;         // how the connection ends after a cut
+        std::string contentType = "application/octet-stream";  // of a 200 or 206
     };
 
     struct Request {
@@ -338,7 +339,7 @@ private:
         } else if (reply.framing == Reply::kChunked) {
             h += "Transfer-Encoding: chunked\r\n";
         }
-        h += "Content-Type: application/octet-stream\r\nConnection: close\r\n\r\n";
+        h += "Content-Type: " + reply.contentType + "\r\nConnection: close\r\n\r\n";
         if (r->method == "HEAD") {
             sendAll(fd, h);
             return false;
