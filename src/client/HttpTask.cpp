@@ -38,6 +38,12 @@ constexpr int64_t kTailFetchShare = 8;
 // costs (the new connection's handshake, its request, and the old
 // connection's bytes still on their way).
 constexpr int kRestartRoundTrips = 3;
+// A stream the ring holds whole, which the running transfer brings to its end
+// within this time, is served like a download: a forward seek waits for the
+// transfer however far it goes. A restart would throw the ring away and leave
+// the bytes in between behind, and a reader that seeks about in a short
+// stream comes back for them; waiting costs at most this long, once.
+constexpr int64_t kWholeStreamWaitMs = 6000;
 // cachePercent() counts up to this much of the stream ahead of the reader.
 constexpr int64_t kCacheThresholdBytes = 512 * 1024;
 // libcurl's receive buffer, the largest block it hands to write_cb. Must stay
@@ -616,8 +622,11 @@ void HttpTask::ajustReadPosition(int64_t ringStart) {
     // restart's answer. Without figures yet (a transfer's first tens of
     // milliseconds) the choice waits for them; a later pass makes it.
     const bool running = inMulti_ && !paused_;
+    const int64_t length = length_;
+    const bool whole = length > 0 && length <= static_cast<int64_t>(ring_->size()) &&
+                       link_.arrivesWithin(length - downloadPos_, kWholeStreamWaitMs);
     if (room && running &&
-        (!link_.known() || link_.reachesSooner(readPos_ - downloadPos_, kRestartRoundTrips))) {
+        (!link_.known() || whole || link_.reachesSooner(readPos_ - downloadPos_, kRestartRoundTrips))) {
         logPrint("seek forward %lld, pos %lld wait gap %lld\n", static_cast<long long>(readPos_),
                static_cast<long long>(downloadPos_), static_cast<long long>(distance));
         return;

@@ -47,6 +47,12 @@ public:
     // its first byte.
     bool known() const { return roundTripUs_ != 0 && bytesPerSecond_ != 0; }
 
+    // True when `bytes` more arrive within `ms` at the rate seen.
+    bool arrivesWithin(int64_t bytes, int64_t ms) const {
+        if (bytesPerSecond_ == 0) return false;
+        return static_cast<double>(bytes) / bytesPerSecond_ * 1000 <= static_cast<double>(ms);
+    }
+
     // True when bytes `gap` ahead of the transfer come sooner than a new
     // request's first byte would: `roundTrips` round trips at the rate seen.
     bool reachesSooner(int64_t gap, int roundTrips) const {
