@@ -261,7 +261,12 @@ std::unique_ptr<File> openSource(const std::string& arg, bool viaFactory) {
         if (path.find(".m3u8") != std::string::npos) {
             file.reset(new velka::HlsFile(url));
         } else {
-            file.reset(new velka::HttpFile(url));
+            // A server may name a playlist by its Content-Type only.
+            std::unique_ptr<velka::HttpFile> http(new velka::HttpFile(url));
+            if (http->open() != 0) return nullptr;
+            if (!velka::HlsFile::isPlaylistContentType(http->contentType())) return http;
+            http->close();
+            file.reset(new velka::HlsFile(url));
         }
     } else {
         file.reset(velka::FileFactory::createFile(url));

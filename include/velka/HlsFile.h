@@ -58,6 +58,8 @@ public:
     int close() override;
     int read(char* buffer, uint32_t length) override;
     void* readAsync(char* buffer, uint32_t length, AsyncCallback& callback) override;
+    // A live read already partly filled cannot give its bytes back: -1, and
+    // it completes normally. Video on demand gives them back (File.h).
     int cancel(void* request) override;
     int64_t seek(int64_t offset, Whence whence) override;
     int64_t tell() override;
@@ -70,6 +72,10 @@ public:
     // section that could not be loaded, a live playlist that stopped
     // advancing); 0 while it has not.
     int error() override;
+
+    // Whether an HTTP Content-Type names an HLS playlist (case-insensitive,
+    // parameters ignored), for a host that opened a URL as an HttpFile.
+    static bool isPlaylistContentType(const std::string& contentType);
 
 private:
     HttpOptions options_;

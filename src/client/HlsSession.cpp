@@ -158,6 +158,10 @@ int HlsSession::cancel(HlsRequest* request) {
     Mutex::Autolock lock(mutex_);
     for (HlsRequest* queued : requests_) {
         if (queued == request) {
+            // A live stream cannot give back bytes it has handed out (its
+            // segments are gone once read): a read already partly filled
+            // completes normally.
+            if (live_ && queued->remaining < queued->length) return -1;
             queued->cancelled = true;
             wakeHttpWorker();
             return 0;

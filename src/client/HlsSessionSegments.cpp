@@ -153,6 +153,9 @@ void HlsSession::serveRequests() {
     while (!requests_.empty()) {
         HlsRequest* request = requests_.front();
         if (request->cancelled || released_) {
+            // What the read had received goes back: the next read starts
+            // where this one began (a video-on-demand stream is read by position).
+            if (!live_) readPos_ -= request->length - request->remaining;
             complete(request, kStatusCancelled, 0);
             continue;
         }
