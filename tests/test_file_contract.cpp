@@ -1,7 +1,8 @@
 // What every source promises through File, stated once and run against each
 // source: LocalFile over a temporary file, DtaFile over the download engine
-// stand-in (a local file, and nginx), HttpFile over nginx, PpsFile over the
-// peer-to-peer engine stand-in (at full rate, and rate-limited).
+// stand-in (a local file, nginx, slow and short engine reads), HttpFile over
+// nginx, PpsFile over the peer-to-peer engine stand-in (at full rate, and
+// rate-limited).
 //
 // A source joins with one entry of kSources: a name, a factory that makes a
 // medium of given bytes and returns a new, unopened File over it, and the
@@ -146,6 +147,22 @@ const Source kSources[] = {
     {"DtaFileLocal", [](const std::vector<char>& b) { return new velka::DtaFile("dta-test://" + newFile(b)); },
      Clamp::kBelowLength, velka::kStatusOk, true, true},
     {"DtaFileNginx", [](const std::vector<char>& b) { return new velka::DtaFile(newUrl(b)); },
+     Clamp::kBelowLength, velka::kStatusOk, true, true},
+    // The engine answers at most 1111 bytes a read.
+    {"DtaFileShortReads",
+     [](const std::vector<char>& b) {
+         bctidta::control::setReadLimit(1111);
+         return new velka::DtaFile("dta-test://" + newFile(b));
+     },
+     Clamp::kBelowLength, velka::kStatusOk, true, true},
+    // Downloads 5000 bytes a millisecond; each read waits 1 ms and gets at most 7000.
+    {"DtaFileSlow",
+     [](const std::vector<char>& b) {
+         bctidta::control::setDownloadPace(5000, 1);
+         bctidta::control::setReadLimit(7000);
+         bctidta::control::setReadDelay(1);
+         return new velka::DtaFile("dta-test://" + newFile(b));
+     },
      Clamp::kBelowLength, velka::kStatusOk, true, true},
     {"HttpFile", [](const std::vector<char>& b) { return new velka::HttpFile(newUrl(b)); },
      Clamp::kToLength, velka::kStatusEndOfFile, false, true},
