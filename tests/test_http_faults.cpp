@@ -142,6 +142,11 @@ TEST_P(HttpStreamFaultTest, ResumesWhereItStoodOrEndsInAClearError) {
     ASSERT_FALSE(HasFailure());
     const bool unknownLength = c.replies[0].framing != Reply::kLength;
     EXPECT_EQ(unknownLength ? -1 : kStream, file->length());
+    if (unknownLength) {  // nothing to seek in
+        EXPECT_EQ(-1, file->seek(10, File::kSeekEnd));
+        EXPECT_EQ(-1, file->seek(10, File::kSeekCurrent));
+        EXPECT_EQ(0, file->seek(10, File::kSeekSet));
+    }
 
     constexpr int kReads = 5;
     constexpr int64_t kQuarter = kStream / 4;
