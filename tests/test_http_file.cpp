@@ -1,10 +1,10 @@
 // HttpFile and its worker against a real nginx on 127.0.0.1: a seeded run of
 // seeks and reads through a full ring checked against a model of the ring and
-// nginx's access log (one request unless the ring cannot serve), waits for
-// short gaps, the end of the stream and the tail cache, the end after a far
-// seek, a cancel after a partial delivery, a flood of wakes, and the
-// precondition assertions (failing opens and unknown lengths are in the fault
-// suite; what every source promises is in test_file_contract.cpp).
+// nginx's access log (one request unless the ring cannot serve), the end of
+// the stream and the tail cache, the end after a far seek, a cancel after a
+// partial delivery, a flood of wakes, and the precondition assertions (failing
+// opens and unknown lengths are in the fault suite, waits for a gap ahead in
+// test_http_link.cpp; what every source promises is in test_file_contract.cpp).
 
 #include <gtest/gtest.h>
 
@@ -211,31 +211,6 @@ TEST_F(HttpFileTest, SeededSeeksAndReadsCostRequestsOnlyWhereTheRingCannotServe)
     std::sort(ranges.begin(), ranges.end());
     std::sort(expectedRanges.begin(), expectedRanges.end());
     EXPECT_EQ(expectedRanges, ranges);
-}
-
-// The slow location sends 256 KiB a second: a seek a little ahead of the
-// download waits for the gap, a farther one restarts with a range.
-TEST_F(HttpFileTest, SeekAheadOfTheDownloadWaitsForAShortGapAndRestartsForALongOne) {
-    const std::vector<char> bytes = patternBytes(4 * kMiB, 10);
-    server_.serve("gap", bytes);
-    HttpFile& file = openFile("slow/gap", static_cast<int64_t>(bytes.size()));
-    for (const int64_t target : {int64_t(100 * 1024), 3 * kMiB}) {
-        ASSERT_EQ(target, file.seek(target, File::kSeekSet));
-        Got read;
-        ASSERT_TRUE(readOnce(file, 1000, &read));
-        EXPECT_EQ(velka::kStatusOk, read.status);
-        EXPECT_TRUE(read.data == slice(bytes, target, 1000)) << target;
-    }
-    // The short gap is waited for, or (on a slow machine) has already come
-    // and is skipped; either way only the long one restarts.
-    const std::string text = tap_.text();
-    EXPECT_TRUE(text.find("seek forward 102400, pos ") != std::string::npos ||
-                text.find("skip 102400, pos ") != std::string::npos);
-    EXPECT_EQ(1u, tap_.count("reseek forward "));
-    files_.clear();
-    const auto requests = server_.waitForRequests(2);
-    ASSERT_EQ(2u, requests.size());
-    EXPECT_EQ("bytes=3145728-", requests[0].range == "-" ? requests[1].range : requests[0].range);
 }
 
 struct EndCase {
