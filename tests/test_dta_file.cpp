@@ -347,18 +347,6 @@ TEST_F(DtaFileTest, FailedStartFailsOpenAndCloseReleasesTheTaskOnce) {
     missing.close();
 }
 
-TEST(DtaFileDeathTest, ReadsNeedAHandle) {
-    testing_support::useThreadsafeDeathTests();
-    DtaFile file("dta-test:///whatever");
-    char buffer[10];
-    CompletionLog log;
-    CompletionLog::Callback callback(log, 1);
-    EXPECT_DEATH(file.read(buffer, sizeof buffer), "Assertion `handle_ != -1' failed");
-    EXPECT_DEATH(file.readAsync(buffer, sizeof buffer, callback),
-                 "Assertion `handle_ != -1' failed");
-    EXPECT_DEATH(file.cancel(buffer), "Assertion `handle_ != -1' failed");
-}
-
 // The child processes below start without a worker; each prints its report on
 // standard error as its last words.
 

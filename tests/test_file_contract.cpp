@@ -47,6 +47,8 @@ enum class Clamp {
     kBelowLength  // the download engine's table: mostly to length - 1 (DtaFile.h)
 };
 
+enum ClosedStops { kStopsCancel = 1, kStopsPositions = 2 };  // seek, tell, length, available
+
 struct Source {
     const char* name;
     // A new, unopened File over a medium holding `bytes`.
@@ -62,6 +64,8 @@ struct Source {
     // close() completes the queued reads before it returns; otherwise they
     // complete once afterwards, and the file must outlive them.
     bool closeCompletesReads;
+    // Calls besides the reads that stop at an assertion on a closed file.
+    int closedStops = kStopsCancel | kStopsPositions;
 };
 
 void PrintTo(const Source& s, std::ostream* os) { *os << s.name; }
@@ -143,18 +147,18 @@ std::string newPlaylist(const std::vector<char>& bytes) {
 
 const Source kSources[] = {
     {"LocalFile", [](const std::vector<char>& b) { return new velka::LocalFile("file://" + newFile(b)); },
-     Clamp::kPosix, velka::kStatusEndOfFile, false, true},
+     Clamp::kPosix, velka::kStatusEndOfFile, false, true, kStopsPositions},
     {"DtaFileLocal", [](const std::vector<char>& b) { return new velka::DtaFile("dta-test://" + newFile(b)); },
-     Clamp::kBelowLength, velka::kStatusOk, true, true},
+     Clamp::kBelowLength, velka::kStatusOk, true, true, kStopsCancel},
     {"DtaFileNginx", [](const std::vector<char>& b) { return new velka::DtaFile(newUrl(b)); },
-     Clamp::kBelowLength, velka::kStatusOk, true, true},
+     Clamp::kBelowLength, velka::kStatusOk, true, true, kStopsCancel},
     // The engine answers at most 1111 bytes a read.
     {"DtaFileShortReads",
      [](const std::vector<char>& b) {
          bctidta::control::setReadLimit(1111);
          return new velka::DtaFile("dta-test://" + newFile(b));
      },
-     Clamp::kBelowLength, velka::kStatusOk, true, true},
+     Clamp::kBelowLength, velka::kStatusOk, true, true, kStopsCancel},
     // Downloads 5000 bytes a millisecond; each read waits 1 ms and gets at most 7000.
     {"DtaFileSlow",
      [](const std::vector<char>& b) {
@@ -163,7 +167,7 @@ const Source kSources[] = {
          bctidta::control::setReadDelay(1);
          return new velka::DtaFile("dta-test://" + newFile(b));
      },
-     Clamp::kBelowLength, velka::kStatusOk, true, true},
+     Clamp::kBelowLength, velka::kStatusOk, true, true, kStopsCancel},
     {"HttpFile", [](const std::vector<char>& b) { return new velka::HttpFile(newUrl(b)); },
      Clamp::kToLength, velka::kStatusEndOfFile, false, true},
     {"HlsFile", [](const std::vector<char>& b) { return new velka::HlsFile(newPlaylist(b)); },
@@ -507,15 +511,27 @@ TEST_P(FileContractTest, CloseCompletesQueuedReadsOnceAndCloseTwiceIsHarmless) {
     EXPECT_EQ(4u, log.all().size());
 }
 
-// A closed file takes no more reads: the sources stop at their assertion.
-TEST_P(FileContractTest, AClosedFileRefusesReads) {
+// A closed file, as one never opened, takes no more reads, nor the other calls
+// the source declares: they stop at the source's assertion.
+TEST_P(FileContractTest, AClosedFileStopsAtItsAssertion) {
     testing_support::useThreadsafeDeathTests();
     File& file = open(1000, 9);
     file.close();
     char byte;
     CompletionLog log;
     CompletionLog::Callback callback(log, 0);
-    EXPECT_DEATH(file.readAsync(&byte, 1, callback), "!= -1|!= __null");
+    const char* const kStopped = "!= -1|!= __null";
+    EXPECT_DEATH(file.read(&byte, 1), kStopped);
+    EXPECT_DEATH(file.readAsync(&byte, 1, callback), kStopped);
+    if (GetParam().closedStops & kStopsCancel) {
+        EXPECT_DEATH(file.cancel(&byte), kStopped);
+    }
+    if (GetParam().closedStops & kStopsPositions) {
+        EXPECT_DEATH(file.seek(0, File::kSeekSet), kStopped);
+        EXPECT_DEATH(file.tell(), kStopped);
+        EXPECT_DEATH(file.length(), kStopped);
+        EXPECT_DEATH(file.available(), kStopped);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Sources, FileContractTest, ::testing::ValuesIn(kSources),

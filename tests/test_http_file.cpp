@@ -2,7 +2,7 @@
 // seeks and reads through a full ring checked against a model of the ring and
 // nginx's access log (one request unless the ring cannot serve), the end of
 // the stream and the tail cache, the end after a far seek, a cancel after a
-// partial delivery, a flood of wakes, and the precondition assertions (failing
+// partial delivery, a flood of wakes, and a cancel of no request (failing
 // opens and unknown lengths are in the fault suite, waits for a gap ahead in
 // test_http_link.cpp; what every source promises is in test_file_contract.cpp).
 
@@ -363,21 +363,6 @@ TEST_F(HttpFileTest, AFloodOfWakesFromSeveralThreadsLosesNoWake) {
             << "round " << round << ": passes ended by the time-out "
             << velka::HttpTaskThread::passCounts().timedOut;
     }
-}
-
-TEST(HttpFileDeathTest, OperationsOnAFileThatIsNotOpenStopAtTheAssertion) {
-    testing_support::useThreadsafeDeathTests();
-    HttpFile file("http://127.0.0.1:1/never-opened");
-    char byte;
-    CompletionLog log;
-    CompletionLog::Callback callback(log, 0);
-    EXPECT_DEATH(file.read(&byte, 1), "task_ != __null");
-    EXPECT_DEATH(file.readAsync(&byte, 1, callback), "task_ != __null");
-    EXPECT_DEATH(file.cancel(&byte), "task_ != __null");
-    EXPECT_DEATH(file.seek(0, File::kSeekSet), "task_ != __null");
-    EXPECT_DEATH(file.tell(), "task_ != __null");
-    EXPECT_DEATH(file.length(), "task_ != __null");
-    EXPECT_DEATH(file.available(), "task_ != __null");
 }
 
 // Forked, not re-run: a re-run would start a second server that the dying

@@ -290,20 +290,6 @@ TEST_F(PpsFileTest, EveryEngineEventPrintsItsLineAndHasItsEffect) {
     EXPECT_EQ(0, file.cachePercent());
 }
 
-TEST(PpsFileDeathTest, PositionedOperationsNeedATask) {
-    testing_support::useThreadsafeDeathTests();
-    PpsFile file("pps-test:///whatever");
-    char buffer[10];
-    CompletionLog log;
-    CompletionLog::Callback callback(log, 1);
-    const char kText[] = "Assertion `taskIndex_ != -1' failed";
-    EXPECT_DEATH(file.read(buffer, sizeof buffer), kText);
-    EXPECT_DEATH(file.readAsync(buffer, sizeof buffer, callback), kText);
-    EXPECT_DEATH(file.cancel(buffer), kText);
-    EXPECT_DEATH(file.seek(0, File::kSeekSet), kText);
-    EXPECT_DEATH(file.available(), kText);
-}
-
 // In a child process that starts without a worker: an engine that fails to
 // initialise. The worker serves no request through it, yet every queued
 // request still completes, in order. Its report is its last words on
