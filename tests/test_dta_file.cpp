@@ -56,26 +56,15 @@ protected:
     std::vector<std::unique_ptr<DtaFile>> files_;
 };
 
-TEST_F(DtaFileTest, EngineBuiltOnceForTwoFilesInItsWorkingDirectory) {
-    TempDataFile a(1000, 31), b(2000, 32);
+// Everything after the first request is queued, and one request of file B
+// cancelled, while the worker is held inside its first engine read: neither
+// may wait for that read, and the requests complete in queue order. The one
+// engine is built once, by the first open.
+TEST_F(DtaFileTest, RequestsOfTwoFilesCompleteInQueueOrderAndCancelDoesNotWaitForTheEngine) {
+    TempDataFile a(30000, 51), b(30000, 52);
     const int openUrlBefore = control::calls().openUrl;
     DtaFile unopened(a.dtaUrl());
     EXPECT_EQ(openUrlBefore, control::calls().openUrl) << "construction leaves the engine alone";
-    openFile(a);
-    openFile(b);
-    EXPECT_EQ(1, control::calls().initEngine);
-    EXPECT_EQ(0, control::calls().uninitEngine);
-    EXPECT_EQ("/tmp/velka", control::lastInitDirectory());
-    struct stat st;
-    ASSERT_EQ(0, stat("/tmp/velka", &st));
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
-}
-
-// Everything after the first request is queued, and one request of file B
-// cancelled, while the worker is held inside its first engine read: neither
-// may wait for that read, and the requests complete in queue order.
-TEST_F(DtaFileTest, RequestsOfTwoFilesCompleteInQueueOrderAndCancelDoesNotWaitForTheEngine) {
-    TempDataFile a(30000, 51), b(30000, 52);
     DtaFile& fileA = openFile(a);
     DtaFile& fileB = openFile(b);
     struct Request {
@@ -130,9 +119,12 @@ TEST_F(DtaFileTest, RequestsOfTwoFilesCompleteInQueueOrderAndCancelDoesNotWaitFo
     }
     EXPECT_EQ(7007, fileA.tell());
     EXPECT_EQ(3500, fileB.tell());
-    // Both files were served by the one worker, which registered for events once.
+    // Both files were served by the one worker, which built the engine in its
+    // working directory and registered for events once.
     EXPECT_EQ(1, control::calls().setEventCallback);
     EXPECT_EQ(1, control::calls().initEngine);
+    EXPECT_EQ(0, control::calls().uninitEngine);
+    EXPECT_EQ("/tmp/velka", control::lastInitDirectory());
 }
 
 // The engine's stop cancels the reads it has outstanding, and the player's
