@@ -34,6 +34,7 @@ namespace {
 using testing_support::ChainedReader;
 using testing_support::Completion;
 using testing_support::CompletionLog;
+using testing_support::Got;
 using testing_support::slice;
 using velka::File;
 using velka::VelkaStatus;
@@ -182,13 +183,6 @@ const Source kSources[] = {
      Clamp::kToLength, velka::kStatusOk, true, false},
 };
 
-// What one asynchronous read gave.
-struct Got {
-    VelkaStatus status = velka::kStatusError;
-    uint32_t count = 0;
-    std::vector<char> data;
-};
-
 class FileContractTest : public ::testing::TestWithParam<Source> {
 protected:
     void SetUp() override {
@@ -216,16 +210,10 @@ protected:
     Got readAsync(uint32_t count) {
         Got got;
         for (int attempt = 0; attempt < testing_support::kWaitMs; ++attempt) {
-            CompletionLog log;
-            CompletionLog::Callback callback(log, 0);
-            got.data.assign(count, 0);
-            if (file_->readAsync(got.data.data(), count, callback) == nullptr || !log.waitFor(1)) {
+            if (!testing_support::readOnce(*file_, count, &got)) {
                 ADD_FAILURE() << "refused or never completed";
                 return got;
             }
-            got.status = log.all()[0].status;
-            got.count = log.all()[0].length;
-            got.data.resize(std::min(got.count, count));
             if (!empty(got.status, got.count, count)) break;
             usleep(1000);
         }

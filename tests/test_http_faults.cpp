@@ -5,7 +5,6 @@
 // fault, sixteen files on the worker while four suffer faults, and the
 // descriptors, threads and memory left after many cycles.
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -492,16 +491,8 @@ TEST_F(HttpFaultTest, SixteenFilesStreamWhileFourSufferFaults) {
 
 // --- Resources --------------------------------------------------------------------------------
 
-size_t entries(const char* dir) {
-    size_t n = 0;
-    if (DIR* d = opendir(dir)) {
-        while (readdir(d) != nullptr) ++n;
-        closedir(d);
-    }
-    return n;
-}
-size_t openDescriptors() { return entries("/proc/self/fd"); }
-size_t threads() { return entries("/proc/self/task"); }
+int openDescriptors() { return testing_support::procEntries("/proc/self/fd"); }
+int threads() { return testing_support::procEntries("/proc/self/task"); }
 int64_t residentBytes() {
     long pages = 0, resident = 0;
     if (FILE* f = fopen("/proc/self/statm", "r")) {
@@ -546,8 +537,8 @@ TEST_F(HttpFaultTest, ManyOpenReadCloseCyclesLeaveNothingBehind) {
     for (int i = 0; i < 40; ++i) cycle(nginx.url("small"));
     for (const std::string& url : failing) cycle(url);
     ASSERT_TRUE(server_.waitIdle());
-    const size_t descriptors = openDescriptors();
-    const size_t threadCount = threads();
+    const int descriptors = openDescriptors();
+    const int threadCount = threads();
     const int64_t resident = residentBytes();
 
     const Clock::time_point start = Clock::now();

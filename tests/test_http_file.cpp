@@ -27,6 +27,8 @@ namespace {
 
 using testing_support::Completion;
 using testing_support::CompletionLog;
+using testing_support::Got;
+using testing_support::readOnce;
 using testing_support::NginxServer;
 using testing_support::patternBytes;
 using testing_support::slice;
@@ -37,27 +39,6 @@ using velka::VelkaStatus;
 
 constexpr int64_t kMiB = 1024 * 1024;
 constexpr int64_t kRingBytes = 16 * kMiB;
-
-// What one asynchronous read gave.
-struct Got {
-    VelkaStatus status = velka::kStatusError;
-    uint32_t count = 0;
-    std::vector<char> data;
-};
-
-// Issues one asynchronous read of `size` bytes and waits for it; false when
-// it was refused or did not complete in time.
-bool readOnce(File& file, uint32_t size, Got* got) {
-    CompletionLog log;
-    CompletionLog::Callback callback(log, 0);
-    std::vector<char> buffer(size);
-    if (file.readAsync(buffer.data(), size, callback) == nullptr || !log.waitFor(1)) return false;
-    const Completion c = log.all()[0];
-    got->status = c.status;
-    got->count = c.length;
-    got->data.assign(buffer.begin(), buffer.begin() + std::min(c.length, size));
-    return true;
-}
 
 class HttpFileTest : public ::testing::Test {
 protected:

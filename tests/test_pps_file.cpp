@@ -130,35 +130,23 @@ TEST_F(PpsFileTest, UnknownLengthGivesNoNegativeOrMadeUpPositions) {
     }
 }
 
-// Parts not yet downloaded read as 0 bytes and leave the position; an engine
-// read error fails the read and leaves it too.
-TEST_F(PpsFileTest, MissingPartsReadAsNothingAndErrorsKeepThePosition) {
-    control::pauseDownloads(true);
+// An engine read error fails the read and leaves the position; the next read
+// goes on from there. (Parts not yet downloaded, read as 0 bytes, are the
+// File contract's PpsFileRateLimited.)
+TEST_F(PpsFileTest, EngineReadErrorsFailTheReadAndKeepThePosition) {
     TempDataFile data(100000, 62);
     PpsFile& file = openFile(data);
+    ASSERT_TRUE(control::waitForDownloadsIdle(kWaitMs));
     std::vector<char> buffer(300);
-    CompletionLog log;
-    CompletionLog::Callback notYet(log, 1), failed(log, 2), arrived(log, 3);
-    EXPECT_EQ(0, file.read(buffer.data(), 300));
-    ASSERT_NE(nullptr, file.readAsync(buffer.data(), 300, notYet));
-    ASSERT_TRUE(log.waitFor(1));
-    EXPECT_EQ(0, file.tell());
-
     control::failCall(control::kReadData, -3);
     EXPECT_EQ(-3, file.read(buffer.data(), 300));
-    ASSERT_NE(nullptr, file.readAsync(buffer.data(), 300, failed));
-    ASSERT_TRUE(log.waitFor(2));
+    testing_support::Got got;
+    ASSERT_TRUE(testing_support::readOnce(file, 300, &got));
+    EXPECT_TRUE(got.status == velka::kStatusError && got.count == 0);
     EXPECT_EQ(0, file.tell());
-
     control::reset();
-    ASSERT_TRUE(control::waitForDownloadsIdle(kWaitMs));
-    ASSERT_NE(nullptr, file.readAsync(buffer.data(), 300, arrived));
-    ASSERT_TRUE(log.waitFor(3));
-    const std::vector<Completion> c = log.all();
-    EXPECT_TRUE(c[0].status == velka::kStatusOk && c[0].length == 0);
-    EXPECT_TRUE(c[1].status == velka::kStatusError && c[1].length == 0);
-    EXPECT_TRUE(c[2].status == velka::kStatusOk && c[2].length == 300);
-    EXPECT_EQ(data.slice(0, 300), buffer);
+    ASSERT_TRUE(testing_support::readOnce(file, 300, &got));
+    EXPECT_TRUE(got.status == velka::kStatusOk && got.data == data.slice(0, 300));
     EXPECT_EQ(300, file.tell());
 }
 
