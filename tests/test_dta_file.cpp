@@ -32,7 +32,9 @@ namespace control = bctidta::control;
 using testing_support::ChainedReader;
 using testing_support::Completion;
 using testing_support::CompletionLog;
+using testing_support::Got;
 using testing_support::kWaitMs;
+using testing_support::readOnce;
 using testing_support::TempDataFile;
 using velka::DtaFile;
 using velka::File;
@@ -208,11 +210,9 @@ TEST_F(DtaFileTest, SeekTableTellsTheEngineEveryPosition) {
     // A read standing at the end gives the end without the engine.
     ASSERT_EQ(L, file.seek(0, File::kSeekEnd));
     const int readsBefore = control::calls().readData;
-    CompletionLog log;
-    CompletionLog::Callback end(log, 1);
-    ASSERT_NE(nullptr, file.readAsync(buffer.data(), buffer.size(), end));
-    ASSERT_TRUE(log.waitFor(1));
-    EXPECT_EQ(velka::kStatusEndOfFile, log.all()[0].status);
+    Got got;
+    ASSERT_TRUE(readOnce(file, 4096, &got));
+    EXPECT_EQ(velka::kStatusEndOfFile, got.status);
     EXPECT_EQ(0, file.read(buffer.data(), 100));
     EXPECT_EQ(readsBefore, control::calls().readData);
 }
@@ -267,26 +267,20 @@ TEST_F(DtaFileTest, ReadsFollowTheSeeksAndAFailedReadKeepsThePosition) {
         EXPECT_EQ(position + n, file.tell());
     }
     ASSERT_EQ(123, file.seek(123, File::kSeekSet));
-    CompletionLog log;
-    CompletionLog::Callback afterSeek(log, 1), failed(log, 2), retried(log, 3);
-    ASSERT_NE(nullptr, file.readAsync(buffer.data(), 300, afterSeek));
-    ASSERT_TRUE(log.waitFor(1));
-    EXPECT_EQ(data.slice(123, 300), buffer);
+    Got got;
+    ASSERT_TRUE(readOnce(file, 300, &got));
+    EXPECT_EQ(data.slice(123, 300), got.data);
 
     control::setReadResult(-3);
     EXPECT_EQ(-1, file.read(buffer.data(), 300));
     EXPECT_EQ(423, file.tell());
-    ASSERT_NE(nullptr, file.readAsync(buffer.data(), 300, failed));
-    ASSERT_TRUE(log.waitFor(2));
-    EXPECT_EQ(velka::kStatusError, log.all()[1].status);
-    EXPECT_EQ(0u, log.all()[1].length);
+    ASSERT_TRUE(readOnce(file, 300, &got));
+    EXPECT_TRUE(got.status == velka::kStatusError && got.count == 0);
     EXPECT_EQ(423, file.tell());
 
     control::setReadResult(0);
-    ASSERT_NE(nullptr, file.readAsync(buffer.data(), 300, retried));
-    ASSERT_TRUE(log.waitFor(3));
-    EXPECT_EQ(velka::kStatusOk, log.all()[2].status);
-    EXPECT_EQ(data.slice(423, 300), buffer);
+    ASSERT_TRUE(readOnce(file, 300, &got));
+    EXPECT_TRUE(got.status == velka::kStatusOk && got.data == data.slice(423, 300));
 }
 
 TEST_F(DtaFileTest, ErrorAndCachePercentComeFromTheEngineOnlyWithAHandleAboveZero) {

@@ -22,9 +22,9 @@
 namespace {
 
 namespace control = ems::control;
-using testing_support::Completion;
-using testing_support::CompletionLog;
+using testing_support::Got;
 using testing_support::kWaitMs;
+using testing_support::readOnce;
 using testing_support::TempDataFile;
 using velka::File;
 using velka::PpsFile;
@@ -91,12 +91,9 @@ TEST_F(PpsFileTest, SeekTableClampsToTheLengthAndReadsCarryThePosition) {
     // An asynchronous read at the end completes without the engine too.
     ASSERT_EQ(L, file.seek(0, File::kSeekEnd));
     const int readsBefore = control::calls(control::kReadData);
-    CompletionLog log;
-    CompletionLog::Callback callback(log, 1);
-    ASSERT_NE(nullptr, file.readAsync(buffer.data(), 16, callback));
-    ASSERT_TRUE(log.waitFor(1));
-    EXPECT_EQ(velka::kStatusEndOfFile, log.all()[0].status);
-    EXPECT_EQ(0u, log.all()[0].length);
+    Got got;
+    ASSERT_TRUE(readOnce(file, 16, &got));
+    EXPECT_TRUE(got.status == velka::kStatusEndOfFile && got.count == 0);
     EXPECT_EQ(readsBefore, control::calls(control::kReadData));
 }
 
@@ -140,12 +137,12 @@ TEST_F(PpsFileTest, EngineReadErrorsFailTheReadAndKeepThePosition) {
     std::vector<char> buffer(300);
     control::failCall(control::kReadData, -3);
     EXPECT_EQ(-3, file.read(buffer.data(), 300));
-    testing_support::Got got;
-    ASSERT_TRUE(testing_support::readOnce(file, 300, &got));
+    Got got;
+    ASSERT_TRUE(readOnce(file, 300, &got));
     EXPECT_TRUE(got.status == velka::kStatusError && got.count == 0);
     EXPECT_EQ(0, file.tell());
     control::reset();
-    ASSERT_TRUE(testing_support::readOnce(file, 300, &got));
+    ASSERT_TRUE(readOnce(file, 300, &got));
     EXPECT_TRUE(got.status == velka::kStatusOk && got.data == data.slice(0, 300));
     EXPECT_EQ(300, file.tell());
 }
