@@ -154,18 +154,12 @@ private:
         return true;
     }
 
-    static sockaddr_in loopback(int port) {
-        sockaddr_in addr = {};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(static_cast<uint16_t>(port));
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        return addr;
-    }
-
     static int freePort() {
         int fd = socket(AF_INET, SOCK_STREAM, 0);
         if (fd == -1) return -1;
-        sockaddr_in addr = loopback(0);
+        sockaddr_in addr = {};
+        addr.sin_family = AF_INET;
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t len = sizeof addr;
         int port = -1;
         if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
@@ -179,7 +173,10 @@ private:
     static bool accepts(int port) {
         int fd = socket(AF_INET, SOCK_STREAM, 0);
         if (fd == -1) return false;
-        sockaddr_in addr = loopback(port);
+        sockaddr_in addr = {};
+        addr.sin_family = AF_INET;
+        addr.sin_port = htons(static_cast<uint16_t>(port));
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         const bool ok = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
         close(fd);
         return ok;
