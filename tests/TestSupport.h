@@ -4,6 +4,7 @@
 // What the suites share: bounded waits, generated files, captured standard
 // output, and recorders for asynchronous reads.
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -259,6 +260,17 @@ private:
     std::string path_;
 };
 
+// Entries of a folder of /proc, "/proc/self/fd" (the descriptors this
+// process holds open) or "/proc/self/task" (its threads); -1 when unreadable.
+inline int procEntries(const char* dir) {
+    DIR* d = opendir(dir);
+    if (d == nullptr) return -1;
+    int count = 0;
+    for (struct dirent* e = readdir(d); e != nullptr; e = readdir(d)) count += e->d_name[0] != '.';
+    closedir(d);
+    return count;
+}
+
 struct Completion {
     int tag;  // which request, as the test numbered it
     velka::VelkaStatus status;
@@ -323,6 +335,26 @@ private:
     int inside_ = 0;  // complete() calls not yet returned
     std::vector<Completion> entries_;
 };
+
+// What one asynchronous read gave.
+struct Got {
+    velka::VelkaStatus status = velka::kStatusError;
+    uint32_t count = 0;
+    std::vector<char> data;
+};
+
+// One asynchronous read of `count` bytes at the position, waited for; false
+// when it was refused or did not complete in time.
+inline bool readOnce(velka::File& file, uint32_t count, Got* got) {
+    CompletionLog log;
+    CompletionLog::Callback callback(log, 0);
+    got->data.assign(count, 0);
+    if (file.readAsync(got->data.data(), count, callback) == nullptr || !log.waitFor(1)) return false;
+    got->status = log.all()[0].status;
+    got->count = log.all()[0].length;
+    got->data.resize(std::min(got->count, count));
+    return true;
+}
 
 // Three reads of 100 bytes on an opened `file`: the first waited for, the
 // second cancelled while its completion for the first is still held, the

@@ -1,8 +1,9 @@
-// DtaFile and its worker against the download engine stand-in: data through
-// blocking and chained asynchronous reads, the cancel rules, queue order
-// across files, the seek table, error codes, the engine's start-up, and in
-// child processes the engine that fails to initialise and the tear-down at
-// process exit.
+// DtaFile and its worker against the download engine stand-in: queue order
+// and cancels across files while the engine holds a read, the engine's part of
+// seeks, error codes, the engine's start-up, and in child processes the engine
+// that fails to initialise and the tear-down at process exit. What every
+// source promises, also at the engine's slow and short paces, is in
+// test_file_contract.cpp.
 
 #include <dirent.h>
 #include <gmock/gmock.h>
@@ -31,7 +32,9 @@ namespace control = bctidta::control;
 using testing_support::ChainedReader;
 using testing_support::Completion;
 using testing_support::CompletionLog;
+using testing_support::Got;
 using testing_support::kWaitMs;
+using testing_support::readOnce;
 using testing_support::TempDataFile;
 using velka::DtaFile;
 using velka::File;
@@ -55,113 +58,15 @@ protected:
     std::vector<std::unique_ptr<DtaFile>> files_;
 };
 
-// How the engine behaves while a file is read through.
-struct EnginePace {
-    const char* name;
-    uint32_t chunkBytes;    // download chunk, 0 = default
-    uint32_t chunkDelayMs;  // pause after each chunk
-    uint32_t readLimit;     // most bytes per readData, 0 = all wanted
-    uint32_t readDelayMs;   // wait before each readData answers
-};
-
-void PrintTo(const EnginePace& p, std::ostream* os) { *os << p.name; }
-
-class DtaFileDataTest : public DtaFileTest, public ::testing::WithParamInterface<EnginePace> {};
-
-TEST_P(DtaFileDataTest, ChainedAsyncAndBlockingReadsDeliverTheFileByteExact) {
-    const EnginePace& pace = GetParam();
-    control::setDownloadPace(pace.chunkBytes, pace.chunkDelayMs);
-    control::setReadLimit(pace.readLimit);
-    control::setReadDelay(pace.readDelayMs);
-    TempDataFile data(150 * 1024 + 333, 21);
-    DtaFile& file = openFile(data);
-
-    ChainedReader reader(file, 16 * 1024);
-    ASSERT_TRUE(reader.run());
-    EXPECT_EQ(data.bytes(), reader.data);
-    EXPECT_EQ(velka::kStatusEndOfFile, reader.statuses.back());
-    EXPECT_EQ(reader.statuses.size() - 1,
-              size_t(std::count(reader.statuses.begin(), reader.statuses.end(), velka::kStatusOk)));
-    EXPECT_EQ(data.size(), file.tell());
-    EXPECT_EQ(0, file.available());
-
-    std::vector<char> buffer(100);
-
-    // Reads at the end stay off the engine.
-    const control::Calls before = control::calls();
-    CompletionLog log;
-    CompletionLog::Callback callback(log, 1);
-    ASSERT_NE(nullptr, file.readAsync(buffer.data(), 100, callback));
-    ASSERT_TRUE(log.waitFor(1));
-    EXPECT_EQ(velka::kStatusEndOfFile, log.all()[0].status);
-    EXPECT_EQ(0u, log.all()[0].length);
-    EXPECT_EQ(0, file.read(buffer.data(), buffer.size()));
-    EXPECT_EQ(before.readData, control::calls().readData);
-}
-
-INSTANTIATE_TEST_SUITE_P(EnginePaces, DtaFileDataTest,
-                         ::testing::Values(EnginePace{"Prompt", 0, 0, 0, 0},
-                                           EnginePace{"SlowDownload", 3000, 1, 0, 0},
-                                           EnginePace{"ShortReads", 0, 0, 1111, 0},
-                                           EnginePace{"SlowShortReads", 5000, 1, 7000, 1}),
-                         [](const ::testing::TestParamInfo<EnginePace>& info) {
-                             return std::string(info.param.name);
-                         });
-
-TEST_F(DtaFileTest, EngineBuiltOnceForTwoFilesInItsWorkingDirectory) {
-    TempDataFile a(1000, 31), b(2000, 32);
+// Everything after the first request is queued, and one request of file B
+// cancelled, while the worker is held inside its first engine read: neither
+// may wait for that read, and the requests complete in queue order. The one
+// engine is built once, by the first open.
+TEST_F(DtaFileTest, RequestsOfTwoFilesCompleteInQueueOrderAndCancelDoesNotWaitForTheEngine) {
+    TempDataFile a(30000, 51), b(30000, 52);
     const int openUrlBefore = control::calls().openUrl;
     DtaFile unopened(a.dtaUrl());
     EXPECT_EQ(openUrlBefore, control::calls().openUrl) << "construction leaves the engine alone";
-    openFile(a);
-    openFile(b);
-    EXPECT_EQ(1, control::calls().initEngine);
-    EXPECT_EQ(0, control::calls().uninitEngine);
-    EXPECT_EQ("/tmp/velka", control::lastInitDirectory());
-    struct stat st;
-    ASSERT_EQ(0, stat("/tmp/velka", &st));
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
-}
-
-TEST_F(DtaFileTest, CancelQueuedRequestButNotOneTheWorkerTook) {
-    TempDataFile data(20000, 41);
-    DtaFile& file = openFile(data);
-    std::vector<char> first(4096), second(4096), third(4096);
-    // The worker completes the first request and stays in its completion.
-    CompletionLog log(true);
-    CompletionLog::Callback takenCallback(log, 1), queuedCallback(log, 2), nextCallback(log, 3);
-    void* taken = file.readAsync(first.data(), first.size(), takenCallback);
-    ASSERT_NE(nullptr, taken);
-    ASSERT_TRUE(log.waitFor(1));
-    const control::Calls before = control::calls();
-
-    void* queued = file.readAsync(second.data(), second.size(), queuedCallback);
-    ASSERT_NE(nullptr, queued);
-    EXPECT_EQ(0, file.cancel(queued));
-    EXPECT_EQ(0, file.cancel(queued)) << "a second cancel before it is served";
-    EXPECT_EQ(-1, file.cancel(taken));
-    log.open();
-    ASSERT_TRUE(log.waitFor(2));
-    EXPECT_EQ(before.readData, control::calls().readData)
-        << "the cancelled request reached the engine";
-    EXPECT_EQ(4096, file.tell());
-
-    // The cancelled request took nothing: the next read goes on after the first.
-    ASSERT_NE(nullptr, file.readAsync(third.data(), third.size(), nextCallback));
-    ASSERT_TRUE(log.waitFor(3));
-    const std::vector<Completion> c = log.all();
-    EXPECT_TRUE(c[0].tag == 1 && c[0].status == velka::kStatusOk && c[0].length == 4096);
-    EXPECT_TRUE(c[1].tag == 2 && c[1].status == velka::kStatusCancelled && c[1].length == 0);
-    EXPECT_TRUE(c[2].tag == 3 && c[2].status == velka::kStatusOk && c[2].length == 4096);
-    EXPECT_EQ(data.slice(0, 4096), first);
-    EXPECT_EQ(data.slice(4096, 4096), third);
-}
-
-// Everything after the first request is queued, and one request of file B
-// cancelled, while the worker is held inside its first engine read: neither
-// may wait for that read, and the requests complete in queue order.
-TEST_F(DtaFileTest, RequestsOfTwoFilesCompleteInQueueOrderAndCancelDoesNotWaitForTheEngine) {
-    TempDataFile a(30000, 51), b(30000, 52);
     DtaFile& fileA = openFile(a);
     DtaFile& fileB = openFile(b);
     struct Request {
@@ -216,9 +121,12 @@ TEST_F(DtaFileTest, RequestsOfTwoFilesCompleteInQueueOrderAndCancelDoesNotWaitFo
     }
     EXPECT_EQ(7007, fileA.tell());
     EXPECT_EQ(3500, fileB.tell());
-    // Both files were served by the one worker, which registered for events once.
+    // Both files were served by the one worker, which built the engine in its
+    // working directory and registered for events once.
     EXPECT_EQ(1, control::calls().setEventCallback);
     EXPECT_EQ(1, control::calls().initEngine);
+    EXPECT_EQ(0, control::calls().uninitEngine);
+    EXPECT_EQ("/tmp/velka", control::lastInitDirectory());
 }
 
 // The engine's stop cancels the reads it has outstanding, and the player's
@@ -266,8 +174,7 @@ TEST_F(DtaFileTest, CancelAndCloseDoNotWaitForAReadTheEngineHolds) {
     EXPECT_EQ(other.slice(0, 100), after);
 }
 
-// A clamped seek reaches the engine too: the read after it gives the last
-// byte, the one after that the end, and the position never passes the length.
+// Every seek reaches the engine, clamped ones too.
 TEST_F(DtaFileTest, SeekTableTellsTheEngineEveryPosition) {
     const int64_t L = 1000;
     TempDataFile data(L, 61);
@@ -277,25 +184,11 @@ TEST_F(DtaFileTest, SeekTableTellsTheEngineEveryPosition) {
         int64_t offset;
         int64_t expected;
     } const cases[] = {
-        {File::kSeekSet, 0, 0},
-        {File::kSeekSet, -5, 0},
-        {File::kSeekSet, 500, 500},
-        {File::kSeekSet, L - 1, L - 1},
+        // The rest of the table is the File contract's.
         {File::kSeekSet, L, L - 1},
-        {File::kSeekSet, L + 100, L - 1},
-        {File::kSeekCurrent, 100, 700},
-        {File::kSeekCurrent, 0, 600},
-        {File::kSeekCurrent, L - 600, L},
         {File::kSeekCurrent, L - 599, L - 1},
         {File::kSeekCurrent, INT64_MAX, L - 1},
-        {File::kSeekCurrent, -100, 500},
-        {File::kSeekCurrent, -600, 0},
-        {File::kSeekCurrent, -601, 0},
-        {File::kSeekEnd, 0, L},
         {File::kSeekEnd, 1, L - 1},
-        {File::kSeekEnd, -10, L - 10},
-        {File::kSeekEnd, -L, 0},
-        {File::kSeekEnd, -L - 1, 0},
         {File::kSeekEnd, INT64_MIN, 0},
         {7, 0, L},  // any other origin counts from the end
         {7, 5, L - 1},
@@ -314,22 +207,14 @@ TEST_F(DtaFileTest, SeekTableTellsTheEngineEveryPosition) {
         EXPECT_EQ(c.expected, seek.position);
         EXPECT_EQ(0, seek.flags);
     }
-    // The engine last stood at 600; the clamped seek moves it to the last byte.
-    ASSERT_EQ(L - 1, file.seek(L + 5000, File::kSeekSet));
-    CompletionLog log;
-    CompletionLog::Callback last(log, 1), end(log, 2);
-    ASSERT_NE(nullptr, file.readAsync(buffer.data(), buffer.size(), last));
-    ASSERT_TRUE(log.waitFor(1));
-    EXPECT_EQ(velka::kStatusOk, log.all()[0].status);
-    ASSERT_EQ(1u, log.all()[0].length);
-    EXPECT_EQ(data.slice(L - 1, 1)[0], buffer[0]);
-    EXPECT_EQ(L, file.tell());
-    EXPECT_EQ(0, file.available());
-    ASSERT_NE(nullptr, file.readAsync(buffer.data(), buffer.size(), end));
-    ASSERT_TRUE(log.waitFor(2));
-    EXPECT_EQ(velka::kStatusEndOfFile, log.all()[1].status);
-    EXPECT_EQ(0u, log.all()[1].length);
-    EXPECT_EQ(L, file.tell());
+    // A read standing at the end gives the end without the engine.
+    ASSERT_EQ(L, file.seek(0, File::kSeekEnd));
+    const int readsBefore = control::calls().readData;
+    Got got;
+    ASSERT_TRUE(readOnce(file, 4096, &got));
+    EXPECT_EQ(velka::kStatusEndOfFile, got.status);
+    EXPECT_EQ(0, file.read(buffer.data(), 100));
+    EXPECT_EQ(readsBefore, control::calls().readData);
 }
 
 // A stream whose length the engine does not give: positions from the start or
@@ -382,26 +267,20 @@ TEST_F(DtaFileTest, ReadsFollowTheSeeksAndAFailedReadKeepsThePosition) {
         EXPECT_EQ(position + n, file.tell());
     }
     ASSERT_EQ(123, file.seek(123, File::kSeekSet));
-    CompletionLog log;
-    CompletionLog::Callback afterSeek(log, 1), failed(log, 2), retried(log, 3);
-    ASSERT_NE(nullptr, file.readAsync(buffer.data(), 300, afterSeek));
-    ASSERT_TRUE(log.waitFor(1));
-    EXPECT_EQ(data.slice(123, 300), buffer);
+    Got got;
+    ASSERT_TRUE(readOnce(file, 300, &got));
+    EXPECT_EQ(data.slice(123, 300), got.data);
 
     control::setReadResult(-3);
     EXPECT_EQ(-1, file.read(buffer.data(), 300));
     EXPECT_EQ(423, file.tell());
-    ASSERT_NE(nullptr, file.readAsync(buffer.data(), 300, failed));
-    ASSERT_TRUE(log.waitFor(2));
-    EXPECT_EQ(velka::kStatusError, log.all()[1].status);
-    EXPECT_EQ(0u, log.all()[1].length);
+    ASSERT_TRUE(readOnce(file, 300, &got));
+    EXPECT_TRUE(got.status == velka::kStatusError && got.count == 0);
     EXPECT_EQ(423, file.tell());
 
     control::setReadResult(0);
-    ASSERT_NE(nullptr, file.readAsync(buffer.data(), 300, retried));
-    ASSERT_TRUE(log.waitFor(3));
-    EXPECT_EQ(velka::kStatusOk, log.all()[2].status);
-    EXPECT_EQ(data.slice(423, 300), buffer);
+    ASSERT_TRUE(readOnce(file, 300, &got));
+    EXPECT_TRUE(got.status == velka::kStatusOk && got.data == data.slice(423, 300));
 }
 
 TEST_F(DtaFileTest, ErrorAndCachePercentComeFromTheEngineOnlyWithAHandleAboveZero) {
@@ -452,18 +331,6 @@ TEST_F(DtaFileTest, FailedStartFailsOpenAndCloseReleasesTheTaskOnce) {
     EXPECT_EQ(-1, missing.open());
     EXPECT_EQ(5, missing.error());
     missing.close();
-}
-
-TEST(DtaFileDeathTest, ReadsNeedAHandle) {
-    testing_support::useThreadsafeDeathTests();
-    DtaFile file("dta-test:///whatever");
-    char buffer[10];
-    CompletionLog log;
-    CompletionLog::Callback callback(log, 1);
-    EXPECT_DEATH(file.read(buffer, sizeof buffer), "Assertion `handle_ != -1' failed");
-    EXPECT_DEATH(file.readAsync(buffer, sizeof buffer, callback),
-                 "Assertion `handle_ != -1' failed");
-    EXPECT_DEATH(file.cancel(buffer), "Assertion `handle_ != -1' failed");
 }
 
 // The child processes below start without a worker; each prints its report on

@@ -1,7 +1,8 @@
 // What every source promises through File, stated once and run against each
 // source: LocalFile over a temporary file, DtaFile over the download engine
-// stand-in (a local file, and nginx), HttpFile over nginx, PpsFile over the
-// peer-to-peer engine stand-in (at full rate, and rate-limited).
+// stand-in (a local file, nginx, slow and short engine reads), HttpFile over
+// nginx, PpsFile over the peer-to-peer engine stand-in (at full rate, and
+// rate-limited).
 //
 // A source joins with one entry of kSources: a name, a factory that makes a
 // medium of given bytes and returns a new, unopened File over it, and the
@@ -33,6 +34,7 @@ namespace {
 using testing_support::ChainedReader;
 using testing_support::Completion;
 using testing_support::CompletionLog;
+using testing_support::Got;
 using testing_support::slice;
 using velka::File;
 using velka::VelkaStatus;
@@ -45,6 +47,8 @@ enum class Clamp {
     kToLength,    // clamped into [0, length]
     kBelowLength  // the download engine's table: mostly to length - 1 (DtaFile.h)
 };
+
+enum ClosedStops { kStopsCancel = 1, kStopsPositions = 2 };  // seek, tell, length, available
 
 struct Source {
     const char* name;
@@ -61,6 +65,8 @@ struct Source {
     // close() completes the queued reads before it returns; otherwise they
     // complete once afterwards, and the file must outlive them.
     bool closeCompletesReads;
+    // Calls besides the reads that stop at an assertion on a closed file.
+    int closedStops = kStopsCancel | kStopsPositions;
 };
 
 void PrintTo(const Source& s, std::ostream* os) { *os << s.name; }
@@ -142,11 +148,27 @@ std::string newPlaylist(const std::vector<char>& bytes) {
 
 const Source kSources[] = {
     {"LocalFile", [](const std::vector<char>& b) { return new velka::LocalFile("file://" + newFile(b)); },
-     Clamp::kPosix, velka::kStatusEndOfFile, false, true},
+     Clamp::kPosix, velka::kStatusEndOfFile, false, true, kStopsPositions},
     {"DtaFileLocal", [](const std::vector<char>& b) { return new velka::DtaFile("dta-test://" + newFile(b)); },
-     Clamp::kBelowLength, velka::kStatusOk, true, true},
+     Clamp::kBelowLength, velka::kStatusOk, true, true, kStopsCancel},
     {"DtaFileNginx", [](const std::vector<char>& b) { return new velka::DtaFile(newUrl(b)); },
-     Clamp::kBelowLength, velka::kStatusOk, true, true},
+     Clamp::kBelowLength, velka::kStatusOk, true, true, kStopsCancel},
+    // The engine answers at most 1111 bytes a read.
+    {"DtaFileShortReads",
+     [](const std::vector<char>& b) {
+         bctidta::control::setReadLimit(1111);
+         return new velka::DtaFile("dta-test://" + newFile(b));
+     },
+     Clamp::kBelowLength, velka::kStatusOk, true, true, kStopsCancel},
+    // Downloads 5000 bytes a millisecond; each read waits 1 ms and gets at most 7000.
+    {"DtaFileSlow",
+     [](const std::vector<char>& b) {
+         bctidta::control::setDownloadPace(5000, 1);
+         bctidta::control::setReadLimit(7000);
+         bctidta::control::setReadDelay(1);
+         return new velka::DtaFile("dta-test://" + newFile(b));
+     },
+     Clamp::kBelowLength, velka::kStatusOk, true, true, kStopsCancel},
     {"HttpFile", [](const std::vector<char>& b) { return new velka::HttpFile(newUrl(b)); },
      Clamp::kToLength, velka::kStatusEndOfFile, false, true},
     {"HlsFile", [](const std::vector<char>& b) { return new velka::HlsFile(newPlaylist(b)); },
@@ -159,13 +181,6 @@ const Source kSources[] = {
          return new velka::PpsFile("pps-test://" + newFile(b));
      },
      Clamp::kToLength, velka::kStatusOk, true, false},
-};
-
-// What one asynchronous read gave.
-struct Got {
-    VelkaStatus status = velka::kStatusError;
-    uint32_t count = 0;
-    std::vector<char> data;
 };
 
 class FileContractTest : public ::testing::TestWithParam<Source> {
@@ -195,16 +210,10 @@ protected:
     Got readAsync(uint32_t count) {
         Got got;
         for (int attempt = 0; attempt < testing_support::kWaitMs; ++attempt) {
-            CompletionLog log;
-            CompletionLog::Callback callback(log, 0);
-            got.data.assign(count, 0);
-            if (file_->readAsync(got.data.data(), count, callback) == nullptr || !log.waitFor(1)) {
+            if (!testing_support::readOnce(*file_, count, &got)) {
                 ADD_FAILURE() << "refused or never completed";
                 return got;
             }
-            got.status = log.all()[0].status;
-            got.count = log.all()[0].length;
-            got.data.resize(std::min(got.count, count));
             if (!empty(got.status, got.count, count)) break;
             usleep(1000);
         }
@@ -284,9 +293,11 @@ TEST_P(FileContractTest, ReadsChainedFromCompletionsDeliverEveryByteOnce) {
 }
 
 // Blocking and asynchronous reads of 0, 1, odd and large counts share one
-// position; at the end a read is cut short, then gives the end.
-TEST_P(FileContractTest, BlockingAndAsynchronousReadsOfEverySizeShareThePosition) {
-    File& file = open(3 * kMiB + 5, 3);
+// position. A read standing at the end, also right after a seek there (beyond
+// what the HTTP ring holds), gives the end and 0 bytes; one that the end cuts
+// short gives what is left; the file goes on serving every other position.
+TEST_P(FileContractTest, ReadsOfEverySizeShareThePositionAndTheEndLeavesTheFileUsable) {
+    File& file = open(17 * kMiB + 5, 3);
     std::vector<char> buffer(kMiB + 3);
     int64_t pos = 0;
     for (const uint32_t count : {0u, 1u, 7u, 4093u, 4096u, uint32_t(kMiB) + 3}) {
@@ -305,6 +316,9 @@ TEST_P(FileContractTest, BlockingAndAsynchronousReadsOfEverySizeShareThePosition
         EXPECT_EQ(length() - pos, file.available());
         pos += expectReadAt(pos, count);
     }
+    ASSERT_EQ(length(), file.seek(0, File::kSeekEnd));
+    expectReadAt(length(), 4096);
+    EXPECT_EQ(0, read(buffer.data(), 1));
     ASSERT_EQ(length() - 10, file.seek(-10, File::kSeekEnd));
     for (int64_t at = length() - 10; at < length();) {
         const uint32_t n = expectReadAt(at, 100);
@@ -315,18 +329,6 @@ TEST_P(FileContractTest, BlockingAndAsynchronousReadsOfEverySizeShareThePosition
     EXPECT_EQ(0, read(buffer.data(), 100));
     EXPECT_EQ(length(), file.tell());
     EXPECT_EQ(0, file.available());
-}
-
-// A read standing at the end, also right after a seek there, gives the end
-// and 0 bytes; the file goes on serving every other position.
-// Larger than the HTTP ring: the end lies beyond what the download has brought.
-TEST_P(FileContractTest, AReadAtTheEndGivesTheEndAndTheFileStaysUsable) {
-    File& file = open(17 * kMiB + 5, 4);
-    const int64_t end = file.seek(0, File::kSeekEnd);
-    ASSERT_EQ(length(), end);
-    expectReadAt(length(), 4096);
-    char byte;
-    EXPECT_EQ(0, read(&byte, 1));
     ASSERT_EQ(1000, file.seek(1000, File::kSeekSet));
     expectReadAt(1000, 4096);
 }
@@ -490,15 +492,27 @@ TEST_P(FileContractTest, CloseCompletesQueuedReadsOnceAndCloseTwiceIsHarmless) {
     EXPECT_EQ(4u, log.all().size());
 }
 
-// A closed file takes no more reads: the sources stop at their assertion.
-TEST_P(FileContractTest, AClosedFileRefusesReads) {
+// A closed file, as one never opened, takes no more reads, nor the other calls
+// the source declares: they stop at the source's assertion.
+TEST_P(FileContractTest, AClosedFileStopsAtItsAssertion) {
     testing_support::useThreadsafeDeathTests();
     File& file = open(1000, 9);
     file.close();
     char byte;
     CompletionLog log;
     CompletionLog::Callback callback(log, 0);
-    EXPECT_DEATH(file.readAsync(&byte, 1, callback), "!= -1|!= __null");
+    const char* const kStopped = "!= -1|!= __null";
+    EXPECT_DEATH(file.read(&byte, 1), kStopped);
+    EXPECT_DEATH(file.readAsync(&byte, 1, callback), kStopped);
+    if (GetParam().closedStops & kStopsCancel) {
+        EXPECT_DEATH(file.cancel(&byte), kStopped);
+    }
+    if (GetParam().closedStops & kStopsPositions) {
+        EXPECT_DEATH(file.seek(0, File::kSeekSet), kStopped);
+        EXPECT_DEATH(file.tell(), kStopped);
+        EXPECT_DEATH(file.length(), kStopped);
+        EXPECT_DEATH(file.available(), kStopped);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Sources, FileContractTest, ::testing::ValuesIn(kSources),

@@ -2,10 +2,9 @@
 // short bodies resumed with a range or ending in a clear error, wrong
 // statuses, unknown lengths, redirects, failing opens, a stall restarted while
 // a full ring and a slow drip are not, tasks released in the middle of a
-// fault, sixteen files on the worker while four suffer faults, and the
+// fault, fifteen files on the worker while three suffer faults, and the
 // descriptors, threads and memory left after many cycles.
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -142,6 +141,11 @@ TEST_P(HttpStreamFaultTest, ResumesWhereItStoodOrEndsInAClearError) {
     ASSERT_FALSE(HasFailure());
     const bool unknownLength = c.replies[0].framing != Reply::kLength;
     EXPECT_EQ(unknownLength ? -1 : kStream, file->length());
+    if (unknownLength) {  // nothing to seek in
+        EXPECT_EQ(-1, file->seek(10, File::kSeekEnd));
+        EXPECT_EQ(-1, file->seek(10, File::kSeekCurrent));
+        EXPECT_EQ(0, file->seek(10, File::kSeekSet));
+    }
 
     constexpr int kReads = 5;
     constexpr int64_t kQuarter = kStream / 4;
@@ -422,16 +426,16 @@ INSTANTIATE_TEST_SUITE_P(Faults, HttpReleaseTest, ::testing::ValuesIn(kReleaseCa
 
 // --- Load -------------------------------------------------------------------------------------
 
-// Sixteen files stream at once on the one worker. Twelve are healthy (three
+// Fifteen files stream at once on the one worker. Twelve are healthy (three
 // of them larger than the ring, so their transfers pause and resume among the
-// others); of the other four one is dropped once (and resumed), one never gets
-// the rest of its body, one is answered 200 to its retry, and one stalls until
-// it is closed. Every healthy one (and the resumed one) arrives byte-exact.
-TEST_F(HttpFaultTest, SixteenFilesStreamWhileFourSufferFaults) {
+// others); of the other three one is dropped once (and resumed), one never
+// gets the rest of its body, and one is answered 200 to its retry. Every
+// healthy one (and the resumed one) arrives byte-exact. (A file that stalls
+// while others stream, and is closed, is HttpReleaseTest's.)
+TEST_F(HttpFaultTest, FifteenFilesStreamWhileThreeSufferFaults) {
     server_.script("/dropped", {cut(Reply::kReset), kWhole});
     server_.script("/short", {cut(Reply::kFin)});
     server_.script("/refused", {cut(Reply::kReset), status(200)});
-    server_.script("/stuck", {cut(Reply::kFin, kCut, 60000)});
     std::vector<std::string> paths = {"/dropped", "/short", "/refused"};
     for (int i = 0; i < 12; ++i) {
         paths.push_back((i < 3 ? "/big" : "/healthy") + std::to_string(i));
@@ -439,12 +443,7 @@ TEST_F(HttpFaultTest, SixteenFilesStreamWhileFourSufferFaults) {
     }
     std::vector<std::unique_ptr<HttpFile>> files;
     for (const std::string& path : paths) files.push_back(open(path));
-    std::unique_ptr<HttpFile> stuck = open("/stuck");
     ASSERT_FALSE(HasFailure());
-    CompletionLog stuckLog;
-    CompletionLog::Callback stuckCallback(stuckLog, 0);
-    std::vector<char> stuckBuffer(kStream);
-    ASSERT_NE(nullptr, stuck->readAsync(stuckBuffer.data(), kStream, stuckCallback));
 
     std::vector<std::unique_ptr<ChainedReader>> readers;
     std::vector<std::thread> threads;
@@ -455,11 +454,7 @@ TEST_F(HttpFaultTest, SixteenFilesStreamWhileFourSufferFaults) {
     for (size_t i = 0; i < paths.size(); ++i) {
         threads.emplace_back([&, i] { ran[i] = readers[i]->run(); });
     }
-    const Clock::time_point start = Clock::now();
     for (std::thread& t : threads) t.join();
-    // A request queued while the worker waits on the stuck stream's socket
-    // is served within a pass all the same.
-    EXPECT_LT(secondsSince(start), 10.0);
     for (size_t i = 0; i < paths.size(); ++i) {
         SCOPED_TRACE(paths[i]);
         const bool fails = paths[i] == "/short" || paths[i] == "/refused";
@@ -478,25 +473,12 @@ TEST_F(HttpFaultTest, SixteenFilesStreamWhileFourSufferFaults) {
                                                                      : slice(bytes(), 0, kStream)));
         }
     }
-    EXPECT_TRUE(stuckLog.all().empty());
-    EXPECT_EQ(0, stuck->close());
-    ASSERT_EQ(1u, stuckLog.all().size()) << "close() returned before the queued request completed";
-    EXPECT_EQ(velka::kStatusCancelled, stuckLog.all()[0].status);
-    EXPECT_EQ(0, stuck->close());
 }
 
 // --- Resources --------------------------------------------------------------------------------
 
-size_t entries(const char* dir) {
-    size_t n = 0;
-    if (DIR* d = opendir(dir)) {
-        while (readdir(d) != nullptr) ++n;
-        closedir(d);
-    }
-    return n;
-}
-size_t openDescriptors() { return entries("/proc/self/fd"); }
-size_t threads() { return entries("/proc/self/task"); }
+int openDescriptors() { return testing_support::procEntries("/proc/self/fd"); }
+int threads() { return testing_support::procEntries("/proc/self/task"); }
 int64_t residentBytes() {
     long pages = 0, resident = 0;
     if (FILE* f = fopen("/proc/self/statm", "r")) {
@@ -541,8 +523,8 @@ TEST_F(HttpFaultTest, ManyOpenReadCloseCyclesLeaveNothingBehind) {
     for (int i = 0; i < 40; ++i) cycle(nginx.url("small"));
     for (const std::string& url : failing) cycle(url);
     ASSERT_TRUE(server_.waitIdle());
-    const size_t descriptors = openDescriptors();
-    const size_t threadCount = threads();
+    const int descriptors = openDescriptors();
+    const int threadCount = threads();
     const int64_t resident = residentBytes();
 
     const Clock::time_point start = Clock::now();

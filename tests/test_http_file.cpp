@@ -1,10 +1,10 @@
-// HttpFile and its worker against a real nginx on 127.0.0.1: chained reads
-// through a full ring in one request, a seeded run of seeks and reads checked
-// against a model of the ring and nginx's access log, waits for short gaps,
-// the end of the stream and the tail cache, the end after a far seek, a
-// cancel after a partial delivery, a flood of wakes, and the precondition
-// assertions (failing opens are in the fault suite; what every source
-// promises is in test_file_contract.cpp).
+// HttpFile and its worker against a real nginx on 127.0.0.1: a seeded run of
+// seeks and reads through a full ring checked against a model of the ring and
+// nginx's access log (one request unless the ring cannot serve), the end of
+// the stream and the tail cache, the end after a far seek, a cancel after a
+// partial delivery, a flood of wakes, and a cancel of no request (failing
+// opens and unknown lengths are in the fault suite, waits for a gap ahead in
+// test_http_link.cpp; what every source promises is in test_file_contract.cpp).
 
 #include <gtest/gtest.h>
 
@@ -25,9 +25,10 @@
 
 namespace {
 
-using testing_support::ChainedReader;
 using testing_support::Completion;
 using testing_support::CompletionLog;
+using testing_support::Got;
+using testing_support::readOnce;
 using testing_support::NginxServer;
 using testing_support::patternBytes;
 using testing_support::slice;
@@ -38,27 +39,6 @@ using velka::VelkaStatus;
 
 constexpr int64_t kMiB = 1024 * 1024;
 constexpr int64_t kRingBytes = 16 * kMiB;
-
-// What one asynchronous read gave.
-struct Got {
-    VelkaStatus status = velka::kStatusError;
-    uint32_t count = 0;
-    std::vector<char> data;
-};
-
-// Issues one asynchronous read of `size` bytes and waits for it; false when
-// it was refused or did not complete in time.
-bool readOnce(File& file, uint32_t size, Got* got) {
-    CompletionLog log;
-    CompletionLog::Callback callback(log, 0);
-    std::vector<char> buffer(size);
-    if (file.readAsync(buffer.data(), size, callback) == nullptr || !log.waitFor(1)) return false;
-    const Completion c = log.all()[0];
-    got->status = c.status;
-    got->count = c.length;
-    got->data.assign(buffer.begin(), buffer.begin() + std::min(c.length, size));
-    return true;
-}
 
 class HttpFileTest : public ::testing::Test {
 protected:
@@ -109,32 +89,6 @@ protected:
     StdoutTap tap_;
     std::vector<std::unique_ptr<HttpFile>> files_;
 };
-
-TEST_F(HttpFileTest, ChainedReadsThroughAFullRingArriveByteExactInOneRequest) {
-    const std::vector<char> bytes = patternBytes(40 * kMiB + 4321, 8);
-    server_.serve("big", bytes);
-    HttpFile& file = openFile("big", static_cast<int64_t>(bytes.size()));
-
-    // With no request the download fills the ring and pauses.
-    int64_t pos = 0;
-    ASSERT_FALSE(waitQuiet(file, bytes, &pos, 0));
-    ChainedReader reader(file, 256 * 1024);
-    ASSERT_TRUE(reader.run());
-    ASSERT_EQ(bytes.size() - static_cast<size_t>(pos), reader.data.size());
-    EXPECT_TRUE(std::equal(reader.data.begin(), reader.data.end(), bytes.begin() + pos));
-    ASSERT_FALSE(reader.statuses.empty());
-    EXPECT_EQ(velka::kStatusEndOfFile, reader.statuses.back());
-    for (size_t i = 0; i + 1 < reader.statuses.size(); ++i) {
-        EXPECT_EQ(velka::kStatusOk, reader.statuses[i]) << "read " << i;
-    }
-    EXPECT_GT(tap_.count("task unpaused"), 0u);
-
-    const auto requests = server_.waitForRequests(1);
-    ASSERT_EQ(1u, requests.size());
-    EXPECT_EQ("-", requests[0].range);
-    EXPECT_EQ(200, requests[0].status);
-    EXPECT_EQ(static_cast<int64_t>(bytes.size()), requests[0].bodyBytes);
-}
 
 // Before each seek the download is left to go quiet (ring full and paused, or
 // the transfer ended), so that the model knows what the ring holds to within
@@ -240,31 +194,6 @@ TEST_F(HttpFileTest, SeededSeeksAndReadsCostRequestsOnlyWhereTheRingCannotServe)
     EXPECT_EQ(expectedRanges, ranges);
 }
 
-// The slow location sends 256 KiB a second: a seek a little ahead of the
-// download waits for the gap, a farther one restarts with a range.
-TEST_F(HttpFileTest, SeekAheadOfTheDownloadWaitsForAShortGapAndRestartsForALongOne) {
-    const std::vector<char> bytes = patternBytes(4 * kMiB, 10);
-    server_.serve("gap", bytes);
-    HttpFile& file = openFile("slow/gap", static_cast<int64_t>(bytes.size()));
-    for (const int64_t target : {int64_t(100 * 1024), 3 * kMiB}) {
-        ASSERT_EQ(target, file.seek(target, File::kSeekSet));
-        Got read;
-        ASSERT_TRUE(readOnce(file, 1000, &read));
-        EXPECT_EQ(velka::kStatusOk, read.status);
-        EXPECT_TRUE(read.data == slice(bytes, target, 1000)) << target;
-    }
-    // The short gap is waited for, or (on a slow machine) has already come
-    // and is skipped; either way only the long one restarts.
-    const std::string text = tap_.text();
-    EXPECT_TRUE(text.find("seek forward 102400, pos ") != std::string::npos ||
-                text.find("skip 102400, pos ") != std::string::npos);
-    EXPECT_EQ(1u, tap_.count("reseek forward "));
-    files_.clear();
-    const auto requests = server_.waitForRequests(2);
-    ASSERT_EQ(2u, requests.size());
-    EXPECT_EQ("bytes=3145728-", requests[0].range == "-" ? requests[1].range : requests[0].range);
-}
-
 struct EndCase {
     const char* name;
     const char* path;
@@ -319,23 +248,6 @@ INSTANTIATE_TEST_SUITE_P(
                       EndCase{"RmvbOfOnly32KiB", "small.rmvb", 32768, false},
                       EndCase{"RmvbAnywhereInTheUrl", "clip.rmvb.d", 100000, true}),
     [](const ::testing::TestParamInfo<EndCase>& info) { return info.param.name; });
-
-// Without a Content-Length there is no tail cache and no seeking; the stream
-// is read as it comes and ends with kStatusEndOfFile once the transfer has.
-TEST_F(HttpFileTest, UnknownLengthIsReadToItsEndAndRefusesSeeks) {
-    const std::vector<char> bytes = patternBytes(3 * kMiB + 99, 12);
-    server_.serve("live.rmvb", bytes);
-    HttpFile& file = openFile("chunked/live.rmvb", -1);
-    EXPECT_EQ(0u, tap_.count("create tail cache"));
-    EXPECT_EQ(-1, file.seek(10, File::kSeekEnd));
-    EXPECT_EQ(-1, file.seek(10, File::kSeekCurrent));
-    EXPECT_EQ(0, file.seek(10, File::kSeekSet));
-    EXPECT_EQ(0, file.tell());
-    ChainedReader reader(file, 100 * 1000);
-    ASSERT_TRUE(reader.run());
-    EXPECT_TRUE(reader.data == bytes);
-    EXPECT_EQ(velka::kStatusEndOfFile, reader.statuses.back());
-}
 
 // A demuxer probing the end: a read standing at the end completes with
 // kStatusEndOfFile and 0 bytes without asking the server for "LENGTH-" (which
@@ -432,21 +344,6 @@ TEST_F(HttpFileTest, AFloodOfWakesFromSeveralThreadsLosesNoWake) {
             << "round " << round << ": passes ended by the time-out "
             << velka::HttpTaskThread::passCounts().timedOut;
     }
-}
-
-TEST(HttpFileDeathTest, OperationsOnAFileThatIsNotOpenStopAtTheAssertion) {
-    testing_support::useThreadsafeDeathTests();
-    HttpFile file("http://127.0.0.1:1/never-opened");
-    char byte;
-    CompletionLog log;
-    CompletionLog::Callback callback(log, 0);
-    EXPECT_DEATH(file.read(&byte, 1), "task_ != __null");
-    EXPECT_DEATH(file.readAsync(&byte, 1, callback), "task_ != __null");
-    EXPECT_DEATH(file.cancel(&byte), "task_ != __null");
-    EXPECT_DEATH(file.seek(0, File::kSeekSet), "task_ != __null");
-    EXPECT_DEATH(file.tell(), "task_ != __null");
-    EXPECT_DEATH(file.length(), "task_ != __null");
-    EXPECT_DEATH(file.available(), "task_ != __null");
 }
 
 // Forked, not re-run: a re-run would start a second server that the dying

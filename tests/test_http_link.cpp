@@ -41,6 +41,8 @@ struct LinkCase {
     std::vector<Step> steps;
     std::vector<std::string> ranges;  // the requests' Range headers, sorted; "-" for none
     const char* line;                 // a line the choice prints
+    double megabitsPerSecond = 8;     // the whole file takes over 8 s
+    int roundTripMs = 100;
 };
 
 std::string rangeFrom(int64_t offset) { return "bytes=" + std::to_string(offset) + "-"; }
@@ -60,6 +62,14 @@ const LinkCase kCases[] = {
      {{0, 64 * 1024}, {64 * kKiB + 200 * kKiB, 64 * 1024}, {5 * kMiB, 64 * 1024}},
      {"-", rangeFrom(5 * kMiB)},
      "wait gap "},
+    // A gap of up to 128 KiB is always waited for, also where a new request
+    // would answer sooner (a round trip of 1 ms against 0.4 s for the gap).
+    {"ShortGapWaitsWhereARestartWouldBeSooner",
+     {{0, 64 * 1024}, {164 * kKiB, 64 * 1024}},
+     {"-"},
+     "wait gap ",
+     2,
+     1},
 };
 
 class HttpLinkTest : public ::testing::TestWithParam<LinkCase> {};
@@ -71,11 +81,10 @@ TEST_P(HttpLinkTest, CostsOnlyTheRequestsTheLinkMakesWorthwhile) {
     ASSERT_TRUE(server.start(&why)) << why;
     const std::vector<char> bytes = patternBytes(kFileBytes, 11);
     server.serve("clip", bytes);
-    // 8 Mbit/s: the whole file takes over 8 s, far longer than the steps.
     LinkEmulator link;
     LinkEmulator::Options options;
-    options.megabitsPerSecond = 8;
-    options.roundTripMs = 100;
+    options.megabitsPerSecond = c.megabitsPerSecond;
+    options.roundTripMs = c.roundTripMs;
     ASSERT_TRUE(link.start(server.port(), options, &why)) << why;
 
     StdoutTap tap;

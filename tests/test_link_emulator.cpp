@@ -98,18 +98,4 @@ TEST_F(LinkEmulatorTest, ARequestWaitsItsRoundTrips) {
     EXPECT_LT(took, 2.0);
 }
 
-// Nothing moves in a blackout; what waited arrives after it.
-TEST_F(LinkEmulatorTest, ABlackoutHoldsEverythingUntilItEnds) {
-    startLink(100, 10);
-    link_.blackout(true);
-    const Clock::time_point start = Clock::now();
-    std::thread lift([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(500));
-        link_.blackout(false);
-    });
-    EXPECT_GT(fetch(link_.port(), "tiny"), 100);
-    lift.join();
-    EXPECT_GT(secondsSince(start), 0.49);
-}
-
 }  // namespace

@@ -2,7 +2,6 @@
 // asynchronous I/O and its notification threads: what only this source does
 // (what every source promises is in test_file_contract.cpp).
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,17 +27,7 @@ using velka::LocalFile;
 
 constexpr size_t kMiB = 1024 * 1024;
 
-// Entries of /proc/self/fd: the descriptors this process holds open.
-int openDescriptorCount() {
-    DIR* dir = opendir("/proc/self/fd");
-    if (dir == nullptr) return -1;
-    int count = 0;
-    for (struct dirent* e = readdir(dir); e != nullptr; e = readdir(dir)) {
-        count += e->d_name[0] != '.';
-    }
-    closedir(dir);
-    return count;
-}
+int openDescriptorCount() { return testing_support::procEntries("/proc/self/fd"); }
 
 class LocalFileTest : public ::testing::Test {
 protected:

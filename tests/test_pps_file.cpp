@@ -1,8 +1,10 @@
 // PpsFile and its worker against the peer-to-peer engine stand-in: the event
 // listener's table, open and its failures, reads of parts not yet downloaded
-// and engine errors, the engine's part of seeks and reads, the cancel rules
-// and queue order across files, and in a child process the engine that fails
-// to initialise. What every source promises is in test_file_contract.cpp.
+// and engine errors, the engine's part of seeks and reads, and in a child
+// process the engine that fails to initialise. What every source promises is
+// in test_file_contract.cpp; the queue both engine sources share
+// (EngineTaskThread.h) is held to its order and cancel rules across files by
+// test_dta_file.cpp.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -20,10 +22,9 @@
 namespace {
 
 namespace control = ems::control;
-using testing_support::ChainedReader;
-using testing_support::Completion;
-using testing_support::CompletionLog;
+using testing_support::Got;
 using testing_support::kWaitMs;
+using testing_support::readOnce;
 using testing_support::TempDataFile;
 using velka::File;
 using velka::PpsFile;
@@ -90,12 +91,9 @@ TEST_F(PpsFileTest, SeekTableClampsToTheLengthAndReadsCarryThePosition) {
     // An asynchronous read at the end completes without the engine too.
     ASSERT_EQ(L, file.seek(0, File::kSeekEnd));
     const int readsBefore = control::calls(control::kReadData);
-    CompletionLog log;
-    CompletionLog::Callback callback(log, 1);
-    ASSERT_NE(nullptr, file.readAsync(buffer.data(), 16, callback));
-    ASSERT_TRUE(log.waitFor(1));
-    EXPECT_EQ(velka::kStatusEndOfFile, log.all()[0].status);
-    EXPECT_EQ(0u, log.all()[0].length);
+    Got got;
+    ASSERT_TRUE(readOnce(file, 16, &got));
+    EXPECT_TRUE(got.status == velka::kStatusEndOfFile && got.count == 0);
     EXPECT_EQ(readsBefore, control::calls(control::kReadData));
 }
 
@@ -129,35 +127,23 @@ TEST_F(PpsFileTest, UnknownLengthGivesNoNegativeOrMadeUpPositions) {
     }
 }
 
-// Parts not yet downloaded read as 0 bytes and leave the position; an engine
-// read error fails the read and leaves it too.
-TEST_F(PpsFileTest, MissingPartsReadAsNothingAndErrorsKeepThePosition) {
-    control::pauseDownloads(true);
+// An engine read error fails the read and leaves the position; the next read
+// goes on from there. (Parts not yet downloaded, read as 0 bytes, are the
+// File contract's PpsFileRateLimited.)
+TEST_F(PpsFileTest, EngineReadErrorsFailTheReadAndKeepThePosition) {
     TempDataFile data(100000, 62);
     PpsFile& file = openFile(data);
+    ASSERT_TRUE(control::waitForDownloadsIdle(kWaitMs));
     std::vector<char> buffer(300);
-    CompletionLog log;
-    CompletionLog::Callback notYet(log, 1), failed(log, 2), arrived(log, 3);
-    EXPECT_EQ(0, file.read(buffer.data(), 300));
-    ASSERT_NE(nullptr, file.readAsync(buffer.data(), 300, notYet));
-    ASSERT_TRUE(log.waitFor(1));
-    EXPECT_EQ(0, file.tell());
-
     control::failCall(control::kReadData, -3);
     EXPECT_EQ(-3, file.read(buffer.data(), 300));
-    ASSERT_NE(nullptr, file.readAsync(buffer.data(), 300, failed));
-    ASSERT_TRUE(log.waitFor(2));
+    Got got;
+    ASSERT_TRUE(readOnce(file, 300, &got));
+    EXPECT_TRUE(got.status == velka::kStatusError && got.count == 0);
     EXPECT_EQ(0, file.tell());
-
     control::reset();
-    ASSERT_TRUE(control::waitForDownloadsIdle(kWaitMs));
-    ASSERT_NE(nullptr, file.readAsync(buffer.data(), 300, arrived));
-    ASSERT_TRUE(log.waitFor(3));
-    const std::vector<Completion> c = log.all();
-    EXPECT_TRUE(c[0].status == velka::kStatusOk && c[0].length == 0);
-    EXPECT_TRUE(c[1].status == velka::kStatusError && c[1].length == 0);
-    EXPECT_TRUE(c[2].status == velka::kStatusOk && c[2].length == 300);
-    EXPECT_EQ(data.slice(0, 300), buffer);
+    ASSERT_TRUE(readOnce(file, 300, &got));
+    EXPECT_TRUE(got.status == velka::kStatusOk && got.data == data.slice(0, 300));
     EXPECT_EQ(300, file.tell());
 }
 
@@ -287,84 +273,6 @@ TEST_F(PpsFileTest, EveryEngineEventPrintsItsLineAndHasItsEffect) {
     }
     EXPECT_EQ(0, file.close()) << "a file without a task";
     EXPECT_EQ(0, file.cachePercent());
-}
-
-// The worker is held inside the completion of A's first read while the rest
-// is queued; the requests of both files complete in queue order, once each.
-TEST_F(PpsFileTest, RequestsOfTwoFilesCompleteInQueueOrderAndOnlyQueuedOnesCancel) {
-    TempDataFile a(30000, 51), b(30000, 52);
-    PpsFile& fileA = openFile(a);
-    PpsFile& fileB = openFile(b);
-    ASSERT_TRUE(control::waitForDownloadsIdle(kWaitMs));
-    struct Request {
-        PpsFile* file;
-        const TempDataFile* data;
-        int64_t offset;
-        uint32_t length;
-        bool cancelled;
-    } const requests[] = {
-        {&fileA, &a, 0, 1000, false},   {&fileB, &b, 0, 3000, false},
-        {&fileA, &a, 1000, 2000, true}, {&fileB, &b, 3000, 500, false},
-        {&fileA, &a, 1000, 7, false},   {&fileB, &b, 3500, 100, true},
-    };
-    constexpr int kCount = 6;
-    CompletionLog log(true);
-    std::vector<std::unique_ptr<CompletionLog::Callback>> callbacks;
-    std::vector<std::vector<char>> buffers;
-    std::vector<void*> handles;
-    for (int i = 0; i < kCount; ++i) {
-        callbacks.emplace_back(new CompletionLog::Callback(log, i));
-        buffers.emplace_back(requests[i].length);
-        handles.push_back(
-            requests[i].file->readAsync(buffers[i].data(), requests[i].length, *callbacks[i]));
-        ASSERT_NE(nullptr, handles[i]);
-        if (i == 0) {
-            ASSERT_TRUE(log.waitFor(1));
-        }
-    }
-    for (int i = 1; i < kCount; ++i) {
-        if (requests[i].cancelled) {
-            EXPECT_EQ(0, requests[i].file->cancel(handles[i]));
-            EXPECT_EQ(0, requests[i].file->cancel(handles[i])) << "a second cancel while queued";
-        }
-    }
-    EXPECT_EQ(-1, fileA.cancel(handles[0])) << "the worker has taken it";
-    const int readsBefore = control::calls(control::kReadData);
-    log.open();
-    ASSERT_TRUE(log.waitFor(kCount));
-    // The worker serves in order: a second completion of any request would
-    // have come before the last one's.
-    ASSERT_EQ(size_t(kCount), log.all().size());
-
-    const std::vector<Completion> completions = log.all();
-    for (int i = 0; i < kCount; ++i) {
-        SCOPED_TRACE(i);
-        const Request& r = requests[i];
-        EXPECT_EQ(i, completions[i].tag);
-        EXPECT_EQ(r.cancelled ? velka::kStatusCancelled : velka::kStatusOk, completions[i].status);
-        EXPECT_EQ(r.cancelled ? 0 : r.length, completions[i].length);
-        if (!r.cancelled) {
-            EXPECT_EQ(r.data->slice(r.offset, r.length), buffers[i]);
-        }
-    }
-    EXPECT_EQ(3, control::calls(control::kReadData) - readsBefore) << "cancelled ones reached the engine";
-    EXPECT_EQ(1007, fileA.tell());
-    EXPECT_EQ(3500, fileB.tell());
-    EXPECT_EQ(1, control::calls(control::kInit)) << "one worker for both files";
-}
-
-TEST(PpsFileDeathTest, PositionedOperationsNeedATask) {
-    testing_support::useThreadsafeDeathTests();
-    PpsFile file("pps-test:///whatever");
-    char buffer[10];
-    CompletionLog log;
-    CompletionLog::Callback callback(log, 1);
-    const char kText[] = "Assertion `taskIndex_ != -1' failed";
-    EXPECT_DEATH(file.read(buffer, sizeof buffer), kText);
-    EXPECT_DEATH(file.readAsync(buffer, sizeof buffer, callback), kText);
-    EXPECT_DEATH(file.cancel(buffer), kText);
-    EXPECT_DEATH(file.seek(0, File::kSeekSet), kText);
-    EXPECT_DEATH(file.available(), kText);
 }
 
 // In a child process that starts without a worker: an engine that fails to

@@ -5,9 +5,8 @@
 // tests. It runs inside the test process on 127.0.0.1 with a free port: one
 // thread accepts, each connection gets a thread of its own, and every answer
 // says "Connection: close". It serves one generated file under any path (a
-// Range of "bytes=N-" or "bytes=N-M" gets 206, anything else 200; HEAD gets
-// the headers alone) unless script() gave the
-// path a list of Replies: each request to it takes the next one, the last
+// Range of "bytes=N-" or "bytes=N-M" gets 206, anything else 200) unless
+// script() gave the path a list of Replies: each request to it takes the next one, the last
 // repeats. A Reply can serve only a prefix of the file, answer another status
 // with or without a body, redirect, claim 200 for a range or 206 for a plain
 // request, hang up without an answer, wait before its headers, drop the
@@ -340,10 +339,6 @@ private:
             h += "Transfer-Encoding: chunked\r\n";
         }
         h += "Content-Type: " + reply.contentType + "\r\nConnection: close\r\n\r\n";
-        if (r->method == "HEAD") {
-            sendAll(fd, h);
-            return false;
-        }
 
         const int64_t end = reply.cutAt >= 0 ? std::max(offset, std::min(last, reply.cutAt)) : last;
         // A drip sends a tenth of its rate ten times a second.

@@ -12,8 +12,6 @@
 //   - a window per connection: at most that many bytes taken from the server
 //     and not yet handed to the client, so a client that stops reading stops
 //     its server, as TCP's window does;
-//   - optionally a share of lost segments (a lost segment comes a retransmit
-//     time late, as TCP resends it) and a blackout (nothing moves).
 // It counts the bytes that crossed to the clients and the connections.
 // One thread of its own; stop() (or the destructor) ends it and closes every
 // socket. No gtest here: the benchmarks use it too.
@@ -33,7 +31,6 @@
 #include <deque>
 #include <memory>
 #include <mutex>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -49,8 +46,6 @@ public:
         // 0: the link's bandwidth-delay product (at least 64 KiB), what a TCP
         // window settles at on a link with a short queue.
         uint32_t windowBytes = 0;
-        double lossShare = 0;  // share of server-to-client segments that come a retransmit time late
-        uint32_t seed = 1;
     };
 
     LinkEmulator() = default;
@@ -79,7 +74,6 @@ public:
             return false;
         }
         port_ = ntohs(addr.sin_port);
-        rng_.seed(options.seed);
         thread_ = std::thread([this] { loop(); });
         return true;
     }
@@ -102,9 +96,6 @@ public:
     // Bytes handed to clients so far (what crossed the link toward them).
     uint64_t bytesToClients() const { return bytesDown_; }
     uint64_t connections() const { return connections_; }
-    // While on, nothing moves in either direction; the clocks of what waits
-    // move on with it.
-    void blackout(bool on) { blackout_ = on; wakeLoop(); }
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -134,12 +125,6 @@ private:
 
     Clock::duration halfTrip() const { return std::chrono::microseconds(options_.roundTripMs * 500); }
     Clock::duration trip() const { return std::chrono::milliseconds(options_.roundTripMs); }
-
-    void wakeLoop() {
-        const char byte = 2;
-        if (stopPipe_[1] != -1 && write(stopPipe_[1], &byte, 1) != 1) {
-        }
-    }
 
     void closeAll() {
         for (int* fd : {&listen_, &stopPipe_[0], &stopPipe_[1]}) {
@@ -215,12 +200,6 @@ private:
             Chunk chunk;
             chunk.bytes.assign(buffer + at, buffer + at + size);
             chunk.due = linkFree_ + halfTrip();
-            if (options_.lossShare > 0 && std::uniform_real_distribution<double>(0, 1)(rng_) < options_.lossShare) {
-                // Resent after a retransmit time of about a round trip plus 200 ms.
-                chunk.due += trip() + std::chrono::milliseconds(200);
-            }
-            // In order, as TCP delivers them.
-            if (!c.down.empty() && chunk.due < c.down.back().due) chunk.due = c.down.back().due;
             c.down.push_back(std::move(chunk));
             c.downQueued += static_cast<size_t>(size);
         }
@@ -243,41 +222,23 @@ private:
     }
 
     void loop() {
-        Clock::time_point blackoutSince;
-        bool inBlackout = false;
         for (;;) {
             const Clock::time_point now = Clock::now();
-            // A blackout holds everything: when it ends, what waited is
-            // shifted by its length.
-            if (blackout_ && !inBlackout) {
-                inBlackout = true;
-                blackoutSince = now;
-            } else if (!blackout_ && inBlackout) {
-                inBlackout = false;
-                const Clock::duration shift = now - blackoutSince;
-                for (auto& c : conns_) {
-                    for (Chunk& chunk : c->up) chunk.due += shift;
-                    for (Chunk& chunk : c->down) chunk.due += shift;
-                }
-                if (linkFree_ > blackoutSince) linkFree_ += shift;
-            }
             Clock::time_point next = now + std::chrono::milliseconds(200);
             std::vector<pollfd> fds;
             fds.push_back({stopPipe_[0], POLLIN, 0});
             fds.push_back({listen_, POLLIN, 0});
             for (auto& c : conns_) {
-                short clientEvents = inBlackout ? 0 : POLLIN;
+                short clientEvents = POLLIN;
                 short serverEvents = 0;
-                if (!inBlackout) {
-                    if (!c->serverDone && c->downQueued < options_.windowBytes) serverEvents |= POLLIN;
-                    if (!c->up.empty()) {
-                        if (c->up.front().due <= now) serverEvents |= POLLOUT;
-                        else next = std::min(next, c->up.front().due);
-                    }
-                    if (!c->down.empty()) {
-                        if (c->down.front().due <= now) clientEvents |= POLLOUT;
-                        else next = std::min(next, c->down.front().due);
-                    }
+                if (!c->serverDone && c->downQueued < options_.windowBytes) serverEvents |= POLLIN;
+                if (!c->up.empty()) {
+                    if (c->up.front().due <= now) serverEvents |= POLLOUT;
+                    else next = std::min(next, c->up.front().due);
+                }
+                if (!c->down.empty()) {
+                    if (c->down.front().due <= now) clientEvents |= POLLOUT;
+                    else next = std::min(next, c->down.front().due);
                 }
                 // A socket nothing is asked of stays out: its hang-up would
                 // wake the loop again and again.
@@ -291,13 +252,7 @@ private:
                 return;
             }
             if (fds[0].revents != 0) {
-                char drain[16];
-                bool stopping = false;
-                ssize_t got;
-                while ((got = read(stopPipe_[0], drain, sizeof drain)) > 0) {
-                    for (ssize_t i = 0; i < got; ++i) stopping = stopping || drain[i] == 1;
-                }
-                if (stopping) break;
+                break;  // stop()
             }
             if (fds[1].revents != 0) accept();
             const Clock::time_point after = Clock::now();
@@ -305,7 +260,6 @@ private:
                 Connection& c = *conns_[i];
                 const pollfd& cl = fds[2 + 2 * i];
                 const pollfd& sv = fds[2 + 2 * i + 1];
-                if (inBlackout) continue;
                 if (cl.revents & (POLLIN | POLLHUP | POLLERR)) readClient(c, after);
                 if (!c.closed && (sv.revents & (POLLIN | POLLHUP | POLLERR))) readServer(c, after);
                 if (!c.closed && !deliver(c.server, c.up, after, nullptr, false)) c.closed = true;
@@ -339,11 +293,9 @@ private:
     // The loop thread's alone.
     std::vector<std::unique_ptr<Connection>> conns_;
     Clock::time_point linkFree_;  // when the link has sent everything put on it
-    std::mt19937 rng_{1};
     // Read by other threads.
     std::atomic<uint64_t> bytesDown_{0};
     std::atomic<uint64_t> connections_{0};
-    std::atomic<bool> blackout_{false};
 };
 
 }  // namespace testing_support
