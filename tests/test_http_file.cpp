@@ -271,7 +271,8 @@ TEST_F(HttpFileTest, AReadStandingAtTheEndEndsWithoutARequestAndTheFileGoesOn) {
         }
     }
     files_.clear();
-    for (const auto& r : server_.waitForRequests(3)) {
+    // The open's request and the one for the last byte; none from the length.
+    for (const auto& r : server_.waitForRequests(2)) {
         EXPECT_NE("bytes=" + std::to_string(size) + "-", r.range);
         EXPECT_NE(416, r.status);
     }
