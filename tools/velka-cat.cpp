@@ -31,8 +31,6 @@
 #include "Md5.h"
 #include "velka/File.h"
 #include "velka/FileFactory.h"
-#include "velka/HlsFile.h"
-#include "velka/HttpFile.h"
 #include "velka/PpsFile.h"
 
 namespace {
@@ -65,7 +63,7 @@ const char kUsage[] =
     "throughput and the MD5 digest of what was read. URL is file://PATH or a\n"
     "plain path, taken as a local file; http:// and https:// URLs are read\n"
     "through the library's HTTP source (HttpFile), HLS playlists (.m3u8 in the\n"
-    "path) through HlsFile; pps-test://PATH and\n"
+    "path, or named so by their Content-Type) through HlsFile; pps-test://PATH and\n"
     "pps-test://http://HOST:PORT/PATH are read from the peer-to-peer engine\n"
     "(PpsFile), with its buffering percentage shown while it waits; any other\n"
     "URL is read through the download engine (the engine built in this tree\n"
@@ -245,9 +243,11 @@ bool isHttpUrl(const std::string& url) {
 }
 
 // The one place where a URL becomes an open source; null when it cannot be
-// opened. HTTP URLs get the library's HTTP source unless `viaFactory`; for
-// everything else the library chooses the source, as it does for playback.
-std::unique_ptr<File> openSource(const std::string& arg, bool viaFactory) {
+// opened. The library chooses the source, as it does for playback: HTTP URLs
+// go to its own network stack (a playlist to HlsFile, by path or by
+// Content-Type, anything else to HttpFile) unless --factory left the
+// factory's default, the download engine.
+std::unique_ptr<File> openSource(const std::string& arg) {
     const std::string url = toUrl(arg);
     // The peer-to-peer source is never chosen by the factory: hosts build it.
     if (url.compare(0, 11, "pps-test://") == 0) {
@@ -255,22 +255,7 @@ std::unique_ptr<File> openSource(const std::string& arg, bool viaFactory) {
         if (pps->open() != 0) return nullptr;
         return pps;
     }
-    std::unique_ptr<File> file;
-    if (isHttpUrl(url) && !viaFactory) {
-        const std::string path = url.substr(0, url.find_first_of("?#"));
-        if (path.find(".m3u8") != std::string::npos) {
-            file.reset(new velka::HlsFile(url));
-        } else {
-            // A server may name a playlist by its Content-Type only.
-            std::unique_ptr<velka::HttpFile> http(new velka::HttpFile(url));
-            if (http->open() != 0) return nullptr;
-            if (!velka::HlsFile::isPlaylistContentType(http->contentType())) return http;
-            http->close();
-            file.reset(new velka::HlsFile(url));
-        }
-    } else {
-        file.reset(velka::FileFactory::createFile(url));
-    }
+    std::unique_ptr<File> file(velka::FileFactory::createFile(url));
     if (file->open() != 0) return nullptr;
     return file;
 }
@@ -470,7 +455,7 @@ bool waitSegment(ChainReader& reader, Progress& progress, uint64_t before) {
 }
 
 int catSource(const Options& o) {
-    std::unique_ptr<File> file = openSource(o.url, o.factory);
+    std::unique_ptr<File> file = openSource(o.url);
     if (!file) {
         fprintf(stderr, "velka-cat: cannot open %s\n", o.url.c_str());
         return 1;
@@ -580,7 +565,7 @@ double timePread(const std::string& path, uint32_t block, uint64_t* bytesOut) {
 // on failure.
 double timeChained(const std::string& url, uint32_t block, uint64_t* bytesOut) {
     const Clock::time_point start = Clock::now();
-    std::unique_ptr<File> file = openSource(url, false);
+    std::unique_ptr<File> file = openSource(url);
     if (!file) return -1;
     ChainReader reader(*file, block, nullptr);
     reader.start();
@@ -728,6 +713,7 @@ int main(int argc, char** argv) {
     const int parsed = parseOptions(argc, argv, &options);
     if (parsed != 0) return parsed < 0 ? 0 : parsed;
     if (!routeLibraryLines(options)) return 2;
+    if (!options.factory) velka::FileFactory::useLibraryNetworkStack();
     const int status = options.bench ? bench(options) : catSource(options);
     fflush(nullptr);
     return status;

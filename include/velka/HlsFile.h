@@ -73,10 +73,6 @@ public:
     // advancing); 0 while it has not.
     int error() override;
 
-    // Whether an HTTP Content-Type names an HLS playlist (case-insensitive,
-    // parameters ignored), for a host that opened a URL as an HttpFile.
-    static bool isPlaylistContentType(const std::string& contentType);
-
 private:
     HttpOptions options_;
     uint32_t openTimeLimitMs_;

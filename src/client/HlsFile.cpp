@@ -1,6 +1,5 @@
 #include "velka/HlsFile.h"
 
-#include "HlsRoutingFile.h"
 #include "HlsSession.h"
 #include "HttpTask.h"
 #include "LogLine.h"
@@ -100,9 +99,5 @@ int64_t HlsFile::available() {
 int HlsFile::cachePercent() { return session_ == nullptr ? 0 : session_->cachePercent(); }
 
 int HlsFile::error() { return session_ == nullptr ? 0 : session_->error(); }
-
-bool HlsFile::isPlaylistContentType(const std::string& contentType) {
-    return isHlsContentType(contentType);
-}
 
 }  // namespace velka
