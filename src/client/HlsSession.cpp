@@ -71,11 +71,10 @@ HlsSession::HlsSession(const std::string& url, const HttpOptions& options)
     }
 }
 
+HlsSegmentBuffer::~HlsSegmentBuffer() { EVP_CIPHER_CTX_free(cipher); }
+
 HlsSession::~HlsSession() {
     logPrint("HlsFile: session %p destroyed\n", static_cast<void*>(this));
-    for (auto& entry : buffers_) {
-        if (entry.second->cipher != nullptr) EVP_CIPHER_CTX_free(entry.second->cipher);
-    }
     for (HlsFetch* fetch : {&control_, &segment_}) {
         if (fetch->curl != nullptr) curl_easy_cleanup(fetch->curl);
         curl_slist_free_all(fetch->headers);

@@ -70,12 +70,17 @@ struct HlsFetch {
 // A segment as fetched: the initialisation section in front when the segment
 // starts a new one, then its plain text.
 struct HlsSegmentBuffer {
+    HlsSegmentBuffer() = default;
+    ~HlsSegmentBuffer();  // frees cipher
+    HlsSegmentBuffer(const HlsSegmentBuffer&) = delete;
+    HlsSegmentBuffer& operator=(const HlsSegmentBuffer&) = delete;
+
     std::string data;
     bool complete = false;
     int64_t validEnd = 0;        // bytes up to here may be delivered (whole packets or boxes)
     int64_t cut = -1;            // where filler starts because the segment outgrew its span
     int64_t boxScan = 0;         // fragmented MP4: the next top-level box to check
-    EVP_CIPHER_CTX* cipher = nullptr;
+    EVP_CIPHER_CTX* cipher = nullptr;  // owned; freed once the segment is decrypted
     uint64_t lastUse = 0;
     HlsTsRewrite ts;             // MPEG-TS: counters and timestamps rewritten on arrival
 };

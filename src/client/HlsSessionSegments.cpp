@@ -270,7 +270,6 @@ void HlsSession::scheduleSegments() {
             if (oldest == buffers_.end() || it->second->lastUse < oldest->second->lastUse) oldest = it;
         }
         if (oldest == buffers_.end()) break;
-        if (oldest->second->cipher != nullptr) EVP_CIPHER_CTX_free(oldest->second->cipher);
         buffers_.erase(oldest);
     }
     startSegment(want);
@@ -280,8 +279,6 @@ void HlsSession::startSegment(int index) {
     const int variant = variants_.empty() || phase_ != kReady ? -1 : chooseVariant();
     const HlsPlaylist& playlist = variant < 0 ? media_ : *variantMedia_[static_cast<size_t>(variant)];
     const HlsSegment& segment = playlist.segments[static_cast<size_t>(index)];
-    auto old = buffers_.find(index);
-    if (old != buffers_.end() && old->second->cipher != nullptr) EVP_CIPHER_CTX_free(old->second->cipher);
     buffers_[index] = newBuffer(playlist, segment,
                                 segment.mapIndex >= 0 && (index == 0 || prefix_[static_cast<size_t>(index)] > 0));
     {
