@@ -330,7 +330,10 @@ public:
         threads_.emplace_back([this, p, status, length] {
             count(&started_);
             std::memset(p.buffer, kFill, std::min(length, p.count));
+            std::unique_lock<std::mutex> source(sourceLock_, std::defer_lock);
+            if (completesUnderLock) source.lock();
             p.callback->complete(status, length);
+            if (source.owns_lock()) source.unlock();
             count(&done_);
         });
     }
@@ -350,6 +353,8 @@ public:
     }
 
     int cancel(void* request) override {
+        std::unique_lock<std::mutex> source(sourceLock_, std::defer_lock);
+        if (completesUnderLock) source.lock();
         lastCancel = request;
         if (cancelResult != 0) return -1;
         // Cancelled: it still completes once, here before cancel returns.
@@ -382,6 +387,8 @@ public:
     AsyncMode asyncMode = AsyncMode::kHold;
     bool completedBeforeReturn = false;
     int cancelResult = 0;
+    // Completions run under the lock cancel() takes, as a network source's may.
+    bool completesUnderLock = false;
     void* lastCancel = nullptr;
     int64_t seekResult = 0;
     int64_t availableResult = 0;
@@ -407,6 +414,7 @@ private:
     int tokens_[kTokens] = {};             // their addresses are the request handles, in turn
     size_t issued_ = 0;
     std::vector<std::thread> threads_;  // on the test's thread only
+    std::mutex sourceLock_;             // see completesUnderLock
     std::mutex mutex_;                  // guards pending_, started_ and done_
     std::condition_variable changed_;
     size_t started_ = 0;  // completion threads that began
@@ -426,9 +434,17 @@ struct Completion {
 class PullSourceTest : public ::testing::Test {
 protected:
     // The engine's completion function; the tag is the test.
+    // Like the engine, it holds a completion that comes while an abort is
+    // under way until the abort has returned (here for at most 2 s).
     static void done(int32_t result, void* tag, IMTK_PULL_REQ_HANDLE_T request, uint32_t length) {
         PullSourceTest* self = static_cast<PullSourceTest*>(tag);
-        std::lock_guard<std::mutex> lock(self->mutex_);
+        std::unique_lock<std::mutex> lock(self->mutex_);
+        if (self->aborting_ && result == IMTK_PB_PULL_READ_DONE) {
+            self->held_ = true;
+            self->changed_.notify_all();
+            self->heldTooLong_ = !self->changed_.wait_for(lock, std::chrono::seconds(2),
+                                                          [self] { return !self->aborting_; });
+        }
         self->completions_.push_back({result, request, length, self->request_});
         self->changed_.notify_all();
     }
@@ -458,6 +474,9 @@ protected:
     std::mutex mutex_;  // guards completions_
     std::condition_variable changed_;
     std::vector<Completion> completions_;
+    bool aborting_ = false;     // the test is aborting a read
+    bool held_ = false;         // done() holds a completion until the abort returns
+    bool heldTooLong_ = false;  // ... and the abort did not return
     IMTK_PULL_REQ_HANDLE_T request_ = nullptr;  // pb_read_async's out handle
     uint8_t buffer_[64] = {};
     ScriptedFile file_;  // last: joins its completion threads before the rest goes
@@ -516,6 +535,36 @@ TEST_F(PullSourceTest, AbortGivesTheEngineOneAndZeroBytesAtOnceAlsoWhenTheSource
     std::lock_guard<std::mutex> lock(mutex_);
     EXPECT_EQ(2u, completions_.size());
     EXPECT_EQ(0u, filled());
+}
+
+// A network source may complete a read under the lock its cancel takes, and
+// the engine holds that completion until its abort of the read has returned:
+// the abort then leaves the source alone, and the read completes on its own.
+TEST_F(PullSourceTest, AbortLeavesAloneASourceCompletingTheReadUnderItsLock) {
+    file_.completesUnderLock = true;
+    file_.cancelResult = -1;
+    ASSERT_EQ(0, readAsync());
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        aborting_ = true;
+    }
+    file_.completeHeld(velka::kStatusOk, 32);
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        ASSERT_TRUE(changed_.wait_for(lock, std::chrono::milliseconds(kEventWaitMs), [this] { return held_; }));
+    }
+    EXPECT_EQ(-1, velka::pb_abort(file_.pullHandle(), kTag, request_));
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        aborting_ = false;
+        changed_.notify_all();
+    }
+    const Completion got = completion(1);
+    EXPECT_EQ(IMTK_PB_PULL_READ_DONE, got.result);
+    EXPECT_EQ(32u, got.length);
+    ASSERT_TRUE(file_.waitForCompletions(1));
+    std::lock_guard<std::mutex> lock(mutex_);
+    EXPECT_FALSE(heldTooLong_);
 }
 
 TEST_F(PullSourceTest, RefusedReadFailsAndNeverCompletes) {

@@ -32,7 +32,7 @@ const uint32_t kShownBytes = 4;
 
 // Bounced reads whose completion the engine has not had yet, by request
 // handle. A read leaves when its completion is claimed, by complete() or by
-// abandon(), whichever comes first; only the claimer calls the engine. While
+// withdraw(), whichever comes first; only the claimer calls the engine. While
 // a read is listed its source has not freed its request record, so no two
 // listed reads share a handle. Built once and never destroyed: a source may
 // complete a late read while the process exits.
@@ -153,20 +153,15 @@ void PlaybackCallback::handOff(void* request) {
 
 // On an engine thread, inside pb_abort. The callback itself stays for the
 // source's late completion, which frees it with its bounce buffer.
-bool PlaybackCallback::abandon(void* request) {
-    IMtkPb_Ctrl_PullReadAsyncNfy done;
-    void* tag;
-    {
-        OwedReads& owed = owedReads();
-        std::lock_guard<std::mutex> lock(owed.mutex);
-        auto it = owed.reads.find(request);
-        if (it == owed.reads.end()) return false;
-        // Once unlisted, the callback may be gone at any moment.
-        done = it->second->done_;
-        tag = it->second->tag_;
-        owed.reads.erase(it);
-    }
-    done(IMTK_PB_PULL_READ_CANCELLED, tag, request, 0);
+bool PlaybackCallback::withdraw(void* request, IMtkPb_Ctrl_PullReadAsyncNfy* done, void** tag) {
+    OwedReads& owed = owedReads();
+    std::lock_guard<std::mutex> lock(owed.mutex);
+    auto it = owed.reads.find(request);
+    if (it == owed.reads.end()) return false;
+    // Once unlisted, the callback may be gone at any moment.
+    *done = it->second->done_;
+    *tag = it->second->tag_;
+    owed.reads.erase(it);
     return true;
 }
 
@@ -330,12 +325,24 @@ IMTK_PB_CB_ERROR_CODE_T pb_read_async(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTa
 IMTK_PB_CB_ERROR_CODE_T pb_abort(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag,
                                  IMTK_PULL_REQ_HANDLE_T hReq) {
     logPrint("pb_abort %d %p\n", static_cast<int>(hPullSrc), pvAppTag);
-    // The read still completes once, cancelled.
-    if (sourceOf(hPullSrc)->cancel(hReq) == 0) return IMTK_PB_CB_ERROR_CODE_OK;
-    // In service: a bounced read completes toward the engine now, however
-    // long its source still holds it; any other completes on its own.
-    return PlaybackCallback::abandon(hReq) ? IMTK_PB_CB_ERROR_CODE_OK
-                                           : IMTK_PB_CB_ERROR_CODE_NOT_OK;
+    File* source = sourceOf(hPullSrc);
+    IMtkPb_Ctrl_PullReadAsyncNfy done;
+    void* tag;
+    if (PlaybackCallback::withdraw(hReq, &done, &tag)) {
+        // A bounced read completes toward the engine here, cancelled, however
+        // long its source still holds it; the source's own completion of it
+        // only frees the callback. It is withdrawn before the source is asked:
+        // a source may complete reads under the lock its cancel takes, while
+        // the engine holds a completion until this abort has returned.
+        source->cancel(hReq);
+        done(IMTK_PB_PULL_READ_CANCELLED, tag, hReq, 0);
+        return IMTK_PB_CB_ERROR_CODE_OK;
+    }
+    // A bounced read whose completion is under way ends on its own.
+    if (dynamic_cast<LocalFile*>(source) == nullptr) return IMTK_PB_CB_ERROR_CODE_NOT_OK;
+    // A local file completes its reads with no lock held; a cancelled read
+    // still completes once, cancelled.
+    return source->cancel(hReq) == 0 ? IMTK_PB_CB_ERROR_CODE_OK : IMTK_PB_CB_ERROR_CODE_NOT_OK;
 }
 
 IMTK_PB_CB_ERROR_CODE_T pb_seek(IMTK_PULL_HANDLE_T hPullSrc, void* pvAppTag, int64_t i8Offset,

@@ -63,10 +63,13 @@ public:
     // this returns.
     void handOff(void* request);
 
-    // By pb_abort when the source could not cancel `request`: completes it
-    // toward the engine as cancelled, unless its completion is already being
-    // delivered or it has no bounce buffer. True when it was completed here.
-    static bool abandon(void* request);
+    // By pb_abort, before the source is asked to cancel `request`: takes the
+    // bounced read back from its completion, which from then on only frees
+    // the callback, and gives the engine's completion function and context.
+    // False when its completion is already being delivered (it may be held
+    // by the engine until the abort returns, with the source's lock held) or
+    // it has no bounce buffer.
+    static bool withdraw(void* request, IMtkPb_Ctrl_PullReadAsyncNfy* done, void** tag);
 
 private:
     std::atomic<void*> request_;         // the handle readAsync returned; null until then
