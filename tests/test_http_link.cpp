@@ -51,12 +51,12 @@ std::string rangeFrom(int64_t offset) { return "bytes=" + std::to_string(offset)
 
 const LinkCase kCases[] = {
     // An MP4 whose index is stored last: the start, the index at the end,
-    // back to the start's next bytes. The end comes over a second request;
-    // the start is still in the ring.
+    // back to the start's next bytes. The end comes over a second request,
+    // with the first one paused meanwhile; the start is still in the ring.
     {"EndAndBack",
      {{0, 64 * 1024}, {-32 * kKiB, 32 * 1024}, {64 * kKiB, 64 * 1024}},
      {"-", rangeFrom(kFileBytes - 32 * kKiB)},
-     "fetch tail "},
+     "main transfer paused for the tail"},
     // A skip of 200 KiB ahead of the download (more than the 128 KiB that
     // are always waited for) comes sooner than a new request would answer;
     // one of 5 MiB does not.

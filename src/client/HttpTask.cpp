@@ -137,6 +137,7 @@ HttpTask::HttpTask(RingBuffer* ring, CURL* curl)
       removed_(false),
       inMulti_(false),
       paused_(false),
+      yielded_(false),
       rangeRequest_(false),
       ended_(false),
       infoPublished_(false),
@@ -327,6 +328,7 @@ uint32_t HttpTask::feedBuffer(char* data, uint32_t size) {
     }
     ring_->write(data, size);
     downloadPos_ += size;
+    arrivals_ += 1;
     link_.arrived(size);
     return size;
 }
@@ -340,7 +342,7 @@ int HttpTask::progress_cb(void* task, double /*dltotal*/, double dlnow, double /
 int HttpTask::checkProgress(double downloaded) {
     if (removed_) return 1;
     const uint32_t now = monotonicSeconds();
-    if (downloaded != lastProgress_ || lastProgressTime_ == 0 || paused_) {
+    if (downloaded != lastProgress_ || lastProgressTime_ == 0 || paused_ || yielded_) {
         lastProgress_ = downloaded;
         lastProgressTime_ = now;
         return 0;
@@ -390,6 +392,10 @@ void HttpTask::resetRange() {
 }
 
 void HttpTask::continueDownload() {
+    if (yielded_) {
+        curl_easy_pause(curl_, CURLPAUSE_CONT);
+        yielded_ = false;
+    }
     curl_multi_remove_handle(multiHandle_, curl_);
     if (downloadPos_ != 0) {
         char range[128];
@@ -689,6 +695,20 @@ HttpTask::TailServe HttpTask::serveFromTailFetch(AsyncRequest* request) {
     tailFetch_ = nullptr;
     tailFetchFailed_ = true;
     return kTailGone;
+}
+
+void HttpTask::shareLink() {
+    Mutex::Autolock lock(mutex_);
+    // A reader at the tail waits for the tail fetch alone: the main transfer
+    // would take half the link meanwhile for bytes the reader wants later,
+    // if at all (a demuxer reads the end for the duration, then goes back).
+    const bool tailRunning = tailFetch_ != nullptr && !tailFetch_->failed() && tailFetch_->arrived() < length_;
+    const bool yield = tailRunning && readPos_ >= tailFetch_->from() && inMulti_ && !paused_;
+    if (yield == yielded_) return;
+    logPrint("main transfer %s for the tail\n", yield ? "paused" : "resumed");
+    yielded_ = yield;
+    link_.restart();
+    curl_easy_pause(curl_, yield ? CURLPAUSE_RECV : CURLPAUSE_CONT);
 }
 
 void HttpTask::tailFetchDone(CURL* curl, CURLcode code) {

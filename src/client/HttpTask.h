@@ -55,6 +55,7 @@ extern std::atomic<bool> workerRunning_;
 extern int pausedCount_;       // transfers paused on a full ring; worker only
 extern CURLM* multiHandle_;    // created with the worker
 extern int runningCount_;      // libcurl's running count, plus one per restart since; worker only
+extern uint64_t arrivals_;     // body blocks a task's transfers took; worker only
 extern std::atomic<HttpTaskThread*> worker_;  // stored by every task's constructor
 
 // libcurl's global initialisation, done once before the first handle; any thread.
@@ -120,6 +121,10 @@ private:
     TailServe serveFromTailFetch(AsyncRequest* request);
     // The worker saw the tail fetch's transfer `curl` end with `code`.
     void tailFetchDone(CURL* curl, CURLcode code);
+    // After serving: pauses the main transfer while a reader waits for the
+    // tail fetch, and resumes it once the reader left the tail or the fetch
+    // ended.
+    void shareLink();
 
     // 0 until the task info is known; then the first response's content
     // length, -1 when it gave none. Written by the worker, read by callers.
@@ -135,6 +140,7 @@ private:
     std::atomic<bool> removed_;   // the owner let go; the worker destroys the task
     bool inMulti_;          // the easy handle is in the multi handle; worker
     bool paused_;           // paused on a full ring; worker
+    bool yielded_;          // paused while a reader waits for the tail fetch; worker
     bool rangeRequest_;     // the current transfer asked for a range: 206 expected; worker
     bool ended_;            // a transfer ended (for good or until a restart); worker
     bool infoPublished_;    // semaphore_ was posted for the task info; worker

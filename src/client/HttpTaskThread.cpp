@@ -16,6 +16,7 @@ std::atomic<bool> workerRunning_(false);
 int pausedCount_ = 0;
 CURLM* multiHandle_ = nullptr;
 int runningCount_ = 0;
+uint64_t arrivals_ = 0;
 std::atomic<HttpTaskThread*> worker_(nullptr);
 
 namespace {
@@ -124,7 +125,10 @@ void HttpTaskThread::run() {
         {
             Mutex::Autolock lock(tasksLock_);
             // By index: a completion may add to tasks_ (recursive lock).
-            for (size_t i = 0; i < tasks_.size(); ++i) tasks_[i]->dealAsyncs();
+            for (size_t i = 0; i < tasks_.size(); ++i) {
+                tasks_[i]->dealAsyncs();
+                tasks_[i]->shareLink();
+            }
             for (size_t i = 0; i < tasks_.size();) {
                 HttpTask* task = tasks_[i];
                 if (task->inMulti_) {
@@ -277,9 +281,13 @@ void HttpTaskThread::dropTask(size_t index) {
 
 int HttpTaskThread::performAndSelect(void* multiArg) {
     CURLM* multi = static_cast<CURLM*>(multiArg);
+    const uint64_t arrivalsBefore = arrivals_;
     while (curl_multi_perform(multi, &runningCount_) == CURLM_CALL_MULTI_PERFORM) {
     }
     if (runningCount_ == 0) return 0;
+    // Bytes that just arrived are served before any wait: the last bytes of
+    // a transfer may be followed by nothing that would end the wait.
+    if (arrivals_ != arrivalsBefore) return runningCount_;
 
     fd_set readSet, writeSet, exceptSet;
     FD_ZERO(&readSet);

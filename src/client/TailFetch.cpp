@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "HttpRequestOptions.h"
+#include "HttpTask.h"
 
 namespace velka {
 
@@ -77,6 +78,7 @@ size_t TailFetch::tail_fetch_write_cb(char* data, size_t size, size_t count, voi
     if (status != 206 || fetch->received_ + n > fetch->bytes_.size()) return n + 1;
     memcpy(fetch->bytes_.data() + fetch->received_, data, n);
     fetch->received_ += n;
+    arrivals_ += 1;
     return n;
 }
 
