@@ -205,6 +205,30 @@ uint32_t HlsSession::copyOut(int index, int64_t offset, char* out, uint32_t coun
                              : std::min({size, buffer->validEnd, HlsTimeline::readable(buffer->data, buffer->ts)});
     uint32_t done = 0;
     if (count == 0) return 0;  // an empty read may come with no buffer at all
+    const HlsSegment& segment = media_.segments[static_cast<size_t>(index)];
+    if (ts && index + 1 == static_cast<int>(span_.size()) && !(segment.rangeLength > 0 && segment.keyIndex < 0)) {
+        // The last MPEG-TS segment stands at its span's end, after the
+        // filler: a demuxer that reads the stream's last bytes for its
+        // duration finds the last timestamps there, not filler that would
+        // send it back into the segments before. Its place is known once it
+        // is whole.
+        if (!buffer->complete) return 0;
+        const int64_t lead = span - limit;
+        while (done < count && offset < lead) {
+            const int64_t inPacket = offset % kTsPacketBytes;
+            const uint32_t n = static_cast<uint32_t>(
+                std::min<int64_t>({count - done, kTsPacketBytes - inPacket, lead - offset}));
+            memcpy(out + done, nullPacket() + inPacket, n);
+            done += n;
+            offset += n;
+        }
+        if (done < count && offset < span) {
+            const uint32_t n = static_cast<uint32_t>(std::min<int64_t>(count - done, span - offset));
+            memcpy(out + done, buffer->data.data() + (offset - lead), n);
+            done += n;
+        }
+        return done;
+    }
     if (offset < limit) {
         const uint32_t n = static_cast<uint32_t>(std::min<int64_t>(count, limit - offset));
         memcpy(out, buffer->data.data() + offset, n);
