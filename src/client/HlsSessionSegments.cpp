@@ -214,11 +214,9 @@ uint32_t HlsSession::copyOut(int index, int64_t offset, char* out, uint32_t coun
         // is whole.
         if (!buffer->complete) return 0;
         const int64_t lead = span - limit;
-        while (done < count && offset < lead) {
-            const int64_t inPacket = offset % kTsPacketBytes;
-            const uint32_t n = static_cast<uint32_t>(
-                std::min<int64_t>({count - done, kTsPacketBytes - inPacket, lead - offset}));
-            memcpy(out + done, nullPacket() + inPacket, n);
+        if (offset < lead) {
+            const uint32_t n = static_cast<uint32_t>(std::min<int64_t>(count, lead - offset));
+            copyNullPackets(out, offset, n);
             done += n;
             offset += n;
         }
@@ -242,10 +240,8 @@ uint32_t HlsSession::copyOut(int index, int64_t offset, char* out, uint32_t coun
     while (done < count && offset < span) {
         const int64_t k = offset - padStart;
         if (ts) {
-            const int64_t inPacket = k % kTsPacketBytes;
-            const uint32_t n = static_cast<uint32_t>(
-                std::min<int64_t>({count - done, kTsPacketBytes - inPacket, span - offset}));
-            memcpy(out + done, nullPacket() + inPacket, n);
+            const uint32_t n = static_cast<uint32_t>(std::min<int64_t>(count - done, span - offset));
+            copyNullPackets(out + done, k, n);
             done += n;
             offset += n;
         } else if (k < kFreeBoxHeaderBytes) {

@@ -8,6 +8,7 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -101,6 +102,18 @@ inline const unsigned char* nullPacket() {
     }();
     (void)made;
     return packet;
+}
+
+// `count` bytes of null packets, starting `phase` bytes into one.
+inline void copyNullPackets(char* out, int64_t phase, uint32_t count) {
+    while (count > 0) {
+        const int64_t inPacket = phase % kTsPacketBytes;
+        const uint32_t n = static_cast<uint32_t>(std::min<int64_t>(count, kTsPacketBytes - inPacket));
+        memcpy(out, nullPacket() + inPacket, n);
+        out += n;
+        phase += n;
+        count -= n;
+    }
 }
 
 }  // namespace hls
