@@ -7,7 +7,10 @@
 //   zap    open to the first packet after the stream information is known;
 //   trace  open, 20 stratified seeks in shuffled order, 2 s of packets after each;
 //   seek   one seek while playing at real-time pace, to the first packet at
-//          the new place.
+//          the new place;
+//   play   zap through velka::MediaPlayer on the software engine: open() to
+//          the first picture presented, beside libavformat with its own HTTP
+//          reader (and HLS demuxer) to the first picture decoded.
 // Each figure is the median of interleaved runs [min..max], for HttpFile,
 // for the download engine (zap only) and for libavformat's own HTTP reader,
 // all in this process on the same link in the same run, beside the link's
@@ -19,6 +22,7 @@
 // crossed the link and the requests nginx answered. Nothing is judged.
 
 extern "C" {
+#include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/avutil.h>
 }
@@ -46,6 +50,11 @@ extern "C" {
 #include "velka/DtaFile.h"
 #include "velka/HlsFile.h"
 #include "velka/HttpFile.h"
+#ifdef VELKA_BENCH_PLAYER
+#include "mtkpb_control.h"
+#include "velka/FileFactory.h"
+#include "velka/MediaPlayer.h"
+#endif
 
 namespace {
 
@@ -76,7 +85,7 @@ struct Settings {
 };
 
 const char kUsage[] =
-    "Usage: velka-bench-link [--quick] [--runs N] [--seconds S] [--only zap|trace|seek]\n"
+    "Usage: velka-bench-link [--quick] [--runs N] [--seconds S] [--only zap|trace|seek|play]\n"
     "                        [--log FILE]\n"
     "\n"
     "Starts nginx on 127.0.0.1 behind an emulated home link (20 Mbit/s with a\n"
@@ -84,7 +93,8 @@ const char kUsage[] =
     "(ffmpeg) and prints zap time, a 20-seek trace and a seek while playing\n"
     "through HttpFile, the download engine (zap) and libavformat's own HTTP\n"
     "reader, each beside the link's limit, with the bytes that crossed the link\n"
-    "and the requests. Medians of N interleaved runs (default 3) [min..max].\n"
+    "and the requests; then zap through the player to the first picture (with\n"
+    "the software engine). Medians of N interleaved runs (default 3) [min..max].\n"
     "--quick: 12 s clips, one run, the 20 Mbit/s link only (a smoke run, not for\n"
     "figures). --seconds sets the clips' length (after --quick, overrides it).\n";
 
@@ -350,7 +360,10 @@ bool makeClips(const std::string& dir, int clipSeconds) {
                                " -c:a aac -b:a 128k '" + dir + "/index-at-end.mp4'";
     const std::string front = base + "-i '" + dir + "/index-at-end.mp4' -c copy -movflags +faststart '" +
                               dir + "/index-at-front.mp4'";
-    const std::string ts = base + "-i '" + dir + "/index-at-end.mp4' -c copy -f mpegts '" + dir + "/clip.ts'";
+    // The video's headers go in front of every key frame, as a broadcast
+    // stream carries them: a decoder can start there.
+    const std::string ts = base + "-i '" + dir + "/index-at-end.mp4' -c copy -bsf:v dump_extra -f mpegts '" +
+                           dir + "/clip.ts'";
     // The MPEG-TS in 2 s segments with a video-on-demand playlist.
     const std::string hls = "mkdir -p '" + dir + "/hls' && " + base + "-i '" + dir +
                             "/clip.ts' -c copy -f hls -hls_time 2 -hls_playlist_type vod '" + dir +
@@ -386,7 +399,7 @@ size_t requestsSince(const NginxServer& server, size_t before) {
 // single file (its jump to the end for the duration left out: the playlist
 // tells it), after a round trip for the connection and one each for the
 // playlist and the first segment, with the playlist's bytes.
-bool zapHls(const NginxServer& server, LinkEmulator& emulator, const Link& link, const Settings& s) {
+bool hlsZapLimit(const NginxServer& server, const Link& link, double* limit, double* distinctBytes) {
     const double rtt = link.rttMs / 1000.0;
     double unused = 0;
     std::vector<std::pair<int64_t, int64_t>> reads, prefix;
@@ -398,7 +411,15 @@ bool zapHls(const NginxServer& server, LinkEmulator& emulator, const Link& link,
     std::ifstream playlist(server.rootFile("hls/clip.m3u8"), std::ios::binary | std::ios::ate);
     const double playlistBytes = static_cast<double>(playlist.tellg());
     const Need n = need(prefix, link.mbps, rtt);
-    const double limit = n.seconds + rtt + playlistBytes * 8 / (link.mbps * 1e6);
+    *limit = n.seconds + rtt + playlistBytes * 8 / (link.mbps * 1e6);
+    *distinctBytes = n.distinctBytes + playlistBytes;
+    return true;
+}
+
+bool zapHls(const NginxServer& server, LinkEmulator& emulator, const Link& link, const Settings& s) {
+    const double rtt = link.rttMs / 1000.0;
+    double limit = 0, distinct = 0;
+    if (!hlsZapLimit(server, link, &limit, &distinct)) return false;
     const Reader readers[] = {Reader::kHlsFile, Reader::kLibavformat};
     Figures f[2];
     for (int run = 0; run < s.runs; ++run) {
@@ -417,7 +438,7 @@ bool zapHls(const NginxServer& server, LinkEmulator& emulator, const Link& link,
         }
     }
     say("  %-5s %-18s limit %6.3f s (%.2f MB distinct, 3 requests)", "zap", "hls/clip.m3u8", limit,
-        (n.distinctBytes + playlistBytes) / 1e6);
+        distinct / 1e6);
     for (int i = 0; i < 2; ++i) {
         say("        %-22s %-24s s %-22s MB %-14s req", readerName(readers[i]), figure(f[i].time, 0, 3).c_str(),
             figure(f[i].megabytes, 0, 2).c_str(), figure(f[i].requests, 0, 0).c_str());
@@ -427,6 +448,102 @@ bool zapHls(const NginxServer& server, LinkEmulator& emulator, const Link& link,
         ours / stats(f[1].time).median, ours / limit, (ours - limit) / rtt);
     return true;
 }
+
+#ifdef VELKA_BENCH_PLAYER
+// Zap through the player with the library's network stack (HttpFile, HlsFile
+// for a playlist): open() to the first picture the software engine presents.
+bool playerZap(velka::MediaPlayer& player, const std::string& url, double* took) {
+    mtkpb::control::reset();
+    const Clock::time_point start = Clock::now();
+    bool shown = player.open(url) == velka::kStatusOk && player.play(0) == velka::kStatusOk &&
+                 mtkpb::control::waitUntil([] { return !mtkpb::control::presented().empty(); }, 60000);
+    *took = seconds(Clock::now() - start);
+    player.stop();
+    player.close();
+    return shown;
+}
+
+// The same through libavformat's own HTTP reader (and HLS demuxer): the
+// stream information, then video packets until the first picture decodes.
+bool ffmpegZap(const std::string& url, double* took) {
+    const Clock::time_point start = Clock::now();
+    AVFormatContext* ctx = nullptr;
+    AVCodecContext* decoder = nullptr;
+    AVPacket* packet = av_packet_alloc();
+    AVFrame* frame = av_frame_alloc();
+    bool shown = false;
+    if (avformat_open_input(&ctx, url.c_str(), nullptr, nullptr) == 0 &&
+        avformat_find_stream_info(ctx, nullptr) >= 0) {
+        const int video = av_find_best_stream(ctx, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+        const AVCodec* codec = video >= 0 ? avcodec_find_decoder(ctx->streams[video]->codecpar->codec_id) : nullptr;
+        if (codec != nullptr && (decoder = avcodec_alloc_context3(codec)) != nullptr &&
+            avcodec_parameters_to_context(decoder, ctx->streams[video]->codecpar) >= 0 &&
+            avcodec_open2(decoder, codec, nullptr) == 0) {
+            for (int n = 0; n < 10000 && !shown && av_read_frame(ctx, packet) >= 0; ++n) {
+                if (packet->stream_index == video && avcodec_send_packet(decoder, packet) >= 0) {
+                    shown = avcodec_receive_frame(decoder, frame) >= 0;
+                }
+                av_packet_unref(packet);
+            }
+        }
+    }
+    *took = seconds(Clock::now() - start);
+    av_frame_free(&frame);
+    av_packet_free(&packet);
+    avcodec_free_context(&decoder);
+    if (ctx != nullptr) avformat_close_input(&ctx);
+    return shown;
+}
+
+// Each clip's limit is the demuxer zap's: the first picture needs at least
+// the stream information and the first packet.
+bool zapThroughThePlayer(const NginxServer& server, LinkEmulator& emulator, const Link& link, const Settings& s) {
+    const double rtt = link.rttMs / 1000.0;
+    velka::FileFactory::useLibraryNetworkStack();
+    velka::MediaPlayer player;
+    for (const char* clip : {"index-at-front.mp4", "index-at-end.mp4", "clip.ts", "hls/clip.m3u8"}) {
+        const bool hls = strstr(clip, ".m3u8") != nullptr;
+        double limit = 0, distinct = 0;
+        if (hls) {
+            if (!hlsZapLimit(server, link, &limit, &distinct)) return false;
+        } else {
+            double unused = 0;
+            std::vector<std::pair<int64_t, int64_t>> reads;
+            if (!doWork(Work::kZap, Reader::kLocal, "", server.rootFile(clip), &unused, &reads)) return false;
+            const Need n = need(reads, link.mbps, rtt);
+            limit = n.seconds;
+            distinct = n.distinctBytes;
+        }
+        const char* names[] = {hls ? "player, HlsFile" : "player, HttpFile", "libavformat + decoder"};
+        Figures f[2];
+        for (int run = 0; run < s.runs; ++run) {
+            for (int i = 0; i < 2; ++i) {
+                const size_t before = server.requests().size();
+                const uint64_t bytesBefore = emulator.bytesToClients();
+                double took = 0;
+                const bool ok = i == 0 ? playerZap(player, emulator.url(clip), &took)
+                                       : ffmpegZap(emulator.url(clip), &took);
+                if (!ok) {
+                    fprintf(stderr, "velka-bench-link: no picture of %s through %s\n", clip, names[i]);
+                    return false;
+                }
+                f[i].time.push_back(took);
+                f[i].requests.push_back(static_cast<double>(requestsSince(server, before)));
+                f[i].megabytes.push_back(static_cast<double>(emulator.bytesToClients() - bytesBefore) / 1e6);
+            }
+        }
+        say("  %-5s %-18s limit %6.3f s (%.2f MB distinct)", "play", clip, limit, distinct / 1e6);
+        for (int i = 0; i < 2; ++i) {
+            say("        %-22s %-24s s %-22s MB %-14s req", names[i], figure(f[i].time, 0, 3).c_str(),
+                figure(f[i].megabytes, 0, 2).c_str(), figure(f[i].requests, 0, 0).c_str());
+        }
+        const double ours = stats(f[0].time).median;
+        say("        player/libavformat %.2f   player/limit %.2f   player - limit %+.1f round trips",
+            ours / stats(f[1].time).median, ours / limit, (ours - limit) / rtt);
+    }
+    return true;
+}
+#endif
 
 bool runLink(const NginxServer& server, const Link& link, const Settings& s) {
     LinkEmulator emulator;
@@ -484,6 +601,9 @@ bool runLink(const NginxServer& server, const Link& link, const Settings& s) {
         }
         if (w.first == Work::kZap && !zapHls(server, emulator, link, s)) return false;
     }
+#ifdef VELKA_BENCH_PLAYER
+    if ((s.only.empty() || s.only == "play") && !zapThroughThePlayer(server, emulator, link, s)) return false;
+#endif
     return true;
 }
 
