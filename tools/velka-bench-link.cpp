@@ -394,6 +394,20 @@ size_t requestsSince(const NginxServer& server, size_t before) {
     return count - before;
 }
 
+// Runs `work` (which stores its timed span) once and adds its time, the MB
+// that crossed the link and the requests nginx answered to `f`.
+bool measure(const NginxServer& server, const LinkEmulator& emulator, Figures* f,
+             const std::function<bool(double*)>& work) {
+    const size_t before = server.requests().size();
+    const uint64_t bytesBefore = emulator.bytesToClients();
+    double took = 0;
+    if (!work(&took)) return false;
+    f->time.push_back(took);
+    f->requests.push_back(static_cast<double>(requestsSince(server, before)));
+    f->megabytes.push_back(static_cast<double>(emulator.bytesToClients() - bytesBefore) / 1e6);
+    return true;
+}
+
 // Zap on the MPEG-TS clip served as HLS: HlsFile beside FFmpeg's own HLS
 // demuxer. The limit: the bytes the same zap reads from the start of the
 // single file (its jump to the end for the duration left out: the playlist
@@ -424,17 +438,13 @@ bool zapHls(const NginxServer& server, LinkEmulator& emulator, const Link& link,
     Figures f[2];
     for (int run = 0; run < s.runs; ++run) {
         for (int i = 0; i < 2; ++i) {
-            const size_t before = server.requests().size();
-            const uint64_t bytesBefore = emulator.bytesToClients();
-            double took = 0;
-            if (!doWork(Work::kZap, readers[i], emulator.url("hls/clip.m3u8"), "", &took, nullptr)) {
+            if (!measure(server, emulator, &f[i], [&](double* took) {
+                    return doWork(Work::kZap, readers[i], emulator.url("hls/clip.m3u8"), "", took, nullptr);
+                })) {
                 fprintf(stderr, "velka-bench-link: zap of hls/clip.m3u8 through %s failed\n",
                         readerName(readers[i]));
                 return false;
             }
-            f[i].time.push_back(took);
-            f[i].requests.push_back(static_cast<double>(requestsSince(server, before)));
-            f[i].megabytes.push_back(static_cast<double>(emulator.bytesToClients() - bytesBefore) / 1e6);
         }
     }
     say("  %-5s %-18s limit %6.3f s (%.2f MB distinct, 3 requests)", "zap", "hls/clip.m3u8", limit,
@@ -518,18 +528,13 @@ bool zapThroughThePlayer(const NginxServer& server, LinkEmulator& emulator, cons
         Figures f[2];
         for (int run = 0; run < s.runs; ++run) {
             for (int i = 0; i < 2; ++i) {
-                const size_t before = server.requests().size();
-                const uint64_t bytesBefore = emulator.bytesToClients();
-                double took = 0;
-                const bool ok = i == 0 ? playerZap(player, emulator.url(clip), &took)
-                                       : ffmpegZap(emulator.url(clip), &took);
-                if (!ok) {
+                if (!measure(server, emulator, &f[i], [&](double* took) {
+                        return i == 0 ? playerZap(player, emulator.url(clip), took)
+                                      : ffmpegZap(emulator.url(clip), took);
+                    })) {
                     fprintf(stderr, "velka-bench-link: no picture of %s through %s\n", clip, names[i]);
                     return false;
                 }
-                f[i].time.push_back(took);
-                f[i].requests.push_back(static_cast<double>(requestsSince(server, before)));
-                f[i].megabytes.push_back(static_cast<double>(emulator.bytesToClients() - bytesBefore) / 1e6);
             }
         }
         say("  %-5s %-18s limit %6.3f s (%.2f MB distinct)", "play", clip, limit, distinct / 1e6);
@@ -574,17 +579,13 @@ bool runLink(const NginxServer& server, const Link& link, const Settings& s) {
             std::vector<Figures> f(readers.size());
             for (int run = 0; run < s.runs; ++run) {
                 for (size_t i = 0; i < readers.size(); ++i) {
-                    const size_t before = server.requests().size();
-                    const uint64_t bytesBefore = emulator.bytesToClients();
-                    double took = 0;
-                    if (!doWork(w.first, readers[i], emulator.url(clip), path, &took, nullptr)) {
+                    if (!measure(server, emulator, &f[i], [&](double* took) {
+                            return doWork(w.first, readers[i], emulator.url(clip), path, took, nullptr);
+                        })) {
                         fprintf(stderr, "velka-bench-link: %s of %s through %s failed\n", w.second, clip,
                                 readerName(readers[i]));
                         return false;
                     }
-                    f[i].time.push_back(took);
-                    f[i].requests.push_back(static_cast<double>(requestsSince(server, before)));
-                    f[i].megabytes.push_back(static_cast<double>(emulator.bytesToClients() - bytesBefore) / 1e6);
                 }
             }
             say("  %-5s %-18s limit %6.3f s (%.2f MB distinct, %d jumps)", w.second, clip, n.seconds,
