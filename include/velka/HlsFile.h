@@ -20,7 +20,9 @@ class HlsSession;
 // Video on demand has a known length() and byte seeks: every segment owns a
 // fixed span of the byte stream, sized before it is fetched, and the bytes of
 // a span past the segment's real end are filler the demuxer skips (MPEG-TS
-// null packets, an MP4 "free" box). A segment larger than its span keeps the
+// null packets, an MP4 "free" box); the last MPEG-TS segment comes after its
+// filler instead, so that the stream's last bytes carry its last timestamps
+// (a demuxer reads them for the duration). A segment larger than its span keeps the
 // whole packets or boxes that fit and loses the rest (logged). A master
 // playlist's variants share those spans, so the file switches between them
 // at segment boundaries by measured throughput. A live playlist (no
